@@ -1,0 +1,48 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "agentcore.diagnostics-collectors.h"
+
+namespace AgentCore::Diagnostics {
+
+/// One row of a collector set: one archive folder, one status, one manifest entry.
+struct CollectorRow {
+    using Run = std::function<CollectorStatus(const std::filesystem::path&, Shared::FileZip::ZipArchiveWrapper&)>;
+
+    int type = 0;
+    /// The manifest's `name`.
+    std::string name;
+    /// Yields the manifest's `origin`; may throw, which leaves the field empty.
+    std::function<std::string()> origin;
+    /// Run in order into the row's folder. The row succeeds when any of them does; their messages follow each other.
+    std::vector<Run> collectors;
+};
+
+/// A collector as a row's member.
+template <Collector T>
+[[nodiscard]] CollectorRow::Run AsRun(T collector = {}) {
+    return [collector](const std::filesystem::path& entryDir, Shared::FileZip::ZipArchiveWrapper& zip) {
+        return collector.Collect(entryDir, zip);
+    };
+}
+
+/// The name of a diagnostic type, as it stands in archive folders.
+[[nodiscard]] const std::string& TypeName(int type);
+
+/// "{}_{}" of the type name and the first number such that no entry's name contains the candidate as a substring: an
+/// entry below number 10 also blocks number 1. One pass over the entries.
+[[nodiscard]] std::filesystem::path UniqueEntryFolder(int type, const Shared::FileZip::ZipArchiveWrapper& zip);
+
+/// Runs one row in a fresh folder and fills its manifest record.
+[[nodiscard]] CollectorStatus RunRow(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapper& zip) noexcept;
+
+/// Runs the rows of a set in order.
+[[nodiscard]] std::vector<CollectorStatus> RunSet(std::span<const CollectorRow> rows,
+                                                  Shared::FileZip::ZipArchiveWrapper& zip);
+
+}  // namespace AgentCore::Diagnostics

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <filesystem>
+
+namespace Shared::FileSystem {
+
+/// The absolute form of a path behind the long-path prefix ("\\?\C:\..." or "\\?\UNC\server\share\..."), which lifts
+/// the limit of 260 characters and takes names verbatim. A path that already has the prefix comes back unchanged.
+/// Throws Win32Exception when the path cannot be made absolute.
+[[nodiscard]] std::filesystem::path LongForm(const std::filesystem::path& path);
+
+}  // namespace Shared::FileSystem

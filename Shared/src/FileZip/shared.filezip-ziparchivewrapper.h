@@ -1,0 +1,59 @@
+#pragma once
+
+#include <libzippp/libzippp.h>
+
+#include <cstdint>
+#include <expected>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Shared::FileZip {
+
+/// "{} B" below 1024, "{} kB" below 1048576, else "{} MB"; integer division, no decimals.
+[[nodiscard]] std::string FormatSize(std::uint64_t bytes);
+
+/// The output archive: owns the zip file on disk and the open library archive on it. After every add the archive is
+/// closed and opened again, so that the file on disk always holds what has been added.
+///
+/// An add costs only the file it is asked to add: when the source vanishes, is locked or cannot be read to its end, or
+/// when the disk is full, the add returns a message that names the file and the reason, the archive stays valid and
+/// open, and every earlier entry is still there.
+class ZipArchiveWrapper {
+public:
+    using AddResult = std::expected<void, std::string>;
+
+    /// `maxArchiveSize` 0 means no limit; otherwise the largest size in bytes that the zip file may have after an add.
+    explicit ZipArchiveWrapper(std::filesystem::path path, std::uint64_t maxArchiveSize = 0, bool deleteOnClose = false);
+    ZipArchiveWrapper(const ZipArchiveWrapper&) = delete;
+    ZipArchiveWrapper& operator=(const ZipArchiveWrapper&) = delete;
+    /// Closes the archive; with deleteOnClose also removes the file.
+    ~ZipArchiveWrapper();
+
+    /// Opens or creates the archive at the path, keeping existing entries. Throws RuntimeException "Path to archive was
+    /// empty" or, when the file cannot be opened as an archive, one that names it and the reason.
+    void Open();
+
+    /// Closes the archive; throws RuntimeException when the library cannot write it.
+    void Close();
+
+    /// Points a closed wrapper at another file.
+    void SetPath(std::filesystem::path path);
+    [[nodiscard]] const std::filesystem::path& Path() const noexcept;
+
+    /// Adds the file under the entry name (UTF-8, forward slashes), replacing an entry of that name. The entry keeps
+    /// the file's modification time. Returns the reason when the file was not archived.
+    AddResult AddFile(const std::string& entryName, const std::filesystem::path& source);
+
+    /// As AddFile, under the folder joined with the source file's own name.
+    AddResult AddFileToFolder(const std::filesystem::path& entryFolder, const std::filesystem::path& source);
+
+    /// The entries of the open archive, in archive order.
+    [[nodiscard]] std::vector<libzippp::ZipEntry> Entries() const;
+
+private:
+    class Impl;  // replaced by the fields when the implementation lands
+};
+
+}  // namespace Shared::FileZip

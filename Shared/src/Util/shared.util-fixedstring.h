@@ -1,0 +1,32 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace Shared::Util {
+
+/// N characters held by value, so that a text can be a template argument. Not terminated; N may be 0.
+template <class Char, class View, class String, std::size_t N>
+struct FixedString {
+    using View_t = View;
+    using String_t = String;
+
+    // NOLINTNEXTLINE(google-explicit-constructor): template arguments are written as plain literals
+    consteval FixedString(const Char (&literal)[N + 1]) { std::copy_n(literal, N, characters); }
+
+    constexpr operator View() const noexcept { return View(characters, N); }  // NOLINT(google-explicit-constructor)
+    explicit constexpr operator String() const { return String(characters, N); }
+    [[nodiscard]] constexpr View ToView() const noexcept { return *this; }
+    [[nodiscard]] constexpr String ToString() const { return String(*this); }
+    [[nodiscard]] constexpr bool Empty() const noexcept { return N == 0; }
+
+    Char characters[N + 1]{};
+};
+
+template <class Char, std::size_t N>
+FixedString(const Char (&)[N])
+    -> FixedString<Char, std::basic_string_view<Char>, std::basic_string<Char>, N - 1>;
+
+}  // namespace Shared::Util

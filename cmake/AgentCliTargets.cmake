@@ -1,0 +1,50 @@
+# The project's kinds of targets: libraries (one per source folder), programs and tests.
+
+# Warnings for our own code only; the dependencies' headers are system headers.
+add_library(agentcli-options INTERFACE)
+target_compile_definitions(agentcli-options INTERFACE
+  UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN _WIN32_WINNT=0x0A00 NTDDI_VERSION=0x0A000006)
+if(MSVC)
+  target_compile_options(agentcli-options INTERFACE /W4 /WX /utf-8 /permissive- /Zc:__cplusplus /Zc:preprocessor)
+else()
+  target_compile_options(agentcli-options INTERFACE
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+    -g -gcodeview -gno-codeview-command-line -fno-omit-frame-pointer
+    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_BINARY_DIR}=build -ffile-compilation-dir=.)
+  if(AGENTCLI_CHECKED)
+    target_compile_definitions(agentcli-options INTERFACE _GLIBCXX_ASSERTIONS)
+    target_compile_options(agentcli-options INTERFACE -fsanitize=undefined -fsanitize-trap=undefined)
+  endif()
+endif()
+
+# agentcli_library(NAME SOURCES file... [LINK target...]): the static library of one folder.
+function(agentcli_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
+  target_link_libraries(${name} PUBLIC ${ARG_LINK} PRIVATE agentcli-options)
+endfunction()
+
+# agentcli_program(NAME SOURCES file... [LINK target...]): an executable with its PDB beside it.
+function(agentcli_program name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+  target_link_libraries(${name} PRIVATE ${ARG_LINK} agentcli-options)
+  if(MINGW)
+    target_link_libraries(${name} PRIVATE -lpthread)
+    # The image carries a content hash in place of a time stamp, and the PDB's bare name.
+    target_link_options(${name} PRIVATE
+      -Wl,--pdb=$<TARGET_FILE_DIR:${name}>/${name}.pdb
+      -Xlinker -Xlink=/pdbaltpath:%_PDB% -Xlinker -Xlink=/pdbsourcepath:.
+      -Xlinker -Xlink=/Brepro)
+    set_target_properties(${name} PROPERTIES ADDITIONAL_CLEAN_FILES $<TARGET_FILE_DIR:${name}>/${name}.pdb)
+  endif()
+endfunction()
+
+# agentcli_test(NAME SOURCES file... [LINK target...]): a GoogleTest program, each test known to CTest.
+function(agentcli_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  agentcli_program(${name} SOURCES ${ARG_SOURCES} LINK ${ARG_LINK} test-support GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()

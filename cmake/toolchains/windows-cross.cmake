@@ -1,0 +1,23 @@
+# Cross toolchain: 64-bit Windows programs from Debian, clang and lld over the mingw-w64 runtime.
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR x86_64)
+
+set(triple x86_64-w64-mingw32)
+foreach(language C CXX)
+  set(CMAKE_${language}_COMPILER clang-19)
+  set(CMAKE_${language}_COMPILER_TARGET ${triple})
+endforeach()
+set(CMAKE_CXX_COMPILER clang++-19)
+set(CMAKE_AR llvm-ar-19)
+set(CMAKE_RANLIB llvm-ranlib-19)
+set(CMAKE_RC_COMPILER ${triple}-windres)
+
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld -static")
+
+# Programs run on the build machine; everything that is linked comes from the runtime's root or from the prefix
+# of the cross-built dependencies.
+set(CMAKE_FIND_ROOT_PATH /usr/${triple} ${CMAKE_PREFIX_PATH})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)

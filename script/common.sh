@@ -1,0 +1,68 @@
+# Shared by the scripts of this folder: sourced, never run.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+export LANG=C.UTF-8 LC_ALL=C.UTF-8
+cache=${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/agentcli
+
+say() { printf '== %s\n' "$*"; }
+die() {
+  printf '%s: %s\n' "$(basename "$0")" "$*" >&2
+  exit 1
+}
+
+# Runs a long command with its output kept in a log; the log's end is shown when the command fails.
+quietly() { # quietly LOG COMMAND...
+  local log=$1
+  shift
+  "$@" >"$log" 2>&1 </dev/null || {
+    tail -n 40 "$log" >&2
+    die "failed: $* (the whole output is in $log)"
+  }
+}
+
+as_root() {
+  if [ "$(id -u)" = 0 ]; then
+    "$@"
+  elif command -v sudo >/dev/null; then
+    sudo -- "$@"
+  else
+    die "installing packages takes root or sudo"
+  fi
+}
+
+# The cross-built dependencies: name, upstream version, and the CMake options of each.
+dependency_list=$root/cmake/dependencies/list.txt
+toolchain_file=$root/cmake/toolchains/windows-cross.cmake
+
+dependency_prefix() {
+  local key
+  key=$(cat "$dependency_list" "$toolchain_file" "$root/script/build-dependencies" | sha256sum | cut -c1-16)
+  printf '%s/prefix-%s' "$cache" "$key"
+}
+
+configure_and_build() { # configure_and_build PRESET [CMAKE TARGET...]
+  local preset=$1 build=$root/build/$1
+  shift
+  export AGENTCLI_PREFIX
+  AGENTCLI_PREFIX=$(dependency_prefix)
+  mkdir -p "$build"
+  if [ ! -f "$build/build.ninja" ]; then
+    say "configuring $preset"
+    (cd "$root" && quietly "$build/configure.log" cmake --preset "$preset")
+  fi
+  say "building $preset"
+  quietly "$build/build.log" cmake --build "$build" ${1:+--target "$@"}
+}
+
+# A quiet Wine without a display, in a prefix of the project's own.
+wine_environment() { # wine_environment PREFIX
+  export WINEPREFIX=$1 WINEDEBUG=-all WINEARCH=win64 WINEDLLOVERRIDES="mscoree=;mshtml="
+  unset DISPLAY WAYLAND_DISPLAY
+  mkdir -p "$(dirname "$WINEPREFIX")"
+  if [ ! -f "$WINEPREFIX/system.reg" ]; then
+    say "making a Wine prefix"
+    quietly "$WINEPREFIX.log" wine wineboot --init
+    wineserver -w 2>/dev/null || true
+  fi
+}

@@ -1,0 +1,128 @@
+#include "test-support.h"
+
+#include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <atomic>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+namespace TestSupport {
+
+namespace {
+
+void Check(LSTATUS status, const char* what) {
+    if (status != ERROR_SUCCESS) {
+        throw std::system_error(static_cast<int>(status), std::system_category(), what);
+    }
+}
+
+std::wstring UniqueName() {
+    static std::atomic<unsigned> count{0};
+    return L"agentcli-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(count++);
+}
+
+}  // namespace
+
+TemporaryFolder::TemporaryFolder() : path_(std::filesystem::temp_directory_path() / UniqueName()) {
+    std::filesystem::remove_all(path_);
+    std::filesystem::create_directories(path_);
+}
+
+TemporaryFolder::~TemporaryFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+WorkingFolder::WorkingFolder() : before_(std::filesystem::current_path()) {
+    std::filesystem::current_path(folder_.Path());
+}
+
+WorkingFolder::~WorkingFolder() {
+    std::error_code ignored;
+    std::filesystem::current_path(before_, ignored);
+}
+
+ThrowAwayHive::ThrowAwayHive() : name_(L"Software\\" + UniqueName()) {
+    Check(RegCreateKeyExW(HKEY_CURRENT_USER, name_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &hive_, nullptr),
+          "RegCreateKeyExW");
+    Check(RegOverridePredefKey(HKEY_LOCAL_MACHINE, hive_), "RegOverridePredefKey");
+}
+
+ThrowAwayHive::~ThrowAwayHive() {
+    RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+    RegCloseKey(hive_);
+    RegDeleteTreeW(HKEY_CURRENT_USER, name_.c_str());
+}
+
+void ThrowAwayHive::SetRaw(const std::wstring& key, const std::wstring& name, DWORD type,
+                           std::string_view bytes) const {
+    HKEY handle = nullptr;
+    Check(RegCreateKeyExW(hive_, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &handle, nullptr),
+          "RegCreateKeyExW");
+    const LSTATUS status = RegSetValueExW(handle, name.c_str(), 0, type, reinterpret_cast<const BYTE*>(bytes.data()),
+                                          static_cast<DWORD>(bytes.size()));
+    RegCloseKey(handle);
+    Check(status, "RegSetValueExW");
+}
+
+void ThrowAwayHive::SetString(const std::wstring& key, const std::wstring& name, const std::wstring& text) const {
+    SetRaw(key, name, REG_SZ,
+           {reinterpret_cast<const char*>(text.c_str()), (text.size() + 1) * sizeof(wchar_t)});
+}
+
+void ThrowAwayHive::SetDword(const std::wstring& key, const std::wstring& name, std::uint32_t number) const {
+    SetRaw(key, name, REG_DWORD, {reinterpret_cast<const char*>(&number), sizeof number});
+}
+
+void ThrowAwayHive::CreateKey(const std::wstring& key) const {
+    HKEY handle = nullptr;
+    Check(RegCreateKeyExW(hive_, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &handle, nullptr),
+          "RegCreateKeyExW");
+    RegCloseKey(handle);
+}
+
+struct CapturedLog::State {
+    std::ostringstream text;
+    std::shared_ptr<spdlog::logger> before;
+};
+
+CapturedLog::CapturedLog() : state_(new State) {
+    state_->before = spdlog::default_logger();
+    auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(state_->text, true);
+    spdlog::set_default_logger(std::make_shared<spdlog::logger>("captured", std::move(sink)));
+}
+
+CapturedLog::~CapturedLog() {
+    spdlog::set_default_logger(state_->before);
+    delete state_;
+}
+
+std::string CapturedLog::Text() const { return state_->text.str(); }
+
+void WriteFile(const std::filesystem::path& path, std::string_view bytes) {
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream stream(path, std::ios::binary);
+    stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    if (!stream.flush()) {
+        throw std::runtime_error("cannot write a test's file");
+    }
+}
+
+std::string ReadFile(const std::filesystem::path& path) {
+    std::ifstream stream(path, std::ios::binary);
+    if (!stream) {
+        throw std::runtime_error("cannot read a test's file");
+    }
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+unsigned HandleCount() {
+    DWORD count = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &count);
+    return count;
+}
+
+}  // namespace TestSupport

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace TestSupport {
+
+/// A new empty folder below the system's temporary folder, removed with its contents at the end. Unique per process
+/// and object, so that test processes can run side by side.
+class TemporaryFolder {
+public:
+    TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    ~TemporaryFolder();
+    [[nodiscard]] const std::filesystem::path& Path() const { return path_; }
+    [[nodiscard]] std::filesystem::path operator/(const std::filesystem::path& name) const { return path_ / name; }
+
+private:
+    std::filesystem::path path_;
+};
+
+/// A temporary folder that is also the process's current directory while the object lives.
+class WorkingFolder {
+public:
+    WorkingFolder();
+    WorkingFolder(const WorkingFolder&) = delete;
+    WorkingFolder& operator=(const WorkingFolder&) = delete;
+    ~WorkingFolder();
+    [[nodiscard]] const std::filesystem::path& Path() const { return folder_.Path(); }
+
+private:
+    TemporaryFolder folder_;
+    std::filesystem::path before_;
+};
+
+/// Gives HKEY_LOCAL_MACHINE an empty throw-away hive while the object lives.
+class ThrowAwayHive {
+public:
+    ThrowAwayHive();
+    ThrowAwayHive(const ThrowAwayHive&) = delete;
+    ThrowAwayHive& operator=(const ThrowAwayHive&) = delete;
+    ~ThrowAwayHive();
+
+    /// Creates the key below HKEY_LOCAL_MACHINE when needed and sets a value (an empty name is the default value).
+    void SetRaw(const std::wstring& key, const std::wstring& name, DWORD type, std::string_view bytes) const;
+    void SetString(const std::wstring& key, const std::wstring& name, const std::wstring& text) const;
+    void SetDword(const std::wstring& key, const std::wstring& name, std::uint32_t number) const;
+    void CreateKey(const std::wstring& key) const;
+
+private:
+    HKEY hive_ = nullptr;
+    std::wstring name_;
+};
+
+/// The default logger writing into memory while the object lives.
+class CapturedLog {
+public:
+    CapturedLog();
+    CapturedLog(const CapturedLog&) = delete;
+    CapturedLog& operator=(const CapturedLog&) = delete;
+    ~CapturedLog();
+    [[nodiscard]] std::string Text() const;
+
+private:
+    struct State;
+    State* state_;
+};
+
+void WriteFile(const std::filesystem::path& path, std::string_view bytes);
+[[nodiscard]] std::string ReadFile(const std::filesystem::path& path);
+
+/// The number of open handles of this process.
+[[nodiscard]] unsigned HandleCount();
+
+}  // namespace TestSupport
