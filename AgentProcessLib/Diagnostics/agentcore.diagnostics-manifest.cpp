@@ -1,0 +1,21 @@
+#include "agentcore.diagnostics-manifest.h"
+
+#include "shared.exception.h"
+#include "shared.protobuf.util.h"
+
+namespace AgentCore::Diagnostics {
+
+void WriteManifest(std::span<const CollectorStatus> statuses, Shared::FileZip::ZipArchiveWrapper& zip) {
+    ::Diagnostics::DiagnosticResponse response;
+    for (const CollectorStatus& status : statuses) {
+        *response.add_diagnostics() = status.diagnostic;
+    }
+    const std::string json = Shared::Protobuf::GenerateJSONFrom(response);
+    Shared::FileSystem::GeneratedFile file(L"manifest.json");
+    file.WriteText(json);
+    if (const auto added = zip.AddFile("manifest.json", file.Path()); !added) {
+        throw Shared::Exception::RuntimeException(added.error());
+    }
+}
+
+}  // namespace AgentCore::Diagnostics
