@@ -1,0 +1,113 @@
+#include "agentcli-core-process.h"
+
+#include <windows.h>
+
+#include <shellapi.h>
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <filesystem>
+#include <iterator>
+#include <string_view>
+#include <utility>
+
+#include "shared.filesystem-longpath.h"
+#include "shared.filesystem-removal.h"
+#include "shared.system-functions.h"
+#include "shared.util-functions.h"
+#include "shared.util-handle.h"
+
+namespace AgentCLI::Core {
+
+namespace {
+
+constexpr std::size_t maxLogSize = 10240;
+constexpr std::size_t rotatedLogs = 1;
+constexpr std::chrono::seconds flushInterval{5};
+
+// Keeps the process from following junctions that non-administrators made (Windows 11 and late Windows 10).
+void RefuseRedirection() noexcept {
+    using SetPolicy = BOOL(WINAPI*)(int, PVOID, SIZE_T);
+    constexpr int redirectionTrustPolicy = 16;
+    const HMODULE kernel = GetModuleHandleW(L"kernel32.dll");
+    if (kernel == nullptr) {
+        return;
+    }
+    if (const auto setPolicy =
+            reinterpret_cast<SetPolicy>(reinterpret_cast<void*>(GetProcAddress(kernel, "SetProcessMitigationPolicy")))) {
+        DWORD enforce = 1;
+        setPolicy(redirectionTrustPolicy, &enforce, sizeof enforce);
+    }
+}
+
+// A symbolic link or a second name of some other file: writing to it would write elsewhere.
+bool LeadsElsewhere(const std::filesystem::path& path) {
+    const Shared::Util::FileHandle file(CreateFileW(
+        Shared::FileSystem::LongForm(path).c_str(), FILE_READ_ATTRIBUTES,
+        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+        FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    BY_HANDLE_FILE_INFORMATION information{};
+    if (!file || GetFileInformationByHandle(file.Get(), &information) == FALSE) {
+        return false;
+    }
+    return (information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 ||
+           ((information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 && information.nNumberOfLinks > 1);
+}
+
+}  // namespace
+
+void PrepareProcess() noexcept {
+    SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
+    SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
+    RefuseRedirection();
+    // The interpreter looks for "route" and its like in the current directory first and then along PATH, where a
+    // user's own folders stand as well.
+    SetEnvironmentVariableW(L"NoDefaultCurrentDirectoryInExePath", L"1");
+    SetEnvironmentVariableW(L"PATHEXT", L".COM;.EXE;.BAT;.CMD");
+    try {
+        const std::wstring windows = Shared::System::GetWindowsPath().native();
+        const std::wstring system = windows + L"\\System32";
+        SetEnvironmentVariableW(
+            L"PATH", (system + L';' + windows + L';' + system + L"\\Wbem;" + system + L"\\WindowsPowerShell\\v1.0\\").c_str());
+    } catch (const std::exception&) {
+        // The program goes on with the path it has; the command collectors report the missing directory themselves.
+    }
+}
+
+void SetUpLog() {
+    for (const wchar_t* name : {L"agent-cli.log", L"agent-cli.1.log"}) {
+        if (LeadsElsewhere(name)) {
+            Shared::FileSystem::FileObjectRemover(name).Clear();
+        }
+    }
+    auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(SPDLOG_FILENAME_T("agent-cli.log"), maxLogSize,
+                                                                       rotatedLogs);
+    ProcessLogger() = std::make_shared<spdlog::logger>("default", std::move(sink));
+    spdlog::set_default_logger(ProcessLogger());
+    spdlog::set_level(spdlog::level::info);
+    spdlog::flush_every(flushInterval);
+}
+
+std::shared_ptr<spdlog::logger>& ProcessLogger() noexcept {
+    static std::shared_ptr<spdlog::logger> logger;
+    return logger;
+}
+
+Utf8Arguments::Utf8Arguments(int count, const char* const* values) {
+    int wideCount = 0;
+    const std::unique_ptr<LPWSTR, decltype(&LocalFree)> wide(CommandLineToArgvW(GetCommandLineW(), &wideCount),
+                                                             &LocalFree);
+    if (wide) {
+        std::transform(wide.get(), wide.get() + wideCount, std::back_inserter(texts_),
+                       [](const wchar_t* text) { return Shared::Util::ToUtf8(std::wstring_view(text)); });
+    } else {
+        texts_.assign(values, values + count);
+    }
+    std::ranges::transform(texts_, std::back_inserter(pointers_), [](const std::string& text) { return text.c_str(); });
+    pointers_.push_back(nullptr);
+}
+
+}  // namespace AgentCLI::Core
