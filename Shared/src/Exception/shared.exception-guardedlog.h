@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <spdlog/common.h>
 
+#include <concepts>
 #include <source_location>
 #include <string_view>
 

@@ -1,0 +1,160 @@
+#include "shared.exception-stacktrace.h"
+
+#include <windows.h>
+
+#include <dbghelp.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <mutex>
+#include <span>
+#include <string_view>
+#include <unordered_map>
+
+#include "shared.exception-text.h"
+
+namespace Shared::Exception {
+
+namespace {
+
+struct Frame {
+    std::string description;
+    std::string file;
+    DWORD line = 0;
+};
+
+// What runs before main: of no use to a reader, and different on every machine.
+constexpr std::array<std::string_view, 6> startUp{"invoke_main",       "ucrtbase",       "__scrt_common_main_seh",
+                                                  "__tmainCRTStartup", "mainCRTStartup", "WinMainCRTStartup"};
+
+std::wstring FileNameOf(HMODULE module) {
+    std::wstring name(MAX_PATH, L'\0');
+    for (;;) {
+        const DWORD length = GetModuleFileNameW(module, name.data(), static_cast<DWORD>(name.size()));
+        if (length < name.size()) {
+            name.resize(length);
+            return name;
+        }
+        name.resize(name.size() * 2);
+    }
+}
+
+std::wstring_view WithoutExtension(std::wstring_view path) {
+    const std::size_t mark = path.find_last_of(L".\\/");
+    return mark != std::wstring_view::npos && path[mark] == L'.' ? path.substr(0, mark) : path;
+}
+
+std::string NameOf(std::wstring_view path) {
+    return Narrow(WithoutExtension(path.substr(path.find_last_of(L"\\/") + 1)));
+}
+
+// DbgHelp, for the one module whose symbols this program brings along. All other modules are left to the export-less
+// "module+offset" form: for a PDB that it does not find in the search path DbgHelp also tries the bare name, in the
+// current directory, which for this program is a folder that any user may fill.
+class Symbols {
+public:
+    static Symbols& Instance() {
+        static Symbols symbols;
+        return symbols;
+    }
+
+    // Frames of the executable are remembered; it stays at its place as long as the process lives.
+    Frame Resolve(std::uintptr_t returnAddress) {
+        HMODULE module = nullptr;
+        if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                               reinterpret_cast<const wchar_t*>(returnAddress), &module) == FALSE) {
+            return {.description = fmt::format("{:#x}", returnAddress), .file = {}};
+        }
+        const std::uintptr_t offset = returnAddress - reinterpret_cast<std::uintptr_t>(module);
+        if (module != executable_) {
+            return {.description = fmt::format("{}+{:#x}", NameOf(FileNameOf(module)), offset), .file = {}};
+        }
+        const std::lock_guard lock(mutex_);
+        const auto [entry, isNew] = known_.try_emplace(returnAddress);
+        if (isNew) {
+            entry->second = ResolveOwn(returnAddress, offset);
+        }
+        return entry->second;
+    }
+
+private:
+    static constexpr std::size_t maxNameLength = 2000;
+
+    Symbols() : executable_(GetModuleHandleW(nullptr)) {
+        const std::wstring path = FileNameOf(executable_);
+        name_ = NameOf(path);
+        const std::wstring folder = path.substr(0, path.find_last_of(L"\\/"));
+        // A semicolon would split the folder into search paths of somebody else's choice.
+        if (folder.contains(L';') ||
+            GetFileAttributesW((std::wstring(WithoutExtension(path)) + L".pdb").c_str()) == INVALID_FILE_ATTRIBUTES) {
+            return;
+        }
+        SymSetOptions(SYMOPT_LOAD_LINES | SYMOPT_UNDNAME | SYMOPT_DEFERRED_LOADS | SYMOPT_FAIL_CRITICAL_ERRORS |
+                      SYMOPT_NO_PROMPTS);
+        ready_ = SymInitializeW(GetCurrentProcess(), folder.c_str(), TRUE) != FALSE;
+    }
+
+    Frame ResolveOwn(std::uintptr_t returnAddress, std::uintptr_t offset) const {
+        Frame frame{.description = fmt::format("{}+{:#x}", name_, offset), .file = {}};
+        if (!ready_) {
+            return frame;
+        }
+        // The return address lies behind the call, which may be the next line or even the next function.
+        const DWORD64 address = returnAddress - 1;
+        alignas(SYMBOL_INFOW) std::array<std::byte, sizeof(SYMBOL_INFOW) + maxNameLength * sizeof(wchar_t)> buffer{};
+        auto* symbol = reinterpret_cast<SYMBOL_INFOW*>(buffer.data());
+        symbol->SizeOfStruct = sizeof(SYMBOL_INFOW);
+        symbol->MaxNameLen = maxNameLength;
+        DWORD64 displacement = 0;
+        if (SymFromAddrW(GetCurrentProcess(), address, &displacement, symbol) != FALSE) {
+            frame.description = fmt::format("{}!{}+{:#x}", name_, Narrow(symbol->Name), displacement + 1);
+        }
+        IMAGEHLP_LINEW64 line{};
+        line.SizeOfStruct = sizeof line;
+        DWORD column = 0;
+        if (SymGetLineFromAddrW64(GetCurrentProcess(), address, &column, &line) != FALSE && line.FileName != nullptr) {
+            frame.file = Narrow(line.FileName);
+            frame.line = line.LineNumber;
+        }
+        return frame;
+    }
+
+    HMODULE executable_;
+    std::string name_;
+    bool ready_ = false;
+    std::mutex mutex_;
+    std::unordered_map<std::uintptr_t, Frame> known_;
+};
+
+}  // namespace
+
+StackTrace StackTrace::Capture(unsigned framesToSkip) noexcept {
+    const LastErrorKeeper lastError;
+    StackTrace trace;
+    trace.count_ =
+        CaptureStackBackTrace(framesToSkip + 1, static_cast<DWORD>(maxFrames), trace.frames_.data(), nullptr);
+    return trace;
+}
+
+std::string StackTrace::ToString() const {
+    const LastErrorKeeper lastError;
+    std::string text = "Stacktrace:\n";
+    for (const void* address : std::span(frames_).first(count_)) {
+        const Frame frame = Symbols::Instance().Resolve(reinterpret_cast<std::uintptr_t>(address));
+        if (std::ranges::any_of(startUp, [&](std::string_view name) { return frame.description.contains(name); })) {
+            break;
+        }
+        fmt::format_to(std::back_inserter(text), "\tFrame: {}\n", frame.description);
+        if (!frame.file.empty()) {
+            fmt::format_to(std::back_inserter(text), "\tSource file: {}:{}\n", frame.file, frame.line);
+        }
+        text += "\t------------------------------------\n";
+    }
+    return text;
+}
+
+}  // namespace Shared::Exception
