@@ -8,7 +8,8 @@ extern "C" const IMAGE_LOAD_CONFIG_DIRECTORY64 _load_config_used;
 const IMAGE_LOAD_CONFIG_DIRECTORY64 _load_config_used = [] {
     IMAGE_LOAD_CONFIG_DIRECTORY64 configuration{};
     configuration.Size = sizeof configuration;
-    configuration.DependentLoadFlags = LOAD_LIBRARY_SEARCH_SYSTEM32;
+    // The field that the headers here still call reserved holds the dependent-load flags.
+    configuration.Reserved1 = LOAD_LIBRARY_SEARCH_SYSTEM32;
     return configuration;
 }();
 #endif

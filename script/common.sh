@@ -66,3 +66,9 @@ wine_environment() { # wine_environment PREFIX
     wineserver -w 2>/dev/null || true
   fi
 }
+
+# Our own C++, one path a line, relative to the root.
+own_sources() {
+  (cd "$root" && find AgentCLI AgentProcessLib Shared compat tests bench demo -name '*.h' -o -name '*.cpp' 2>/dev/null |
+    LC_ALL=C sort)
+}
