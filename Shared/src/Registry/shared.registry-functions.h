@@ -1,0 +1,47 @@
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <source_location>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "shared.exception.h"
+
+/// Read-only access to the registry, in the native 64-bit view.
+namespace Shared::Registry {
+
+/// A registry call that failed, with its Win32 code.
+class RegistryException : public Exception::Win32Exception {
+public:
+    using Win32Exception::Win32Exception;
+};
+
+/// Opens a key below the parent; the caller closes it. Throws RuntimeException for a null parent, NotFoundException
+/// when there is no such key, Win32Exception for any other failure. A path that holds a NUL cannot be opened:
+/// ERROR_INVALID_NAME.
+[[nodiscard]] HKEY OpenKey(HKEY parent, const std::wstring& path, std::uint32_t access);
+
+/// "HKEY_LOCAL_MACHINE" and its like; "(unknown superkey)" for what is not one of the five root keys.
+[[nodiscard]] std::wstring_view SuperkeyName(HKEY key) noexcept;
+
+/// The key's default value, without its terminator. "(value not set)" when there is none, when it is no REG_SZ and when
+/// it is empty. Throws InvalidArgumentException for a null key, RegistryException when the value cannot be read.
+[[nodiscard]] std::wstring RegGetDefault(HKEY key);
+
+/// A REG_SZ value up to its first terminator. Throws InvalidArgumentException for a null root, RegistryException when
+/// there is no such value or it is of another type.
+[[nodiscard]] std::wstring RegGetString(HKEY root, std::wstring_view subkey, std::wstring_view name);
+
+/// The strings of a REG_MULTI_SZ value, with the empty one before the terminator of the list: "a", "b" comes back as
+/// "a", "b", "". Throws as RegGetString does.
+[[nodiscard]] std::vector<std::wstring> RegGetMultiString(HKEY root, std::wstring_view subkey, std::wstring_view name);
+
+/// Throws RegistryException "{}; key: {:#X}; subkey: {}; value name: {}".
+[[noreturn]] void ThrowRegError(std::uint32_t code, std::wstring_view message, HKEY key, std::wstring_view subkey,
+                                std::wstring_view name,
+                                const std::source_location& location = std::source_location::current());
+
+}  // namespace Shared::Registry
