@@ -39,7 +39,9 @@ namespace {
 
 constexpr const wchar_t* archiveName = L"diagnostics.zip";
 
-std::error_code SystemError(DWORD code) { return {static_cast<int>(code), std::system_category()}; }
+std::error_code SystemError(DWORD code) {
+    return {static_cast<int>(code), std::system_category()};
+}
 
 void RemoveFile(const fs::path& path) {
     if (const DWORD error = Shared::FileSystem::RemoveName(path); error != ERROR_SUCCESS) {
@@ -132,8 +134,7 @@ fs::path Absolute(const fs::path& path) {
 
 void CollectDiagnostics::Configure(CLI::App& agent, CollectDiagnosticsOptions& options) {
     CLI::App& command = *agent.add_subcommand(
-        "collect-diagnostics",
-        "Collects diagnostics. Specify the type or none to collect all diagnostic types.");
+        "collect-diagnostics", "Collects diagnostics. Specify the type or none to collect all diagnostic types.");
     command.add_option("--path,-p", options.path,
                        "The path to copy the output to. If only a name is specified, the generated zip will be moved "
                        "to the specified name on the filesystem.");

@@ -36,8 +36,8 @@ void RefuseRedirection() noexcept {
     if (kernel == nullptr) {
         return;
     }
-    if (const auto setPolicy =
-            reinterpret_cast<SetPolicy>(reinterpret_cast<void*>(GetProcAddress(kernel, "SetProcessMitigationPolicy")))) {
+    if (const auto setPolicy = reinterpret_cast<SetPolicy>(
+            reinterpret_cast<void*>(GetProcAddress(kernel, "SetProcessMitigationPolicy")))) {
         DWORD enforce = 1;
         setPolicy(redirectionTrustPolicy, &enforce, sizeof enforce);
     }
@@ -45,10 +45,10 @@ void RefuseRedirection() noexcept {
 
 // A symbolic link or a second name of some other file: writing to it would write elsewhere.
 bool LeadsElsewhere(const std::filesystem::path& path) {
-    const Shared::Util::FileHandle file(CreateFileW(
-        Shared::FileSystem::LongForm(path).c_str(), FILE_READ_ATTRIBUTES,
-        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-        FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    const Shared::Util::FileHandle file(
+        CreateFileW(Shared::FileSystem::LongForm(path).c_str(), FILE_READ_ATTRIBUTES,
+                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                    FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     BY_HANDLE_FILE_INFORMATION information{};
     if (!file || GetFileInformationByHandle(file.Get(), &information) == FALSE) {
         return false;
@@ -71,7 +71,8 @@ void PrepareProcess() noexcept {
         const std::wstring windows = Shared::System::GetWindowsPath().native();
         const std::wstring system = windows + L"\\System32";
         SetEnvironmentVariableW(
-            L"PATH", (system + L';' + windows + L';' + system + L"\\Wbem;" + system + L"\\WindowsPowerShell\\v1.0\\").c_str());
+            L"PATH",
+            (system + L';' + windows + L';' + system + L"\\Wbem;" + system + L"\\WindowsPowerShell\\v1.0\\").c_str());
     } catch (const std::exception&) {
         // The program goes on with the path it has; the command collectors report the missing directory themselves.
     }

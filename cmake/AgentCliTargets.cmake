@@ -36,8 +36,9 @@ function(agentcli_program name)
     # The image carries a content hash in place of a time stamp, and the PDB's bare name.
     target_link_options(${name} PRIVATE
       -Wl,--pdb=$<TARGET_FILE_DIR:${name}>/${name}.pdb
-      -Xlinker -Xlink=/pdbaltpath:%_PDB% -Xlinker -Xlink=/pdbsourcepath:.
-      -Xlinker -Xlink=/Brepro)
+      -Wl,-Xlink=/pdbaltpath:%_PDB%,-Xlink=/pdbsourcepath:.,-Xlink=/Brepro
+      # libstdc++ 12 defines type_info's comparison in the library as well as, from C++23 on, inline.
+      -Wl,--allow-multiple-definition)
     set_target_properties(${name} PROPERTIES ADDITIONAL_CLEAN_FILES $<TARGET_FILE_DIR:${name}>/${name}.pdb)
   endif()
 endfunction()

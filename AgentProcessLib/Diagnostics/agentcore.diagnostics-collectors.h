@@ -40,7 +40,9 @@ concept Collector =
     };
 
 /// An unsuccessful status with one message, or with none.
-[[nodiscard]] inline CollectorStatus Unsuccessful() { return {}; }
+[[nodiscard]] inline CollectorStatus Unsuccessful() {
+    return {};
+}
 [[nodiscard]] inline CollectorStatus Unsuccessful(std::string message) {
     CollectorStatus status;
     status.errors.push_back(std::move(message));

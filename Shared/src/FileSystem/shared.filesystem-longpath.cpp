@@ -38,8 +38,7 @@ std::filesystem::path LongForm(const std::filesystem::path& path) {
     }
     // GetFullPathNameW would drop trailing dots and blanks, which are legal in names that other programs made, and
     // turn device names into devices: an absolute path is only freed of its "." and "..".
-    const std::wstring full =
-        path.is_absolute() ? path.lexically_normal().make_preferred().native() : FullPath(text);
+    const std::wstring full = path.is_absolute() ? path.lexically_normal().make_preferred().native() : FullPath(text);
     if (full.starts_with(LR"(\\)")) {
         return std::wstring(LR"(\\?\UNC)") + full.substr(1);
     }

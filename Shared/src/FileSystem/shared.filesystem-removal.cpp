@@ -14,7 +14,9 @@ namespace Shared::FileSystem {
 
 namespace {
 
-bool IsMissing(DWORD error) { return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND; }
+bool IsMissing(DWORD error) {
+    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
+}
 
 DWORD RemoveLongName(const std::wstring& name) {
     const DWORD attributes = GetFileAttributesW(name.c_str());
@@ -106,7 +108,9 @@ FileObjectRemover& FileObjectRemover::operator=(FileObjectRemover&& other) noexc
     return *this;
 }
 
-FileObjectRemover::~FileObjectRemover() { Clear(); }
+FileObjectRemover::~FileObjectRemover() {
+    Clear();
+}
 
 void FileObjectRemover::Clear() noexcept {
     const std::filesystem::path path = std::exchange(path_, {});
