@@ -69,8 +69,7 @@ void ThrowAwayHive::SetRaw(const std::wstring& key, const std::wstring& name, DW
 }
 
 void ThrowAwayHive::SetString(const std::wstring& key, const std::wstring& name, const std::wstring& text) const {
-    SetRaw(key, name, REG_SZ,
-           {reinterpret_cast<const char*>(text.c_str()), (text.size() + 1) * sizeof(wchar_t)});
+    SetRaw(key, name, REG_SZ, {reinterpret_cast<const char*>(text.c_str()), (text.size() + 1) * sizeof(wchar_t)});
 }
 
 void ThrowAwayHive::SetDword(const std::wstring& key, const std::wstring& name, std::uint32_t number) const {
@@ -100,7 +99,9 @@ CapturedLog::~CapturedLog() {
     delete state_;
 }
 
-std::string CapturedLog::Text() const { return state_->text.str(); }
+std::string CapturedLog::Text() const {
+    return state_->text.str();
+}
 
 void WriteFile(const std::filesystem::path& path, std::string_view bytes) {
     std::filesystem::create_directories(path.parent_path());
@@ -117,6 +118,17 @@ std::string ReadFile(const std::filesystem::path& path) {
         throw std::runtime_error("cannot read a test's file");
     }
     return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+std::filesystem::path ChildProgram() {
+    wchar_t self[MAX_PATH]{};
+    GetModuleFileNameW(nullptr, self, MAX_PATH);
+    for (std::filesystem::path folder(self); folder != folder.root_path(); folder = folder.parent_path()) {
+        if (auto program = folder.parent_path() / "support" / "test-child.exe"; std::filesystem::exists(program)) {
+            return program;
+        }
+    }
+    throw std::runtime_error("test-child.exe is not built");
 }
 
 unsigned HandleCount() {

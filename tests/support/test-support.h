@@ -74,6 +74,9 @@ private:
 void WriteFile(const std::filesystem::path& path, std::string_view bytes);
 [[nodiscard]] std::string ReadFile(const std::filesystem::path& path);
 
+/// The program whose arguments say what it does (tests/support/child/test-child.cpp).
+[[nodiscard]] std::filesystem::path ChildProgram();
+
 /// The number of open handles of this process.
 [[nodiscard]] unsigned HandleCount();
 

@@ -1,0 +1,277 @@
+#include "shared.concurrency-cmdrunner.h"
+
+#include <fmt/format.h>
+#include <fmt/xchar.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "shared.concurrency-event.h"
+#include "shared.concurrency-pipe.h"
+#include "shared.exception-guardedlog.h"
+#include "shared.system-functions.h"
+#include "shared.util-handle.h"
+
+namespace Shared::Concurrency {
+
+namespace {
+
+constexpr std::size_t chunkSize = 4096;
+constexpr DWORD endGraceMilliseconds = 1000;
+
+DWORD ToWait(std::chrono::milliseconds timeout) {
+    return static_cast<DWORD>(std::clamp<std::chrono::milliseconds::rep>(timeout.count(), 0, INFINITE - 1));
+}
+
+// The attributes of a process to be created. The values that they point to must outlive the object.
+class AttributeList {
+public:
+    explicit AttributeList(DWORD count) {
+        SIZE_T size = 0;
+        InitializeProcThreadAttributeList(nullptr, count, 0, &size);
+        storage_.resize(size);
+        if (InitializeProcThreadAttributeList(Get(), count, 0, &size) == FALSE) {
+            throw Exception::Win32Exception("CreateProcessW() failed", GetLastError());
+        }
+    }
+    AttributeList(const AttributeList&) = delete;
+    AttributeList& operator=(const AttributeList&) = delete;
+    ~AttributeList() { DeleteProcThreadAttributeList(Get()); }
+
+    [[nodiscard]] bool Add(DWORD_PTR attribute, void* value, std::size_t size) {
+        return UpdateProcThreadAttribute(Get(), 0, attribute, value, size, nullptr, nullptr) != FALSE;
+    }
+    [[nodiscard]] LPPROC_THREAD_ATTRIBUTE_LIST Get() {
+        return reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(storage_.data());
+    }
+
+private:
+    std::vector<std::byte> storage_;
+};
+
+bool IsInJob(HANDLE process, HANDLE job) {
+    BOOL inJob = FALSE;
+    return IsProcessInJob(process, job, &inJob) != FALSE && inJob != FALSE;
+}
+
+// One attempt to start the process: ERROR_SUCCESS or the system's reason.
+DWORD Start(const std::wstring& applicationName, const std::wstring& commandLine, std::array<HANDLE, 2> standardHandles,
+            HANDLE job, PROCESS_INFORMATION& process) {
+    AttributeList attributes(2);
+    // Without the list a child would inherit every inheritable handle that anybody in this process has open.
+    if (!attributes.Add(PROC_THREAD_ATTRIBUTE_HANDLE_LIST, standardHandles.data(), sizeof standardHandles) ||
+        (job != nullptr && !attributes.Add(PROC_THREAD_ATTRIBUTE_JOB_LIST, &job, sizeof job))) {
+        return GetLastError();
+    }
+    STARTUPINFOEXW startup{};
+    startup.StartupInfo.cb = sizeof startup;
+    startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+    startup.StartupInfo.hStdInput = standardHandles[0];
+    startup.StartupInfo.hStdOutput = standardHandles[1];
+    startup.StartupInfo.hStdError = standardHandles[1];
+    startup.lpAttributeList = attributes.Get();
+    std::wstring writable = commandLine;
+    const BOOL started =
+        CreateProcessW(applicationName.empty() ? nullptr : applicationName.c_str(), writable.data(), nullptr, nullptr,
+                       TRUE, EXTENDED_STARTUPINFO_PRESENT, nullptr, nullptr, &startup.StartupInfo, &process);
+    return started != FALSE ? ERROR_SUCCESS : GetLastError();
+}
+
+// A job that ends its processes when its only handle goes, also when this process is killed. A crash in it ends the
+// process instead of waiting for somebody to answer a dialog. None when the system has no job for us.
+Util::KernelHandle CreateChildJob() {
+    Util::KernelHandle job(CreateJobObjectW(nullptr, nullptr));
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+    limits.BasicLimitInformation.LimitFlags =
+        JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE | JOB_OBJECT_LIMIT_DIE_ON_UNHANDLED_EXCEPTION;
+    if (!job ||
+        SetInformationJobObject(job.Get(), JobObjectExtendedLimitInformation, &limits, sizeof limits) == FALSE) {
+        Exception::LogWarning("A command runs without a job: {}", Exception::Win32Message(GetLastError()));
+        job.Reset();
+    }
+    return job;
+}
+
+// A running child; nothing of it is left when the object goes.
+class Child {
+public:
+    Child(const std::wstring& applicationName, const std::wstring& commandLine, HANDLE stdinRead, HANDLE stdoutWrite)
+        : job_(CreateChildJob()) {
+        const PROCESS_INFORMATION started =
+            CreateChildProcess(applicationName, commandLine, stdinRead, stdoutWrite, job_.Get());
+        process_.Reset(started.hProcess);
+        thread_.Reset(started.hThread);
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    ~Child() {
+        Terminate(WAIT_TIMEOUT);
+        AwaitEnd();
+    }
+
+    // Does nothing to processes that have ended.
+    void Terminate(UINT exitCode) const noexcept {
+        if (!job_ || !IsInJob(process_.Get(), job_.Get()) || TerminateJobObject(job_.Get(), exitCode) == FALSE) {
+            TerminateProcess(process_.Get(), exitCode);
+        }
+    }
+
+    [[nodiscard]] std::uint32_t ExitCode(std::uint32_t unlessKnown) const noexcept {
+        DWORD code = unlessKnown;
+        GetExitCodeProcess(process_.Get(), &code);
+        return code;
+    }
+
+private:
+    // Termination is only begun by the call that asks for it, and until it is done files stay open.
+    void AwaitEnd() const noexcept {
+        const ULONGLONG deadline = GetTickCount64() + endGraceMilliseconds;
+        JOBOBJECT_BASIC_ACCOUNTING_INFORMATION job{};
+        WaitForSingleObject(process_.Get(), endGraceMilliseconds);
+        while (job_ &&
+               QueryInformationJobObject(job_.Get(), JobObjectBasicAccountingInformation, &job, sizeof job, nullptr) !=
+                   FALSE &&
+               job.ActiveProcesses != 0 && GetTickCount64() < deadline) {
+            Sleep(1);
+        }
+    }
+
+    Util::KernelHandle job_;
+    Util::KernelHandle process_;
+    Util::KernelHandle thread_;
+};
+
+std::wstring InterpreterPath() {
+    std::wstring path = fmt::format(L"{}\\System32\\cmd.exe", Shared::System::GetWindowsPath().native());
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES) {
+        throw Exception::Win32Exception("CreateProcessW() failed", GetLastError());
+    }
+    if ((attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)) != 0) {
+        throw Exception::Win32Exception("CreateProcessW() failed", ERROR_FILE_NOT_FOUND);
+    }
+    return path;
+}
+
+// One overlapped read into a buffer of its own. The system writes to both until the read has ended: the object does
+// not go before that.
+class PendingRead {
+public:
+    PendingRead(HANDLE pipe, const Event& event) : pipe_(pipe), event_(event) {}
+    PendingRead(const PendingRead&) = delete;
+    PendingRead& operator=(const PendingRead&) = delete;
+    ~PendingRead() { Cancel(); }
+
+    // False when there is nothing more to read.
+    [[nodiscard]] bool Begin() {
+        overlapped_ = {};
+        overlapped_.hEvent = event_.Handle();
+        underWay_ =
+            ReadFile(pipe_, buffer_.data(), static_cast<DWORD>(buffer_.size()), nullptr, &overlapped_) != FALSE ||
+            GetLastError() == ERROR_IO_PENDING;
+        return underWay_;
+    }
+
+    // The bytes of a read that has ended; none after its failure.
+    [[nodiscard]] std::string_view End() { return Finish(FALSE); }
+
+    // Ends the read early; the bytes that came in before that.
+    std::string_view Cancel() {
+        if (!underWay_) {
+            return {};
+        }
+        CancelIoEx(pipe_, &overlapped_);
+        return Finish(TRUE);
+    }
+
+private:
+    std::string_view Finish(BOOL wait) {
+        DWORD count = 0;
+        if (GetOverlappedResult(pipe_, &overlapped_, &count, wait) == FALSE) {
+            count = 0;
+        }
+        underWay_ = false;
+        return {buffer_.data(), count};
+    }
+
+    HANDLE pipe_;
+    const Event& event_;
+    OVERLAPPED overlapped_{};
+    std::array<char, chunkSize> buffer_{};
+    bool underWay_ = false;
+};
+
+}  // namespace
+
+ReadTimeout::ReadTimeout(std::string output, const std::source_location& location, const Exception::StackTrace& trace)
+    : TimeoutException("CMD IO operation timed out.", location, trace), output_(std::move(output)) {}
+
+PROCESS_INFORMATION CreateChildProcess(const std::wstring& applicationName, const std::wstring& commandLine,
+                                       HANDLE stdinRead, HANDLE stdoutWrite, HANDLE job) {
+    const std::array handles{stdinRead, stdoutWrite};
+    PROCESS_INFORMATION process{};
+    DWORD error = Start(applicationName, commandLine, handles, job, process);
+    if (error != ERROR_SUCCESS && job != nullptr) {
+        error = Start(applicationName, commandLine, handles, nullptr, process);
+    }
+    if (error != ERROR_SUCCESS) {
+        throw Exception::Win32Exception("CreateProcessW() failed", error);
+    }
+    if (job != nullptr && !IsInJob(process.hProcess, job) && AssignProcessToJobObject(job, process.hProcess) == FALSE) {
+        Exception::LogWarning("A command runs outside its job: {}", Exception::Win32Message(GetLastError()));
+    }
+    return process;
+}
+
+std::string ReadFromPipe(HANDLE pipe, std::chrono::milliseconds timeout) {
+    std::string output;
+    output.reserve(chunkSize);
+    Event event;
+    event.InternalCreate(true, false, {});
+    PendingRead read(pipe, event);
+    while (read.Begin()) {
+        if (!event.WaitOnEvent(ToWait(timeout), false)) {
+            output += read.Cancel();
+            throw ReadTimeout(std::move(output));
+        }
+        const std::string_view bytes = read.End();
+        if (bytes.empty()) {
+            break;
+        }
+        output += bytes;
+        event.Reset();
+    }
+    return output;
+}
+
+CmdRunStatus RunCommand(const std::wstring& command, std::chrono::milliseconds timeout) {
+    if (command.empty()) {
+        throw Exception::RuntimeException("Please specify a cmd command.");
+    }
+    Pipe output = CreateOutputPipe();
+    Pipe input = CreateInputPipe();
+    const std::wstring interpreter = InterpreterPath();
+    const Child child(interpreter, fmt::format(L"{} /c {}", interpreter, command), input.read.Get(),
+                      output.write.Get());
+    // The end of the output is reported when nobody has the write end open any more, and that includes us.
+    output.write.Reset();
+    input.read.Reset();
+
+    CmdRunStatus status;
+    status.command = command;
+    try {
+        status.output = ReadFromPipe(output.read.Get(), timeout);
+    } catch (ReadTimeout& timedOut) {
+        status.output = std::move(timedOut.Output());
+        child.Terminate(WAIT_TIMEOUT);
+        status.exitCode = WAIT_TIMEOUT;
+    }
+    status.exitCode = child.ExitCode(status.exitCode);
+    return status;
+}
+
+}  // namespace Shared::Concurrency

@@ -1,0 +1,65 @@
+#include "shared.concurrency-event.h"
+
+#include <windows.h>
+
+#include <sddl.h>
+
+#include <memory>
+#include <utility>
+
+#include "shared.exception.h"
+
+namespace Shared::Concurrency {
+
+Event::Event(std::wstring name) noexcept : name_(std::move(name)) {}
+
+void Event::InternalCreate(bool manualReset, bool mustBeNew, const std::wstring& securityDescriptor) {
+    PSECURITY_DESCRIPTOR converted = nullptr;
+    if (!securityDescriptor.empty() && ConvertStringSecurityDescriptorToSecurityDescriptorW(
+                                           securityDescriptor.c_str(), SDDL_REVISION_1, &converted, nullptr) == FALSE) {
+        throw Exception::Win32Exception("Failed to convert security descriptor", GetLastError());
+    }
+    const std::unique_ptr<void, decltype(&LocalFree)> descriptor(converted, &LocalFree);
+    SECURITY_ATTRIBUTES attributes{
+        .nLength = sizeof attributes, .lpSecurityDescriptor = descriptor.get(), .bInheritHandle = FALSE};
+
+    Util::KernelHandle created(
+        CreateEventW(&attributes, manualReset ? TRUE : FALSE, FALSE, name_.empty() ? nullptr : name_.c_str()));
+    const DWORD error = GetLastError();
+    if (!created || (mustBeNew && error == ERROR_ALREADY_EXISTS)) {
+        throw Exception::Win32Exception("Failed to create or open event", error);
+    }
+    handle_ = std::move(created);
+    manualReset_ = manualReset;
+}
+
+bool Event::WaitOnEvent(unsigned long milliseconds, bool resetAfter) {
+    if (!handle_) {
+        throw Exception::RuntimeException("No Event to wait on");
+    }
+    switch (WaitForSingleObjectEx(handle_.Get(), milliseconds, FALSE)) {
+        case WAIT_OBJECT_0:
+            break;
+        case WAIT_ABANDONED:
+            throw Exception::RuntimeException("The wait was abandoned");
+        case WAIT_FAILED:
+            throw Exception::Win32Exception("WaitForSingleObject failed", GetLastError());
+        default:
+            return false;
+    }
+    if (resetAfter) {
+        Reset();
+    }
+    return true;
+}
+
+void Event::Reset() {
+    if (!handle_) {
+        throw Exception::RuntimeException("No Event to reset");
+    }
+    if (manualReset_ && ResetEvent(handle_.Get()) == FALSE) {
+        throw Exception::Win32Exception("ResetEvent() failed", GetLastError());
+    }
+}
+
+}  // namespace Shared::Concurrency

@@ -1,0 +1,149 @@
+#include <windows.h>
+
+#include <fmt/format.h>
+#include <fmt/xchar.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <psapi.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "shared.concurrency-cmdrunner.h"
+#include "shared.concurrency-pipe.h"
+#include "shared.util-handle.h"
+#include "test-support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace Shared::Concurrency;
+using testing::AnyOf;
+using testing::HasSubstr;
+using testing::Matcher;
+using testing::Property;
+using testing::StartsWith;
+using testing::Throws;
+
+constexpr std::chrono::milliseconds ample = 30s;
+constexpr std::chrono::milliseconds brief = 1500ms;
+
+auto What(const char* text) {
+    return Property(&std::exception::what, HasSubstr(text));
+}
+
+std::wstring ChildLine(const std::wstring& steps) {
+    return fmt::format(L"\"{}\" {}", TestSupport::ChildProgram().native(), steps);
+}
+
+std::string Pattern(std::size_t count) {
+    std::string bytes(count, '\0');
+    std::ranges::generate(bytes, [index = std::size_t{0}]() mutable { return static_cast<char>(index++ % 251); });
+    return bytes;
+}
+
+struct RunCase {
+    const char* name;
+    std::wstring command;
+    std::chrono::milliseconds timeout;
+    Matcher<std::uint32_t> exitCode;
+    Matcher<const std::string&> output;
+};
+void PrintTo(const RunCase& run, std::ostream* stream) {
+    *stream << run.name;
+}
+
+class Runs : public testing::TestWithParam<RunCase> {};
+
+TEST_P(Runs, EndWithTheirCodeAndOutputAndLeaveNothing) {
+    const RunCase& run = GetParam();
+    (void)Execute<EmptyParser>(L"rem", ample);  // what the system opens once
+    const unsigned handles = TestSupport::HandleCount();
+    const ULONGLONG start = GetTickCount64();
+
+    const CmdRunStatus status = Execute<EmptyParser>(run.command, run.timeout);
+
+    EXPECT_LT(GetTickCount64() - start, 25000U);
+    EXPECT_THAT(status.exitCode, run.exitCode);
+    EXPECT_THAT(status.output, run.output);
+    EXPECT_EQ(status.command, run.command);
+    EXPECT_EQ(TestSupport::HandleCount(), handles);
+}
+
+const Matcher<std::uint32_t> terminated = AnyOf(258U, 259U);
+
+INSTANTIATE_TEST_SUITE_P(
+    Commands, Runs,
+    testing::Values(RunCase{"BothStreams", ChildLine(L"out one err two exit 7"), ample, 7U, "onetwo"},
+                    RunCase{"Nothing", ChildLine(L"exit 0"), ample, 0U, ""},
+                    RunCase{"ManyChunks", ChildLine(L"bytes 100001"), ample, 0U, Pattern(100001)},
+                    RunCase{"SlowButSteady", ChildLine(L"out a sleep 1000 out b sleep 1000 out c"), 2500ms, 0U, "abc"},
+                    RunCase{"Crash", ChildLine(L"out before crash"), ample, 0xC0000005U, StartsWith("before")},
+                    RunCase{"KeepsWhatCameBeforeTheTimeout", ChildLine(L"bytes 5000 sleep 60000"), brief, terminated,
+                            Pattern(5000)},
+                    RunCase{"ClosesItsOutput", ChildLine(L"out x close sleep 60000"), brief, terminated, "x"},
+                    RunCase{"WaitsForInput", ChildLine(L"out x read"), brief, terminated, "x"},
+                    RunCase{"InterpreterQuoting", L"echo \"a  b\" & exit /b 5", ample, 5U, "\"a  b\" \r\n"},
+                    RunCase{"MissingCommand", L"agentcli-no-such-command", ample, testing::Ne(0U), testing::Not("")}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(CmdRunner, TerminatesAGrandchildThatOutlivesTheInterpreter) {
+    for (const auto& [steps, timeout] :
+         {std::pair(L"grandchild 60000 exit 0", brief), std::pair(L"grandchild 60000 sleep 60000", brief)}) {
+        const CmdRunStatus status = Execute<EmptyParser>(ChildLine(steps), timeout);
+        const DWORD id = std::stoul(status.output);
+        const Shared::Util::KernelHandle process(OpenProcess(SYNCHRONIZE, FALSE, id));
+        EXPECT_TRUE(!process || WaitForSingleObject(process.Get(), 0) == WAIT_OBJECT_0) << status.output;
+    }
+}
+
+TEST(CmdRunner, AFloodCostsItsSizeAFewTimes) {
+    constexpr std::size_t size = 100U << 20U;
+    const auto peak = [] {
+        PROCESS_MEMORY_COUNTERS counters{};
+        GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters);
+        return counters.PeakWorkingSetSize;
+    };
+    const std::size_t before = peak();
+    const CmdRunStatus status = Execute<EmptyParser>(ChildLine(fmt::format(L"bytes {}", size)), ample);
+    EXPECT_EQ(status.output.size(), size);
+    EXPECT_LT(peak() - before, 3 * size);
+}
+
+TEST(CmdRunner, TheChildInheritsItsStandardHandlesAlone) {
+    const TestSupport::TemporaryFolder folder;
+    SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
+    const Shared::Util::FileHandle ours(CreateFileW((folder / "ours").c_str(), GENERIC_WRITE, 0, &inheritable,
+                                                    CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+    ASSERT_TRUE(ours);
+    const auto number = reinterpret_cast<std::uintptr_t>(ours.Get());
+    EXPECT_EQ(Execute<EmptyParser>(ChildLine(fmt::format(L"probe {}", number)), ample).output, "closed");
+}
+
+TEST(CmdRunner, FailuresCarryTheirTexts) {
+    const unsigned handles = TestSupport::HandleCount();
+    EXPECT_THAT([] { (void)Execute<EmptyParser>(L"", ample); },
+                Throws<Shared::Exception::RuntimeException>(What("Please specify a cmd command.")));
+    EXPECT_THAT([] { (void)Execute<EmptyParser>(std::wstring(40000, L'x'), ample); },
+                Throws<Shared::Exception::Win32Exception>(What("CreateProcessW() failed")));
+    EXPECT_EQ(TestSupport::HandleCount(), handles);
+}
+
+TEST(ReadFromPipe, GivesWhatItHasWhenTheWriterPauses) {
+    Pipe pipe = CreateOutputPipe();
+    DWORD written = 0;
+    ASSERT_TRUE(WriteFile(pipe.write.Get(), "kept", 4, &written, nullptr));
+    EXPECT_THAT([&] { (void)ReadFromPipe(pipe.read.Get(), 50ms); },
+                Throws<ReadTimeout>(What("CMD IO operation timed out.")));
+    ASSERT_TRUE(WriteFile(pipe.write.Get(), "after", 5, &written, nullptr));
+    try {
+        (void)ReadFromPipe(pipe.read.Get(), 50ms);
+    } catch (ReadTimeout& timedOut) {
+        EXPECT_EQ(timedOut.Output(), "after") << "the cancelled read must not have taken it";
+    }
+    pipe.write.Reset();
+    EXPECT_EQ(ReadFromPipe(pipe.read.Get(), 50ms), "");
+}
+
+}  // namespace

@@ -1,0 +1,117 @@
+// The program that the tests run as a child, and that stands in for the access agent's tool. Its arguments are steps,
+// done in order:
+//   out TEXT, err TEXT    write the text          bytes N      write N bytes of a fixed pattern
+//   sleep MS              wait                    read         read standard input to its end
+//   close                 close both outputs      probe N      say whether N is an open handle
+//   grandchild MS         start a process that waits, with our handles, and write its id and a blank
+//   crash                 by an access violation  exit N       end; without it the exit code is 0
+// Any other first argument is taken as a question to the tool.
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+namespace {
+
+void Write(DWORD stream, std::string_view text) {
+    while (!text.empty()) {
+        DWORD written = 0;
+        if (WriteFile(GetStdHandle(stream), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) == FALSE) {
+            std::exit(99);
+        }
+        text.remove_prefix(written);
+    }
+}
+
+void WriteBytes(std::size_t count) {
+    std::string chunk(1U << 16U, '\0');
+    for (std::size_t done = 0; done < count; done += chunk.size()) {
+        chunk.resize(std::min(chunk.size(), count - done));
+        std::ranges::generate(chunk, [index = done]() mutable { return static_cast<char>(index++ % 251); });
+        Write(STD_OUTPUT_HANDLE, chunk);
+    }
+}
+
+void StartGrandchild(const std::string& milliseconds) {
+    char self[MAX_PATH]{};
+    GetModuleFileNameA(nullptr, self, MAX_PATH);
+    std::string line = '"' + std::string(self) + "\" sleep " + milliseconds;
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    CreateProcessA(self, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
+    Write(STD_OUTPUT_HANDLE, std::to_string(process.dwProcessId) + ' ');
+}
+
+int AnswerAsTool(const std::string& question) {
+    constexpr std::string_view exportQuestion = "traffic rdns export ";
+    if (question.starts_with(exportQuestion)) {
+        const HANDLE file = CreateFileA(question.substr(exportQuestion.size()).c_str(), GENERIC_WRITE, 0, nullptr,
+                                        CREATE_ALWAYS, 0, nullptr);
+        constexpr std::string_view text = "10.20.0.7 files.example.com\r\n10.20.0.9 mail.example.com\r\n";
+        DWORD written = 0;
+        return WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) != FALSE ? 0 : 1;
+    }
+    constexpr std::pair<std::string_view, std::string_view> answers[] = {
+        {"epm status", "Posture: compliant\r\nLast check: 2024-03-01 07:05:09\r\n"},
+        {"status", "Service: running\r\nSigned in: yes\r\n"},
+        {"traffic log", "07:05:09 10.20.0.7:443 tunnel\r\n"},
+        {"traffic show", "Sessions: 1\r\n"},
+        {"tunnel", "Tunnel: connected\r\nGateway: gw.example.com\r\n"},
+    };
+    for (const auto& [asked, answer] : answers) {
+        if (question == asked) {
+            Write(STD_OUTPUT_HANDLE, answer);
+            return 0;
+        }
+    }
+    Write(STD_ERROR_HANDLE, "Unknown command.\r\n");
+    return 2;
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+    SetErrorMode(SEM_NOGPFAULTERRORBOX);
+    for (int index = 1; index < count; ++index) {
+        const std::string_view step = arguments[index];
+        const auto next = [&]() -> std::string { return index + 1 < count ? arguments[++index] : ""; };
+        if (step == "out" || step == "err") {
+            Write(step == "out" ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE, next());
+        } else if (step == "bytes") {
+            WriteBytes(std::stoull(next()));
+        } else if (step == "sleep") {
+            Sleep(static_cast<DWORD>(std::stoul(next())));
+        } else if (step == "read") {
+            char byte = 0;
+            for (DWORD got = 1;
+                 got != 0 && ReadFile(GetStdHandle(STD_INPUT_HANDLE), &byte, 1, &got, nullptr) != FALSE;) {
+            }
+        } else if (step == "close") {
+            CloseHandle(GetStdHandle(STD_OUTPUT_HANDLE));
+            CloseHandle(GetStdHandle(STD_ERROR_HANDLE));
+        } else if (step == "probe") {
+            DWORD flags = 0;
+            const auto handle = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(std::stoull(next())));
+            Write(STD_OUTPUT_HANDLE, GetHandleInformation(handle, &flags) != FALSE ? "open" : "closed");
+        } else if (step == "grandchild") {
+            StartGrandchild(next());
+        } else if (step == "crash") {
+            *reinterpret_cast<volatile int*>(std::uintptr_t{16}) = 1;
+        } else if (step == "exit") {
+            return std::stoi(next());
+        } else {
+            std::string question(step);
+            while (++index < count) {
+                question += std::string(" ") + arguments[index];
+            }
+            return AnswerAsTool(question);
+        }
+    }
+    return 0;
+}
