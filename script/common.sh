@@ -65,8 +65,11 @@ wine_environment() { # wine_environment PREFIX
     quietly "$WINEPREFIX.log" wine wineboot --init
     wineserver -w 2>/dev/null || true
   fi
-  # A server that outlives the single program spares every next one its start, which takes seconds.
-  wineserver --persistent=30 </dev/null >/dev/null 2>&1 || true
+  # A server that outlives the single program spares every next one its start. The services that come with it are
+  # started here, with no output of ours in their hands: whoever waits for a program's output would wait for them.
+  if wineserver --persistent=300 </dev/null >/dev/null 2>&1; then
+    wine cmd /c exit </dev/null >/dev/null 2>&1 || true
+  fi
 }
 
 # Our own C++, one path a line, relative to the root.
