@@ -25,7 +25,8 @@ public:
     using AddResult = std::expected<void, std::string>;
 
     /// `maxArchiveSize` 0 means no limit; otherwise the largest size in bytes that the zip file may have after an add.
-    explicit ZipArchiveWrapper(std::filesystem::path path, std::uint64_t maxArchiveSize = 0, bool deleteOnClose = false);
+    explicit ZipArchiveWrapper(std::filesystem::path path, std::uint64_t maxArchiveSize = 0,
+                               bool deleteOnClose = false);
     ZipArchiveWrapper(const ZipArchiveWrapper&) = delete;
     ZipArchiveWrapper& operator=(const ZipArchiveWrapper&) = delete;
     /// Closes the archive; with deleteOnClose also removes the file.
@@ -53,7 +54,20 @@ public:
     [[nodiscard]] std::vector<libzippp::ZipEntry> Entries() const;
 
 private:
-    class Impl;  // replaced by the fields when the implementation lands
+    struct Releaser {
+        void operator()(libzippp::ZipArchive* archive) const noexcept;
+    };
+
+    void Reopen();
+    AddResult AddToOpenArchive(const std::string& entryName, const std::filesystem::path& source);
+    [[nodiscard]] std::string Remove(const std::string& entryName);
+    [[nodiscard]] std::string DropChanges();
+
+    std::filesystem::path path_;
+    std::unique_ptr<libzippp::ZipArchive, Releaser> archive_;
+    std::uint64_t maxArchiveSize_ = 0;
+    bool deleteOnClose_ = false;
+    std::string openFailure_;
 };
 
 }  // namespace Shared::FileZip
