@@ -1,0 +1,202 @@
+#include "shared.filesystem-confinedfolder.h"
+
+#include <winternl.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+#include <optional>
+#include <vector>
+
+#include "shared.filesystem-longpath.h"
+
+namespace Shared::FileSystem {
+
+namespace {
+
+constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+constexpr DWORD notThroughLink = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT;
+
+// FileHardLinkInformation of the documented file information classes; the user-mode header has only the first few.
+constexpr auto hardLinkInformation = static_cast<FILE_INFORMATION_CLASS>(46);
+constexpr NTSTATUS bufferOverflow = static_cast<NTSTATUS>(0x80000005);
+struct LinkEntry {
+    ULONG nextEntryOffset;
+    LONGLONG parentFileId;
+    ULONG nameLength;
+};
+struct LinksHeader {
+    ULONG bytesNeeded;
+    ULONG entriesReturned;
+};
+
+std::optional<std::wstring> FinalPath(HANDLE handle, DWORD volumeNameForm) {
+    std::wstring path(MAX_PATH, L'\0');
+    for (;;) {
+        const DWORD length = GetFinalPathNameByHandleW(handle, path.data(), static_cast<DWORD>(path.size()),
+                                                       FILE_NAME_NORMALIZED | volumeNameForm);
+        if (length == 0) {
+            return std::nullopt;
+        }
+        const bool fits = length < path.size();
+        path.resize(length);
+        if (fits) {
+            return path;
+        }
+    }
+}
+
+bool SameName(std::wstring_view left, std::wstring_view right) {
+    return CompareStringOrdinal(left.data(), static_cast<int>(left.size()), right.data(),
+                                static_cast<int>(right.size()), TRUE) == CSTR_EQUAL;
+}
+
+bool IsAtOrBelow(std::wstring_view path, std::wstring_view folder) {
+    return path.size() >= folder.size() && SameName(path.substr(0, folder.size()), folder) &&
+           (path.size() == folder.size() || folder.ends_with(L'\\') || path[folder.size()] == L'\\');
+}
+
+std::wstring Below(std::wstring folder, std::wstring_view name) {
+    if (!folder.ends_with(L'\\')) {
+        folder += L'\\';
+    }
+    return folder.append(name);
+}
+
+bool IsLinkHandle(HANDLE handle) {
+    FILE_ATTRIBUTE_TAG_INFO tag{};
+    return GetFileInformationByHandleEx(handle, FileAttributeTagInfo, &tag, sizeof tag) == FALSE ||
+           IsLink(tag.FileAttributes, tag.ReparseTag);
+}
+
+// The folders that hold the file's names, by their ids; nothing when the file system does not tell.
+std::optional<std::vector<LONGLONG>> ParentIds(HANDLE file) {
+    std::vector<std::byte> buffer(4096);
+    IO_STATUS_BLOCK status{};
+    NTSTATUS result = bufferOverflow;
+    while ((result = NtQueryInformationFile(file, &status, buffer.data(), static_cast<ULONG>(buffer.size()),
+                                            hardLinkInformation)) == bufferOverflow &&
+           buffer.size() < (1U << 22U)) {
+        buffer.resize(buffer.size() * 4);
+    }
+    if (result != 0) {
+        return std::nullopt;
+    }
+    LinksHeader header{};
+    std::memcpy(&header, buffer.data(), sizeof header);
+    std::vector<LONGLONG> ids;
+    std::size_t offset = sizeof header;
+    for (ULONG index = 0; index < header.entriesReturned; ++index) {
+        LinkEntry entry{};
+        if (offset + sizeof entry > buffer.size()) {
+            return std::nullopt;
+        }
+        std::memcpy(&entry, buffer.data() + offset, sizeof entry);
+        ids.push_back(entry.parentFileId);
+        offset += entry.nextEntryOffset;
+    }
+    return ids;
+}
+
+}  // namespace
+
+ConfinedFolder::ConfinedFolder(const std::filesystem::path& folder) {
+    const Util::FileHandle handle(CreateFileW(LongForm(folder).c_str(), FILE_READ_ATTRIBUTES, shareAll, nullptr,
+                                              OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (!handle) {
+        if (const DWORD error = GetLastError(); !IsNotFound(error)) {
+            ThrowFileSystemError("exists", folder, error);
+        }
+        return;
+    }
+    // A volume that is mounted nowhere has no DOS name.
+    for (const DWORD form : {DWORD{VOLUME_NAME_DOS}, DWORD{VOLUME_NAME_GUID}}) {
+        if (auto path = FinalPath(handle.Get(), form)) {
+            root_ = *std::move(path);
+            volumeNameForm_ = form;
+            return;
+        }
+    }
+    ThrowFileSystemError("exists", folder, GetLastError());
+}
+
+std::expected<ConfinedFile, DWORD> ConfinedFolder::Open(std::wstring_view name) const {
+    const auto failed = [](DWORD code) -> std::expected<ConfinedFile, DWORD> {
+        if (IsNotFound(code)) {
+            return {};
+        }
+        return std::unexpected(code);
+    };
+    const auto refused = [] { return ConfinedFile{.status = {.kind = FileKind::Other}, .path = {}, .handle = {}}; };
+    if (root_.empty()) {
+        return {};
+    }
+
+    // Level by level, so that no link is followed at all: even to open what a user points at can have effects.
+    for (std::size_t end = 0; end != std::wstring_view::npos;) {
+        end = name.find(L'\\', end + 1);
+        const std::wstring path = Below(root_, name.substr(0, end));
+        const Util::FileHandle level(
+            CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, shareAll, nullptr, OPEN_EXISTING, notThroughLink, nullptr));
+        if (!level) {
+            return failed(GetLastError());
+        }
+        if (IsLinkHandle(level.Get())) {
+            return refused();
+        }
+    }
+
+    const std::wstring expected = Below(root_, name);
+    ConfinedFile file;
+    // Without delete sharing: that is what fastens the name to the file.
+    file.handle.Reset(CreateFileW(expected.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                  OPEN_EXISTING, notThroughLink, nullptr));
+    if (!file.handle) {
+        return failed(GetLastError());
+    }
+    // The levels may have changed since they were looked at. What was opened is fixed now, and where it really lies
+    // decides.
+    const auto path = FinalPath(file.handle.Get(), volumeNameForm_);
+    if (!path) {
+        return failed(GetLastError());
+    }
+    BY_HANDLE_FILE_INFORMATION information{};
+    if (GetFileType(file.handle.Get()) != FILE_TYPE_DISK || IsLinkHandle(file.handle.Get()) ||
+        !SameName(*path, expected) || GetFileInformationByHandle(file.handle.Get(), &information) == FALSE) {
+        return refused();
+    }
+    const bool directory = (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    if (!directory && information.nNumberOfLinks > 1 && !HasAllNamesBelow(file.handle.Get())) {
+        return refused();
+    }
+    file.status.kind = directory ? FileKind::Directory : FileKind::Regular;
+    if (!directory) {
+        file.status.size = (std::uint64_t{information.nFileSizeHigh} << 32U) | information.nFileSizeLow;
+    }
+    // Messages show the path; the prefix of a drive's path is not for readers.
+    file.path = volumeNameForm_ == VOLUME_NAME_DOS && path->size() > 5 && (*path)[5] == L':' ? path->substr(4) : *path;
+    return file;
+}
+
+bool ConfinedFolder::HasAllNamesBelow(HANDLE file) const {
+    const auto parents = ParentIds(file);
+    if (!parents) {
+        return false;
+    }
+    for (const LONGLONG id : *parents) {
+        FILE_ID_DESCRIPTOR descriptor{};
+        descriptor.dwSize = sizeof descriptor;
+        descriptor.Type = FileIdType;
+        descriptor.FileId.QuadPart = id;
+        const Util::FileHandle parent(
+            OpenFileById(file, &descriptor, FILE_READ_ATTRIBUTES, shareAll, nullptr, FILE_FLAG_BACKUP_SEMANTICS));
+        const auto path = parent ? FinalPath(parent.Get(), volumeNameForm_) : std::nullopt;
+        if (!path || !IsAtOrBelow(*path, root_)) {
+            return false;
+        }
+    }
+    return !parents->empty();
+}
+
+}  // namespace Shared::FileSystem

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <filesystem>
+
+namespace Shared::FileSystem {
+
+enum class FileKind : std::uint8_t { NotFound, Regular, Directory, Other };
+
+struct FileStatus {
+    FileKind kind = FileKind::NotFound;
+    /// In bytes; 0 for what is not a regular file.
+    std::uint64_t size = 0;
+};
+
+/// What a path of any length leads to, links followed. Throws std::filesystem::filesystem_error, which names the
+/// operation, on any failure but "not found".
+[[nodiscard]] FileStatus QueryStatus(const std::filesystem::path& path, const char* operation);
+
+/// Whether the Win32 code says that there is nothing under the name.
+[[nodiscard]] bool IsNotFound(DWORD code) noexcept;
+
+/// Whether an entry stands for another place in the name space: a symbolic link, a junction, a mounted volume.
+/// Deduplicated, compressed and cloud-backed files are reparse points as well, and are ordinary files.
+[[nodiscard]] bool IsLink(DWORD attributes, DWORD reparseTag) noexcept;
+
+/// Throws std::filesystem::filesystem_error of the operation, the path and the system's text for the Win32 code.
+[[noreturn]] void ThrowFileSystemError(const char* operation, const std::filesystem::path& path, DWORD code);
+
+}  // namespace Shared::FileSystem

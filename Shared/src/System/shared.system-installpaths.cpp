@@ -1,0 +1,39 @@
+#include "shared.system-installpaths.h"
+
+#include <windows.h>
+
+#include <fmt/format.h>
+
+#include <string>
+
+#include "shared.exception.h"
+#include "shared.registry-functions.h"
+#include "shared.system-functions.h"
+#include "shared.util-functions.h"
+
+namespace Shared {
+
+std::filesystem::path AppSettings::GetAoxmInstallPath() {
+    std::wstring text = Registry::RegGetString(HKEY_LOCAL_MACHINE, LR"(SOFTWARE\Velqor\OXM)", L"Path");
+    text.erase(text.find_last_not_of(L'\\') + 1);
+    std::filesystem::path path(text);
+    // This program runs elevated in a directory of the caller's choice: nothing may be looked up, or started, there.
+    if (!path.is_absolute()) {
+        throw Exception::RuntimeException(fmt::format("The install path '{}' is not absolute.", Util::ToUtf8(path)));
+    }
+    return path;
+}
+
+std::filesystem::path PV::GetPVInstallPath() {
+    return AppSettings::GetAoxmInstallPath().parent_path() / L"Portavo";
+}
+
+std::filesystem::path PV::GetLumoraAccessAgentLogPath() {
+    return System::GetProgramDataPath() / L"Velqor" / L"Lumora Access Agent" / L"Logs";
+}
+
+std::filesystem::path PV::GetDlpLogPath() {
+    return System::GetProgramDataPath() / L"Velqor" / L"DLP" / L"logs";
+}
+
+}  // namespace Shared

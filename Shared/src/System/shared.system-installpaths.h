@@ -1,0 +1,27 @@
+#pragma once
+
+#include <filesystem>
+
+// Where the monitoring agent and the products beside it keep their files. The install folders come from the registry:
+// Registry::RegistryException when the agent's key or value is not there, RuntimeException "The install path '{}' is
+// not absolute." when the value would lead into whatever the current directory is.
+
+namespace Shared::AppSettings {
+
+/// The monitoring agent's install folder, without trailing backslashes.
+[[nodiscard]] std::filesystem::path GetAoxmInstallPath();
+
+}  // namespace Shared::AppSettings
+
+namespace Shared::PV {
+
+/// The VPN client's install folder, a neighbour of the agent's.
+[[nodiscard]] std::filesystem::path GetPVInstallPath();
+
+/// The access agent's log folder. Throws ComException when there is no ProgramData folder.
+[[nodiscard]] std::filesystem::path GetLumoraAccessAgentLogPath();
+
+/// The log folder of data-loss prevention. Throws ComException when there is no ProgramData folder.
+[[nodiscard]] std::filesystem::path GetDlpLogPath();
+
+}  // namespace Shared::PV
