@@ -1,0 +1,206 @@
+#include <gmock/gmock.h>
+
+#include <random>
+
+#include "shared.registry-functions.h"
+#include "shared.registry-regkey.h"
+#include "test-support.h"
+
+namespace Shared::Registry {
+namespace {
+
+using std::string_literals::operator""s;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::SizeIs;
+
+const std::wstring path = L"SOFTWARE\\Velqor\\OXM";
+
+std::string Raw(std::wstring_view text) {
+    return {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)};
+}
+
+class RegistryTest : public testing::Test {
+protected:
+    [[nodiscard]] static RegKey Key() { return {HKEY_LOCAL_MACHINE, path, KEY_READ}; }
+
+    TestSupport::ThrowAwayHive hive_;
+    TestSupport::CapturedLog log_;
+};
+
+template <class Exception, class Action>
+std::string TextOf(Action action) {
+    try {
+        action();
+    } catch (const Exception& error) {
+        return error.what();
+    }
+    ADD_FAILURE() << "nothing of this kind was thrown";
+    return {};
+}
+
+TEST_F(RegistryTest, EachFailureHasItsKindTextAndCode) {
+    const auto open = [](HKEY root, const std::wstring& name) { return [=] { (void)OpenKey(root, name, KEY_READ); }; };
+    EXPECT_THAT(TextOf<Exception::RuntimeException>(open(nullptr, path)), HasSubstr("Parent key cannot be null"));
+    const std::string missing = "Cannot open non-existent registry key HKEY_LOCAL_MACHINE\\SOFTWARE\\Velqor\\Missing.";
+    EXPECT_THAT(TextOf<Exception::NotFoundException>(open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Velqor\\Missing")),
+                HasSubstr(missing));
+    // The API would stop at the NUL and open the key before it.
+    hive_.CreateKey(path);
+    EXPECT_THAT(TextOf<Exception::Win32Exception>(open(HKEY_LOCAL_MACHINE, path + L"\0x"s)),
+                HasSubstr("Failed to open key HKEY_LOCAL_MACHINE\\"
+                          "SOFTWARE\\Velqor\\OXM"));
+    EXPECT_THROW(RegKey(nullptr, path, KEY_READ), Exception::InvalidArgumentException);
+    EXPECT_THROW((void)RegGetString(nullptr, path, L""), Exception::InvalidArgumentException);
+    EXPECT_THROW((void)RegGetDefault(nullptr), Exception::InvalidArgumentException);
+
+    const auto opened = RegKey::Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Velqor\\Missing", KEY_READ);
+    ASSERT_FALSE(opened);
+    EXPECT_THAT(opened.error(), HasSubstr(missing));
+    EXPECT_THAT(log_.Text(), HasSubstr("Failed opening SOFTWARE\\Velqor\\Missing: " + opened.error()));
+
+    hive_.SetDword(path, L"Path", 1);
+    for (const auto& [name, code] : {std::pair{L"Missing", ERROR_FILE_NOT_FOUND}, {L"Path", ERROR_UNSUPPORTED_TYPE}}) {
+        try {
+            (void)RegGetString(HKEY_LOCAL_MACHINE, path, name);
+            ADD_FAILURE();
+        } catch (const RegistryException& error) {
+            EXPECT_EQ(error.Code(), static_cast<std::uint32_t>(code));
+            EXPECT_THAT(error.what(), HasSubstr("Cannot read string from registry; key: 0XFFFFFFFF80000002; subkey: "
+                                                "SOFTWARE\\Velqor\\OXM; value name: "));
+        }
+    }
+    EXPECT_EQ(SuperkeyName(HKEY_USERS), L"HKEY_USERS");
+    EXPECT_EQ(SuperkeyName(HKEY_PERFORMANCE_DATA), L"(unknown superkey)");
+}
+
+TEST_F(RegistryTest, WithoutAKeyTheQueriesSaySo) {
+    const RegKey none;
+    EXPECT_THAT(TextOf<Exception::RuntimeException>([&] { (void)none.Subkeys(); }),
+                HasSubstr("No key set to query the subkeys."));
+    EXPECT_THAT(TextOf<Exception::RuntimeException>([&] { (void)none.LastWrittenTo(); }),
+                HasSubstr("No key set to query the last write time."));
+    EXPECT_THAT(TextOf<Exception::RuntimeException>([&] { (void)none.DefaultValue(); }),
+                HasSubstr("No key set to query the default value."));
+    EXPECT_EQ(none.GetValueSize(L"").error(), 160);
+    EXPECT_EQ(none.GetRawValue(L"").error(), 160);
+    EXPECT_TRUE(none.GetAllValues().empty());
+    for (const char* query : {"query the default value", "query the raw value", "query all values"}) {
+        EXPECT_THAT(log_.Text(), HasSubstr("Cannot "s + query + " of an null registry key."));
+    }
+}
+
+TEST_F(RegistryTest, KeysAreClosedAndMove) {
+    for (const wchar_t* child : {L"b", L"a", L"c"}) {
+        hive_.CreateKey(path + L"\\" + child);
+    }
+    const unsigned before = TestSupport::HandleCount();
+    {
+        auto subkeys = Key().Subkeys();
+        ASSERT_THAT(subkeys, SizeIs(3));
+        EXPECT_EQ(subkeys[0].name, path + L"\\a");
+        EXPECT_EQ(subkeys[0].access, std::uint32_t{KEY_READ});
+        EXPECT_EQ(TestSupport::HandleCount(), before + 3);
+        RegKey moved = std::move(subkeys[1]);
+        EXPECT_EQ(subkeys[1].handle, nullptr);
+        moved = std::move(subkeys[2]);
+        EXPECT_EQ(moved.name, path + L"\\c");
+        EXPECT_EQ(TestSupport::HandleCount(), before + 2);
+        EXPECT_THAT(moved.LastWrittenTo(), testing::MatchesRegex("..:..:.. 20..-..-.."));
+    }
+    EXPECT_EQ(TestSupport::HandleCount(), before);
+}
+
+TEST_F(RegistryTest, TextsEndAtTheirTerminator) {
+    struct Case {
+        std::string stored;
+        std::wstring string, defaultValue;
+    };
+    const Case cases[] = {
+        {Raw(L"abc\0"s), L"abc", L"abc"},
+        {Raw(L"abc"), L"abc", L"abc"},
+        {Raw(L"a\0b\0"s), L"a", L"a\0b"s},
+        {Raw(L"\0"s), L"", L""},
+        {Raw(std::wstring(1 << 19, L'x')), std::wstring(1 << 19, L'x'), std::wstring(1 << 19, L'x')},
+    };
+    EXPECT_EQ((hive_.CreateKey(path), Key().DefaultValue()), L"(value not set)");
+    for (const Case& one : cases) {
+        hive_.SetRaw(path, L"", REG_SZ, one.stored);
+        EXPECT_EQ(RegGetString(HKEY_LOCAL_MACHINE, path, L""), one.string);
+        EXPECT_EQ(Key().DefaultValue(), one.defaultValue);
+    }
+    hive_.SetDword(path, L"", 7);
+    EXPECT_EQ(Key().DefaultValue(), L"(value not set)");
+    hive_.SetRaw(path, L"list", REG_MULTI_SZ, Raw(L"a\0b\0\0"s));
+    EXPECT_THAT(RegGetMultiString(HKEY_LOCAL_MACHINE, path, L"list"), ElementsAre(L"a", L"b", L""));
+}
+
+TEST_F(RegistryTest, AValueIsOneLine) {
+    struct Case {
+        DWORD type;
+        std::string stored;
+        std::wstring line;
+    };
+    const Case cases[] = {
+        {REG_SZ, Raw(L"text\0rest"s), L"[String] Name = text"},
+        {REG_SZ, Raw(L"open"), L"[String] Name = open"},
+        {REG_SZ, Raw(L"odd") + "x", L"[String] Name = odd"},
+        {REG_SZ, "x", L"[String] Name = "},
+        {REG_SZ, Raw(L"\0"s), L"[String] Name = "},
+        {REG_SZ, "", L""},
+        {REG_BINARY, "", L""},
+        {REG_DWORD, "\xFF\xFF\xFF\xFF", L"[DWord] Name = 4294967295"},
+        {REG_DWORD, "\x01\x02", L"[DWord] Name = 513"},
+        {REG_DWORD, "\x01\0\0\0\x01\0\0\0"s, L"[DWord] Name = 1"},
+        {REG_EXPAND_SZ, Raw(L"x\0"s), L"Value Name of type 2 ignored"},
+        {77, "x", L"Value Name of type 77 ignored"},
+        // The walk by bytes: "ab", then "b", then an empty text at each offset up to the end, odd ones included.
+        {REG_MULTI_SZ, Raw(L"ab\0\0"s), L"[Multistring] Name = ab\x7C20\x6200\x7C20\x7C20\x7C20\x7C20"},
+        {REG_MULTI_SZ, "a", L"[Multistring] Name = "},
+        {REG_MULTI_SZ, "\x61\0\x62"s, L"[Multistring] Name = a\x7C20"},
+    };
+    for (const Case& one : cases) {
+        RegKey::Value value{.data = std::vector<std::byte>(one.stored.size()), .type = one.type, .name = L"Name"};
+        std::ranges::transform(one.stored, value.data.begin(), [](char byte) { return std::byte(byte); });
+        EXPECT_EQ(value.ToWide(), one.line) << "type " << one.type << ", bytes " << testing::PrintToString(one.stored);
+    }
+    EXPECT_THAT(log_.Text(), HasSubstr("Ignored value name Name as it was of value type 77."));
+}
+
+TEST_F(RegistryTest, TooLongANameEndsTheValues) {
+    hive_.CreateKey(path);
+    EXPECT_TRUE(Key().GetAllValues().empty());
+    hive_.SetDword(path, std::wstring(1023, L'a'), 1);
+    EXPECT_THAT(Key().GetAllValues(), SizeIs(1));
+    EXPECT_EQ(log_.Text(), "");
+    hive_.SetDword(path, std::wstring(1024, L'b'), 1);
+    hive_.SetDword(path, L"c", 1);
+    EXPECT_THAT(Key().GetAllValues(), SizeIs(testing::Lt(3U)));
+    EXPECT_THAT(log_.Text(), HasSubstr("Failed extracting all key values for SOFTWARE\\Velqor\\OXM. Will return what "
+                                       "has been found, which may be incomplete. Error details: "));
+}
+
+// Any bytes under any type come back as they were stored and make a line.
+TEST_F(RegistryTest, SurvivesRandomValues) {
+    std::mt19937 random(20240301);  // NOLINT(cert-msc51-cpp): the same cases in every run
+    const auto below = [&random](unsigned limit) { return random() % limit; };
+    constexpr DWORD types[] = {REG_NONE,  REG_SZ,   REG_EXPAND_SZ, REG_BINARY,
+                               REG_DWORD, REG_LINK, REG_MULTI_SZ,  REG_QWORD};
+    std::vector<std::string> stored;
+    for (unsigned number = 0; number < 300; ++number) {
+        std::string& bytes = stored.emplace_back(below(8) == 0 ? below(70000) : below(24), '\0');
+        std::ranges::generate(bytes, [&] { return static_cast<char>(below(3) == 0 ? 0 : below(256)); });
+        hive_.SetRaw(path, L"n\xD800\r\n" + std::to_wstring(number), types[below(std::size(types))], bytes);
+    }
+    const auto values = Key().GetAllValues();
+    ASSERT_THAT(values, SizeIs(stored.size()));
+    for (const RegKey::Value& value : values) {
+        const auto& bytes = stored[std::stoul(value.name.substr(4))];
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(value.data.data()), value.data.size()), bytes);
+        EXPECT_EQ(value.ToWide().empty(), bytes.empty());
+        EXPECT_EQ(Key().GetValueSize(value.name), bytes.size());
+    }
+}
+
+}  // namespace
+}  // namespace Shared::Registry
