@@ -133,7 +133,14 @@ std::filesystem::path ChildProgram() {
 
 unsigned HandleCount() {
     DWORD count = 0;
-    GetProcessHandleCount(GetCurrentProcess(), &count);
+    if (GetProcessHandleCount(GetCurrentProcess(), &count) != FALSE && count != 0) {
+        return count;
+    }
+    // Wine's count is always 0: try the values that handles take.
+    for (std::uintptr_t value = 4; value < 0x8000; value += 4) {
+        DWORD flags = 0;
+        count += GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) != FALSE ? 1 : 0;
+    }
     return count;
 }
 
