@@ -208,7 +208,7 @@ private:
 }  // namespace
 
 ReadTimeout::ReadTimeout(std::string output, const std::source_location& location, const Exception::StackTrace& trace)
-    : TimeoutException("CMD IO operation timed out.", location, trace), output_(std::move(output)) {}
+    : Exception::TimeoutException("CMD IO operation timed out.", location, trace), output_(std::move(output)) {}
 
 PROCESS_INFORMATION CreateChildProcess(const std::wstring& applicationName, const std::wstring& commandLine,
                                        HANDLE stdinRead, HANDLE stdoutWrite, HANDLE job) {

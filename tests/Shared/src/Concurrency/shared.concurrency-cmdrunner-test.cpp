@@ -6,9 +6,10 @@
 #include <gtest/gtest.h>
 #include <psapi.h>
 
-#include <optional>
+#include <algorithm>
+#include <chrono>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "shared.concurrency-cmdrunner.h"
 #include "shared.concurrency-pipe.h"
@@ -22,6 +23,8 @@ using namespace Shared::Concurrency;
 using testing::AnyOf;
 using testing::HasSubstr;
 using testing::Matcher;
+using testing::Ne;
+using testing::Not;
 using testing::Property;
 using testing::StartsWith;
 using testing::Throws;
@@ -43,50 +46,40 @@ std::string Pattern(std::size_t count) {
     return bytes;
 }
 
-struct RunCase {
-    const char* name;
-    std::wstring command;
-    std::chrono::milliseconds timeout;
-    Matcher<std::uint32_t> exitCode;
-    Matcher<const std::string&> output;
-};
-void PrintTo(const RunCase& run, std::ostream* stream) {
-    *stream << run.name;
-}
-
-class Runs : public testing::TestWithParam<RunCase> {};
-
-TEST_P(Runs, EndWithTheirCodeAndOutputAndLeaveNothing) {
-    const RunCase& run = GetParam();
+TEST(CmdRunner, EveryRunEndsWithItsCodeAndOutput) {
+    struct Case {
+        const char* name;
+        std::wstring command;
+        std::chrono::milliseconds timeout;
+        Matcher<std::uint32_t> exitCode;
+        Matcher<const std::string&> output;
+    };
+    const Matcher<std::uint32_t> terminated = AnyOf(258U, 259U);
+    const Case cases[] = {
+        {"both streams", ChildLine(L"out one err two exit 7"), ample, 7U, "onetwo"},
+        {"nothing", ChildLine(L"exit 0"), ample, 0U, ""},
+        {"many chunks", ChildLine(L"bytes 100001"), ample, 0U, Pattern(100001)},
+        {"slow but steady", ChildLine(L"out a sleep 1500 out b sleep 1500 out c"), 2500ms, 0U, "abc"},
+        {"crash", ChildLine(L"out before crash"), ample, 0xC0000005U, StartsWith("before")},
+        {"stops writing", ChildLine(L"bytes 5000 sleep 60000"), brief, terminated, Pattern(5000)},
+        {"closes its output", ChildLine(L"out x close sleep 60000"), brief, terminated, "x"},
+        {"waits for input", ChildLine(L"out x read"), brief, terminated, "x"},
+        {"quoting", L"echo \"a  b\" & exit /b 5", ample, 5U, "\"a  b\" \r\n"},
+        {"missing command", L"agentcli-no-such-command", ample, Ne(0U), Not("")},
+    };
     (void)Execute<EmptyParser>(L"rem", ample);  // what the system opens once
-    const unsigned handles = TestSupport::HandleCount();
-    const ULONGLONG start = GetTickCount64();
-
-    const CmdRunStatus status = Execute<EmptyParser>(run.command, run.timeout);
-
-    EXPECT_LT(GetTickCount64() - start, 25000U);
-    EXPECT_THAT(status.exitCode, run.exitCode);
-    EXPECT_THAT(status.output, run.output);
-    EXPECT_EQ(status.command, run.command);
-    EXPECT_EQ(TestSupport::HandleCount(), handles);
+    for (const Case& run : cases) {
+        SCOPED_TRACE(run.name);
+        const unsigned handles = TestSupport::HandleCount();
+        const ULONGLONG start = GetTickCount64();
+        const CmdRunStatus status = Execute<EmptyParser>(run.command, run.timeout);
+        EXPECT_LT(GetTickCount64() - start, 25000U);
+        EXPECT_THAT(status.exitCode, run.exitCode);
+        EXPECT_THAT(status.output, run.output);
+        EXPECT_EQ(status.command, run.command);
+        EXPECT_EQ(TestSupport::HandleCount(), handles);
+    }
 }
-
-const Matcher<std::uint32_t> terminated = AnyOf(258U, 259U);
-
-INSTANTIATE_TEST_SUITE_P(
-    Commands, Runs,
-    testing::Values(RunCase{"BothStreams", ChildLine(L"out one err two exit 7"), ample, 7U, "onetwo"},
-                    RunCase{"Nothing", ChildLine(L"exit 0"), ample, 0U, ""},
-                    RunCase{"ManyChunks", ChildLine(L"bytes 100001"), ample, 0U, Pattern(100001)},
-                    RunCase{"SlowButSteady", ChildLine(L"out a sleep 1000 out b sleep 1000 out c"), 2500ms, 0U, "abc"},
-                    RunCase{"Crash", ChildLine(L"out before crash"), ample, 0xC0000005U, StartsWith("before")},
-                    RunCase{"KeepsWhatCameBeforeTheTimeout", ChildLine(L"bytes 5000 sleep 60000"), brief, terminated,
-                            Pattern(5000)},
-                    RunCase{"ClosesItsOutput", ChildLine(L"out x close sleep 60000"), brief, terminated, "x"},
-                    RunCase{"WaitsForInput", ChildLine(L"out x read"), brief, terminated, "x"},
-                    RunCase{"InterpreterQuoting", L"echo \"a  b\" & exit /b 5", ample, 5U, "\"a  b\" \r\n"},
-                    RunCase{"MissingCommand", L"agentcli-no-such-command", ample, testing::Ne(0U), testing::Not("")}),
-    [](const auto& info) { return info.param.name; });
 
 TEST(CmdRunner, TerminatesAGrandchildThatOutlivesTheInterpreter) {
     for (const auto& [steps, timeout] :
@@ -125,9 +118,14 @@ TEST(CmdRunner, FailuresCarryTheirTexts) {
     const unsigned handles = TestSupport::HandleCount();
     EXPECT_THAT([] { (void)Execute<EmptyParser>(L"", ample); },
                 Throws<Shared::Exception::RuntimeException>(What("Please specify a cmd command.")));
-    EXPECT_THAT([] { (void)Execute<EmptyParser>(std::wstring(40000, L'x'), ample); },
+    const TestSupport::TemporaryFolder folder;
+    const auto notAProgram = folder / "tool.exe";
+    TestSupport::WriteFile(notAProgram, "no program");
+    const Pipe in = CreateInputPipe();
+    const Pipe out = CreateOutputPipe();
+    EXPECT_THAT([&] { (void)CreateChildProcess(notAProgram, L"tool", in.read.Get(), out.write.Get()); },
                 Throws<Shared::Exception::Win32Exception>(What("CreateProcessW() failed")));
-    EXPECT_EQ(TestSupport::HandleCount(), handles);
+    EXPECT_EQ(TestSupport::HandleCount(), handles + 4);
 }
 
 TEST(ReadFromPipe, GivesWhatItHasWhenTheWriterPauses) {
