@@ -1,0 +1,83 @@
+#include "agentcore.diagnostics-collectors-laclirdns.h"
+
+#include <windows.h>
+
+#include <fmt/format.h>
+#include <fmt/xchar.h>
+
+#include <system_error>
+
+#include "agentcore.diagnostics-collectors-commandtofile.h"
+#include "agentcore.diagnostics-lacli.h"
+#include "shared.concurrency-cmdrunner.h"
+#include "shared.exception-guardedlog.h"
+#include "shared.exception.h"
+#include "shared.filesystem-longpath.h"
+#include "shared.filesystem-removal.h"
+#include "shared.util-functions.h"
+#include "shared.util-handle.h"
+
+namespace AgentCore::Diagnostics::Collectors::Cmd {
+
+namespace {
+
+using Shared::Util::FileHandle;
+
+// Opens what bears the name, never what a link points to; an empty handle when nothing does. While the handle is open
+// nobody can put something else under the name.
+FileHandle Open(const std::filesystem::path& path, DWORD access) {
+    FileHandle file(CreateFileW(Shared::FileSystem::LongForm(path).c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS,
+                                nullptr));
+    const DWORD error = GetLastError();
+    if (!file && error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
+        throw std::filesystem::filesystem_error("exists", path, {static_cast<int>(error), std::system_category()});
+    }
+    return file;
+}
+
+bool IsPlainFile(const FileHandle& file) {
+    BY_HANDLE_FILE_INFORMATION information{};
+    return GetFileType(file.Get()) == FILE_TYPE_DISK && GetFileInformationByHandle(file.Get(), &information) != FALSE &&
+           (information.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == 0 &&
+           information.nNumberOfLinks == 1;
+}
+
+CollectorStatus ExportAndAdd(const std::filesystem::path& entryDir, Shared::FileZip::ZipArchiveWrapper& zip) {
+    if (!Open(Shared::PV::GetLacliPath(), 0)) {
+        return Unsuccessful();
+    }
+    const std::filesystem::path path(rdnsFileName);
+    if (const DWORD error = Shared::FileSystem::RemoveName(path); error != ERROR_SUCCESS) {
+        throw Shared::Exception::Win32Exception("Cannot remove the old file " + Shared::Util::ToUtf8(path), error);
+    }
+    const Shared::FileSystem::FileObjectRemover remover(path);
+
+    const std::wstring command = ToolCommandLine(fmt::format(L"{} {}", rdnsArguments, rdnsFileName));
+    static_cast<void>(Shared::Concurrency::Execute<Shared::Concurrency::EmptyParser>(command, commandTimeout));
+
+    const FileHandle file = Open(path, GENERIC_READ);
+    if (!file) {
+        return Unsuccessful();
+    }
+    if (!IsPlainFile(file)) {
+        throw Shared::Exception::RuntimeException(
+            fmt::format("The file '{}' is not a regular file.", Shared::Util::ToUtf8(path)));
+    }
+    return FromAdd(zip.AddFileToFolder(entryDir, path));
+}
+
+}  // namespace
+
+CollectorStatus CollectRdnsExport(const std::filesystem::path& entryDir,
+                                  Shared::FileZip::ZipArchiveWrapper& zip) noexcept {
+    return WithinBoundary([&] { return ExportAndAdd(entryDir, zip); },
+                          [](std::string_view reason) {
+                              std::string message =
+                                  fmt::format("Collector{} failed: {}", Shared::Util::ToUtf8(rdnsFileName), reason);
+                              Shared::Exception::LogError("{}", message);
+                              return message;
+                          });
+}
+
+}  // namespace AgentCore::Diagnostics::Collectors::Cmd
