@@ -7,10 +7,13 @@ target_compile_definitions(agentcli-options INTERFACE
 if(MSVC)
   target_compile_options(agentcli-options INTERFACE /W4 /WX /utf-8 /permissive- /Zc:__cplusplus /Zc:preprocessor)
 else()
+  # The maps imply backslashes in source locations; our messages name files with slashes on every build machine.
   target_compile_options(agentcli-options INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
     -g -gcodeview -gno-codeview-command-line -fno-omit-frame-pointer
-    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_BINARY_DIR}=build -ffile-compilation-dir=.)
+    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_BINARY_DIR}=build -ffile-compilation-dir=.
+    -fno-file-reproducible)
+  target_include_directories(agentcli-options SYSTEM BEFORE INTERFACE ${CMAKE_CURRENT_LIST_DIR}/libstdcxx)
   if(AGENTCLI_CHECKED)
     target_compile_definitions(agentcli-options INTERFACE _GLIBCXX_ASSERTIONS)
     target_compile_options(agentcli-options INTERFACE -fsanitize=undefined -fsanitize-trap=undefined)
@@ -36,9 +39,7 @@ function(agentcli_program name)
     # The image carries a content hash in place of a time stamp, and the PDB's bare name.
     target_link_options(${name} PRIVATE
       -Wl,--pdb=$<TARGET_FILE_DIR:${name}>/${name}.pdb
-      -Wl,-Xlink=/pdbaltpath:%_PDB%,-Xlink=/pdbsourcepath:.,-Xlink=/Brepro
-      # libstdc++ 12 defines type_info's comparison in the library as well as, from C++23 on, inline.
-      -Wl,--allow-multiple-definition)
+      -Wl,-Xlink=/pdbaltpath:%_PDB%,-Xlink=/pdbsourcepath:.,-Xlink=/Brepro)
     set_target_properties(${name} PROPERTIES ADDITIONAL_CLEAN_FILES $<TARGET_FILE_DIR:${name}>/${name}.pdb)
   endif()
 endfunction()
