@@ -144,6 +144,9 @@ std::string StackTrace::ToString() const {
     const LastErrorKeeper lastError;
     std::string text = "Stacktrace:\n";
     for (const void* address : std::span(frames_).first(count_)) {
+        if (address == nullptr) {
+            break;
+        }
         const Frame frame = Symbols::Instance().Resolve(reinterpret_cast<std::uintptr_t>(address));
         if (std::ranges::any_of(startUp, [&](std::string_view name) { return frame.description.contains(name); })) {
             break;
@@ -153,6 +156,10 @@ std::string StackTrace::ToString() const {
             fmt::format_to(std::back_inserter(text), "\tSource file: {}:{}\n", frame.file, frame.line);
         }
         text += "\t------------------------------------\n";
+        // What calls main is the start-up as well, even where it comes without a name.
+        if (frame.description.contains("!main+")) {
+            break;
+        }
     }
     return text;
 }
