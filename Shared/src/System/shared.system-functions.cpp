@@ -33,7 +33,8 @@ std::filesystem::path GetWindowsPath() {
     std::wstring text(MAX_PATH, L'\0');
     const UINT length = GetWindowsDirectoryW(text.data(), static_cast<UINT>(text.size()));
     if (length == 0 || length >= text.size()) {
-        throw Exception::Win32Exception("GetWindowsDirectoryW() failed", length == 0 ? GetLastError() : ERROR_INSUFFICIENT_BUFFER);
+        throw Exception::Win32Exception("GetWindowsDirectoryW() failed",
+                                        length == 0 ? GetLastError() : ERROR_INSUFFICIENT_BUFFER);
     }
     text.resize(length);
     return text;

@@ -26,7 +26,6 @@ struct FixedString {
 };
 
 template <class Char, std::size_t N>
-FixedString(const Char (&)[N])
-    -> FixedString<Char, std::basic_string_view<Char>, std::basic_string<Char>, N - 1>;
+FixedString(const Char (&)[N]) -> FixedString<Char, std::basic_string_view<Char>, std::basic_string<Char>, N - 1>;
 
 }  // namespace Shared::Util

@@ -26,13 +26,18 @@ int WideToUtf8(std::wstring_view text, char* buffer, int size) {
     const int length = CheckedLength(text.size());
     int result = WideCharToMultiByte(CP_UTF8, strictFlags, text.data(), length, buffer, size, nullptr, nullptr);
     if (result == 0 && GetLastError() == ERROR_INVALID_FLAGS) {
-        result = WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, text.data(), length, buffer, size, nullptr, nullptr);
+        result =
+            WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, text.data(), length, buffer, size, nullptr, nullptr);
     }
     return result;
 }
 
-constexpr bool IsHighSurrogate(wchar_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
-constexpr bool IsLowSurrogate(wchar_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
+constexpr bool IsHighSurrogate(wchar_t unit) {
+    return unit >= 0xD800 && unit <= 0xDBFF;
+}
+constexpr bool IsLowSurrogate(wchar_t unit) {
+    return unit >= 0xDC00 && unit <= 0xDFFF;
+}
 
 // The length of the well-formed UTF-8 sequence at the start of the bytes, 0 when there is none (RFC 3629's table).
 std::size_t SequenceLength(std::string_view bytes) {
@@ -53,9 +58,8 @@ std::size_t SequenceLength(std::string_view bytes) {
         return continues(1, lead == 0xE0 ? 0xA0 : 0x80, lead == 0xED ? 0x9F : 0xBF) && continues(2) ? 3 : 0;
     }
     if (lead >= 0xF0 && lead <= 0xF4) {
-        return continues(1, lead == 0xF0 ? 0x90 : 0x80, lead == 0xF4 ? 0x8F : 0xBF) && continues(2) && continues(3)
-                   ? 4
-                   : 0;
+        return continues(1, lead == 0xF0 ? 0x90 : 0x80, lead == 0xF4 ? 0x8F : 0xBF) && continues(2) && continues(3) ? 4
+                                                                                                                    : 0;
     }
     return 0;
 }

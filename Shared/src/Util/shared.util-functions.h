@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <concepts>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -19,13 +20,19 @@ namespace Shared::Util {
 /// UTF-16 to UTF-8 for names and messages, where a faulty character must not cost the evidence: equal to
 /// ConvertStringType for valid text, with U+FFFD in place of each unpaired surrogate.
 [[nodiscard]] std::string ToUtf8(std::wstring_view text);
-[[nodiscard]] inline std::string ToUtf8(const std::filesystem::path& path) { return ToUtf8(std::wstring_view(path.native())); }
+/// Takes a path and nothing that merely converts to one, so that wide strings find the overload above.
+template <std::same_as<std::filesystem::path> Path>
+[[nodiscard]] std::string ToUtf8(const Path& path) {
+    return ToUtf8(std::wstring_view(path.native()));
+}
 
 /// Valid UTF-8 made from any bytes: every byte that is no part of a well-formed sequence becomes U+FFFD.
 [[nodiscard]] std::string SanitiseUtf8(std::string_view bytes);
 
 /// A path from UTF-8 text; the narrow constructors of std::filesystem::path widen byte by byte here.
-[[nodiscard]] inline std::filesystem::path PathFromUtf8(std::string_view text) { return ConvertStringType(text); }
+[[nodiscard]] inline std::filesystem::path PathFromUtf8(std::string_view text) {
+    return ConvertStringType(text);
+}
 
 /// "{}T{}.{}Z" of date, time and milliseconds as three digits. Throws Win32Exception "GetDateFormatEx() failed" or
 /// "GetTimeFormatEx() failed".
