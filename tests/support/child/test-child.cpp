@@ -4,6 +4,7 @@
 //   sleep MS              wait                    read         read standard input to its end
 //   close                 close both outputs      probe N      say whether N is an open handle
 //   grandchild MS         start a process that waits, with our handles, and write its id and a blank
+//   hold FILE MS          keep the file open for nobody else, say "held", and wait
 //   crash                 by an access violation  exit N       end; without it the exit code is 0
 // Any other first argument is taken as a question to the tool.
 
@@ -46,6 +47,13 @@ void StartGrandchild(const std::string& milliseconds) {
     PROCESS_INFORMATION process{};
     CreateProcessA(self, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
     Write(STD_OUTPUT_HANDLE, std::to_string(process.dwProcessId) + ' ');
+}
+
+void Hold(const std::string& path, const std::string& milliseconds) {
+    const HANDLE file = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr);
+    Write(STD_OUTPUT_HANDLE, file != INVALID_HANDLE_VALUE ? "held\r\n" : "failed\r\n");
+    Sleep(static_cast<DWORD>(std::stoul(milliseconds)));
 }
 
 int AnswerAsTool(const std::string& question) {
@@ -101,6 +109,9 @@ int main(int count, char** arguments) {
             Write(STD_OUTPUT_HANDLE, GetHandleInformation(handle, &flags) != FALSE ? "open" : "closed");
         } else if (step == "grandchild") {
             StartGrandchild(next());
+        } else if (step == "hold") {
+            const std::string path = next();
+            Hold(path, next());
         } else if (step == "crash") {
             *reinterpret_cast<volatile int*>(std::uintptr_t{16}) = 1;
         } else if (step == "exit") {
