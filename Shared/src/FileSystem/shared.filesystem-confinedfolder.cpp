@@ -64,6 +64,12 @@ std::wstring Below(std::wstring folder, std::wstring_view name) {
     return folder.append(name);
 }
 
+// Messages show paths; the prefix of a drive's path is not for readers.
+std::wstring Readable(const std::wstring& path) {
+    constexpr std::size_t prefixLength = 4;
+    return path.size() > prefixLength + 1 && path[prefixLength + 1] == L':' ? path.substr(prefixLength) : path;
+}
+
 bool IsLinkHandle(HANDLE handle) {
     FILE_ATTRIBUTE_TAG_INFO tag{};
     return GetFileInformationByHandleEx(handle, FileAttributeTagInfo, &tag, sizeof tag) == FALSE ||
@@ -121,61 +127,66 @@ ConfinedFolder::ConfinedFolder(const std::filesystem::path& folder) {
     ThrowFileSystemError("exists", folder, GetLastError());
 }
 
-std::expected<ConfinedFile, DWORD> ConfinedFolder::Open(std::wstring_view name) const {
-    const auto failed = [](DWORD code) -> std::expected<ConfinedFile, DWORD> {
-        if (IsNotFound(code)) {
-            return {};
-        }
-        return std::unexpected(code);
-    };
-    const auto refused = [] { return ConfinedFile{.status = {.kind = FileKind::Other}, .path = {}, .handle = {}}; };
-    if (root_.empty()) {
-        return {};
-    }
-
-    // Level by level, so that no link is followed at all: even to open what a user points at can have effects.
+// Level by level, so that no link is followed at all: even to open what a user points at can have effects.
+FileKind ConfinedFolder::LookAlong(std::wstring_view name) const {
     for (std::size_t end = 0; end != std::wstring_view::npos;) {
         end = name.find(L'\\', end + 1);
         const std::wstring path = Below(root_, name.substr(0, end));
         const Util::FileHandle level(
             CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, shareAll, nullptr, OPEN_EXISTING, notThroughLink, nullptr));
         if (!level) {
-            return failed(GetLastError());
+            if (const DWORD error = GetLastError(); !IsNotFound(error)) {
+                ThrowFileSystemError("exists", path, error);
+            }
+            return FileKind::NotFound;
         }
         if (IsLinkHandle(level.Get())) {
-            return refused();
+            return FileKind::Foreign;
         }
+        if (GetFileType(level.Get()) != FILE_TYPE_DISK) {
+            return FileKind::Other;
+        }
+    }
+    return FileKind::Regular;
+}
+
+std::expected<ConfinedFile, DWORD> ConfinedFolder::Open(std::wstring_view name) const {
+    ConfinedFile file;
+    file.status.kind = root_.empty() ? FileKind::NotFound : LookAlong(name);
+    if (file.status.kind != FileKind::Regular) {
+        return file;
     }
 
     const std::wstring expected = Below(root_, name);
-    ConfinedFile file;
     // Without delete sharing: that is what fastens the name to the file.
     file.handle.Reset(CreateFileW(expected.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                   OPEN_EXISTING, notThroughLink, nullptr));
     if (!file.handle) {
-        return failed(GetLastError());
+        const DWORD error = GetLastError();
+        if (!IsNotFound(error)) {
+            return std::unexpected(error);
+        }
+        file.status.kind = FileKind::NotFound;
+        return file;
     }
     // The levels may have changed since they were looked at. What was opened is fixed now, and where it really lies
     // decides.
-    const auto path = FinalPath(file.handle.Get(), volumeNameForm_);
-    if (!path) {
-        return failed(GetLastError());
-    }
+    const auto finalPath = FinalPath(file.handle.Get(), volumeNameForm_);
     BY_HANDLE_FILE_INFORMATION information{};
-    if (GetFileType(file.handle.Get()) != FILE_TYPE_DISK || IsLinkHandle(file.handle.Get()) ||
-        !SameName(*path, expected) || GetFileInformationByHandle(file.handle.Get(), &information) == FALSE) {
-        return refused();
+    if (!finalPath || !SameName(*finalPath, expected) || IsLinkHandle(file.handle.Get()) ||
+        GetFileInformationByHandle(file.handle.Get(), &information) == FALSE) {
+        file.status.kind = FileKind::Foreign;
+        return file;
     }
-    const bool directory = (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    if (!directory && information.nNumberOfLinks > 1 && !HasAllNamesBelow(file.handle.Get())) {
-        return refused();
-    }
-    file.status.kind = directory ? FileKind::Directory : FileKind::Regular;
-    if (!directory) {
+    if ((information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+        file.status.kind = FileKind::Directory;
+    } else if (information.nNumberOfLinks > 1 && !HasAllNamesBelow(file.handle.Get())) {
+        file.status.kind = FileKind::Foreign;
+        return file;
+    } else {
         file.status.size = (std::uint64_t{information.nFileSizeHigh} << 32U) | information.nFileSizeLow;
     }
-    // Messages show the path; the prefix of a drive's path is not for readers.
-    file.path = volumeNameForm_ == VOLUME_NAME_DOS && path->size() > 5 && (*path)[5] == L':' ? path->substr(4) : *path;
+    file.path = Readable(expected);
     return file;
 }
 

@@ -15,10 +15,10 @@ namespace Shared::FileSystem {
 /// What was found under a name in a confined folder. While the object lives, nobody can rename, delete or replace what
 /// it holds: a read under `path` meets the very file that was checked. Others may go on writing it.
 struct ConfinedFile {
-    /// Kind Other for what must not be taken from here: it is reached through a link, it is no disk file, or it has
-    /// further names (hard links) outside of the folder or of unknown place.
+    /// Kind Foreign for what must not be taken from here: it is reached through a link, or it has further names (hard
+    /// links) outside of the folder or of unknown place.
     FileStatus status;
-    /// The final path, for Regular and Directory.
+    /// The name below the resolved folder, for Regular and Directory.
     std::filesystem::path path;
     Util::FileHandle handle;
 };
@@ -32,10 +32,12 @@ public:
     explicit ConfinedFolder(const std::filesystem::path& folder);
 
     /// Opens what has the name: components below the folder, joined by single backslashes. Returns the Win32 code when
-    /// something is there that cannot be opened (locked, no access).
+    /// it is there and cannot be read (locked, no access). Throws std::filesystem::filesystem_error of the operation
+    /// "exists" when it cannot be told what is there.
     [[nodiscard]] std::expected<ConfinedFile, DWORD> Open(std::wstring_view name) const;
 
 private:
+    [[nodiscard]] FileKind LookAlong(std::wstring_view name) const;
     [[nodiscard]] bool HasAllNamesBelow(HANDLE file) const;
 
     std::wstring root_;

@@ -7,7 +7,13 @@
 
 namespace Shared::FileSystem {
 
-enum class FileKind : std::uint8_t { NotFound, Regular, Directory, Other };
+enum class FileKind : std::uint8_t {
+    NotFound,
+    Regular,
+    Directory,
+    Foreign,  ///< of ConfinedFolder only: reached through a link, or a file that other places hold as well
+    Other
+};
 
 struct FileStatus {
     FileKind kind = FileKind::NotFound;

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstdint>
+#include <expected>
+#include <filesystem>
+#include <source_location>
+#include <string>
+#include <string_view>
+
+#include "shared.filesystem-confinedfolder.h"
+
+namespace AgentCore::Diagnostics::Collectors::FileSystem {
+
+/// The largest file that the collectors take, in bytes.
+inline constexpr std::uint64_t maxFileSize = 209715200;
+
+/// Why a file does not go into the archive.
+struct CheckError {
+    enum class Reason : std::int32_t { NotFound, NotRegularFile, TooLarge, Executable };
+
+    std::string message;
+    Reason reason;
+};
+
+using CheckResult = std::expected<void, CheckError>;
+
+/// The gate of every collected file: it exists, is a regular file of at most `maxSize` bytes and no executable image.
+/// A refusal is logged. Throws std::filesystem::filesystem_error of the operation "status" when the file's status
+/// cannot be had.
+[[nodiscard]] CheckResult FileChecksPass(const std::filesystem::path& file, std::uint64_t maxSize);
+
+/// The same gate for a file that is held open. What its folder does not vouch for is no regular file. `file` is the
+/// path for the message.
+[[nodiscard]] CheckResult FileChecksPass(const std::filesystem::path& file,
+                                         const Shared::FileSystem::ConfinedFile& opened, std::uint64_t maxSize);
+
+/// The name parts of a file, as UTF-8. An alternate-stream suffix (":...") belongs to none of them.
+struct FileDescriptor {
+    /// Throws RuntimeException for a name without a dot.
+    explicit FileDescriptor(const std::filesystem::path& file);
+
+    /// The text before the first dot. Throws RuntimeException "No extension detected in {}." when there is no dot.
+    [[nodiscard]] static std::string Extract(std::string_view fileName);
+
+    std::string name;
+    /// The name without its last extension; a leading dot starts no extension.
+    std::string stem;
+    /// The last extension with its dot, or nothing.
+    std::string extension;
+    std::filesystem::path path;
+    std::string baseName;
+};
+
+/// Name, stem and extension as FileDescriptor holds them, for any name.
+struct NameParts {
+    explicit NameParts(std::wstring_view fileName);
+
+    std::wstring_view name;
+    std::wstring_view stem;
+    std::wstring_view extension;
+};
+
+}  // namespace AgentCore::Diagnostics::Collectors::FileSystem
