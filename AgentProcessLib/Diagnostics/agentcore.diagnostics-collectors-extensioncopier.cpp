@@ -2,11 +2,10 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <exception>
+#include <set>
 #include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "shared.exception-guardedlog.h"
 #include "shared.exception-messages.h"
@@ -17,6 +16,11 @@ namespace AgentCore::Diagnostics::Collectors::FileSystem {
 namespace {
 
 using Shared::Util::ToUtf8;
+
+/// Files of one stem stay in the order in which they were found.
+struct ByStem {
+    bool operator()(const FileDescriptor& left, const FileDescriptor& right) const { return left.stem < right.stem; }
+};
 
 bool Matches(std::wstring_view fileName, const ExtensionScan& scan) {
     const NameParts parts(fileName);
@@ -58,11 +62,11 @@ private:
 
 CollectorStatus CopyMatches(const std::filesystem::path& folder, const ExtensionScan& scan, Run run) {
     using Shared::FileSystem::Depth;
-    std::vector<FileDescriptor> files;
+    std::multiset<FileDescriptor, ByStem> files;
     const auto unreadable = Shared::FileSystem::ForEachEntry(folder, scan.recursive ? Depth::Tree : Depth::Folder,
                                                              [&](const Shared::FileSystem::DirectoryEntry& entry) {
                                                                  if (Matches(entry.Name(), scan)) {
-                                                                     files.emplace_back(entry.path);
+                                                                     files.emplace(entry.path);
                                                                  }
                                                              });
     for (const auto& subfolder : unreadable) {
@@ -76,7 +80,6 @@ CollectorStatus CopyMatches(const std::filesystem::path& folder, const Extension
                                    ToUtf8(folder));
         return std::move(run).Status();
     }
-    std::ranges::stable_sort(files, {}, &FileDescriptor::stem);
     for (const FileDescriptor& file : files) {
         try {
             run.Copy(file);
