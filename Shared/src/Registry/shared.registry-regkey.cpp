@@ -81,7 +81,7 @@ std::wstring RegKey::Value::ToWide() const {
             return fmt::format(L"[Multistring] {} = {}", name, JoinedMultiString(data));
         default:
             Exception::LogWarning("Ignored value name {} as it was of value type {}.",
-                                  Util::ToUtf8(std::wstring_view(name)), type);
+                                  Util::ToUtf8(name), type);
             return fmt::format(L"Value {} of type {} ignored", name, type);
     }
 }
@@ -123,7 +123,7 @@ std::expected<RegKey, std::string> RegKey::Open(HKEY rootKey, const std::wstring
         try {
             return RegKey(rootKey, path, accessMask);
         } catch (const std::exception& error) {
-            Exception::LogWarning("Failed opening {}: {}", Util::ToUtf8(std::wstring_view(path)), error.what());
+            Exception::LogWarning("Failed opening {}: {}", Util::ToUtf8(path), error.what());
             return std::unexpected(std::string(error.what()));
         }
     } catch (...) {
@@ -238,7 +238,7 @@ std::vector<RegKey::Value> RegKey::GetAllValues() const noexcept {
         Exception::LogWarning(
             "Failed extracting all key values for {}. Will return what has been found, which may be incomplete. Error "
             "details: {}",
-            Util::ToUtf8(std::wstring_view(name)), details);
+            Util::ToUtf8(name), details);
     };
     try {
         try {

@@ -1,0 +1,63 @@
+#include "agentcore.diagnostics-keydump.h"
+
+#include <windows.h>
+
+#include <fmt/xchar.h>
+
+#include <iterator>
+#include <utility>
+#include <vector>
+
+#include "shared.exception-guardedlog.h"
+#include "shared.filesystem-generatedfile.h"
+#include "shared.util-functions.h"
+
+namespace AgentCore::Diagnostics::Collectors::Registry {
+
+using Shared::Registry::RegKey;
+
+std::wstring DumpKey(RegKey key, Subkeys subkeys) {
+    std::wstring text;
+    // The keys still to be dumped, the next one last: a tree may be deeper than the thread's stack.
+    std::vector<RegKey> pending;
+    pending.push_back(std::move(key));
+    while (!pending.empty()) {
+        const RegKey current = std::move(pending.back());
+        pending.pop_back();
+        text += fmt::format(L"Keyname: {}\n", current.name);
+        const auto values = current.GetAllValues();
+        if (values.empty()) {
+            continue;
+        }
+        text += fmt::format(L"[String] (Default) = {}\n", current.DefaultValue());
+        for (const RegKey::Value& value : values) {
+            text += value.ToWide();
+            text += L'\n';
+        }
+        if (subkeys == Subkeys::Followed) {
+            auto children = current.Subkeys();
+            pending.insert(pending.end(), std::move_iterator(children.rbegin()), std::move_iterator(children.rend()));
+        }
+    }
+    return text;
+}
+
+CollectorStatus ArchiveKeyDump(std::wstring_view keyPath, std::string_view fileName, Subkeys subkeys,
+                               const std::filesystem::path& entryDir, Shared::FileZip::ZipArchiveWrapper& zip) {
+    RegKey key(HKEY_LOCAL_MACHINE, std::wstring(keyPath), KEY_READ);
+    const std::string text = Shared::Util::ConvertStringType(std::wstring_view(DumpKey(std::move(key), subkeys)));
+    Shared::FileSystem::GeneratedFile file(Shared::Util::PathFromUtf8(fileName));
+    file.WriteText(text);
+    return FromAdd(zip.AddFileToFolder(entryDir, file.Path()));
+}
+
+std::string MachineKeyName(std::wstring_view keyPath) {
+    return fmt::format("HKLM\\{}", Shared::Util::ToUtf8(keyPath));
+}
+
+std::string Warned(std::string message) {
+    Shared::Exception::LogWarning("{}", message);
+    return message;
+}
+
+}  // namespace AgentCore::Diagnostics::Collectors::Registry

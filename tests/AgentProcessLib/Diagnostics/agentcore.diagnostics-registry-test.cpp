@@ -1,0 +1,262 @@
+#include <gmock/gmock.h>
+
+#include <optional>
+#include <random>
+
+#include "agentcore.diagnostics-collectors-aoxmregistrykey.h"
+#include "agentcore.diagnostics-collectors-lumoraregistrykey.h"
+#include "agentcore.diagnostics-collectors-pvregistryvalues.h"
+#include "agentcore.diagnostics-collectors-tcpbind.h"
+#include "agentcore.diagnostics-configurationset.h"
+#include "shared.util-functions.h"
+#include "test-support.h"
+
+namespace AgentCore::Diagnostics::Collectors::Registry {
+namespace {
+
+using std::string_literals::operator""s;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+using Oxm = AoxmRegistryKey<"registry-oxm.txt", L"SOFTWARE\\Velqor\\OXM", 4>;
+using Lumora = LumoraAccessAgentRegistryKey<4>;
+
+const std::wstring oxm = L"SOFTWARE\\Velqor\\OXM";
+const std::wstring lumora = L"SOFTWARE\\Velqor\\Lumora Access Agent";
+const std::wstring portavo = L"SOFTWARE\\Velqor\\Portavo";
+const std::wstring filters =
+    L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Authentication\\Credential Provider Filters";
+const std::wstring linkage = L"SYSTEM\\CurrentControlSet\\services\\Tcpip\\Linkage";
+
+std::string Raw(std::wstring_view text) {
+    return {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)};
+}
+
+class RegistryCollectors : public testing::Test {
+protected:
+    RegistryCollectors() { zip_.Open(); }
+
+    /// The text that a collector archives under the name, or nothing; whatever happens, no file stays behind.
+    template <class T>
+    std::optional<std::string> Collect(const std::string& name) {
+        status_ = T().Collect(L"folder", zip_);
+        EXPECT_FALSE(std::filesystem::exists(folder_.Path() / name));
+        EXPECT_EQ(status_.success, status_.errors.empty());
+        for (const auto& entry : zip_.Entries()) {
+            if (entry.getName() == "folder/" + name) {
+                return entry.readAsText();
+            }
+        }
+        return std::nullopt;
+    }
+
+    TestSupport::WorkingFolder folder_;
+    TestSupport::TemporaryFolder output_;
+    TestSupport::ThrowAwayHive hive_;
+    TestSupport::CapturedLog log_;
+    Shared::FileZip::ZipArchiveWrapper zip_{output_ / "out.zip"};
+    CollectorStatus status_;
+};
+
+TEST_F(RegistryCollectors, DumpsHoldValuesAndEndAtKeysWithoutThem) {
+    hive_.SetString(oxm, L"Path", L"C:\\\x00C4gent");
+    hive_.SetRaw(oxm, L"Zero", REG_BINARY, "");
+    hive_.SetDword(oxm + L"\\Config", L"Unseen", 1);
+    EXPECT_EQ(Collect<Oxm>("registry-oxm.txt"),
+              "Keyname: SOFTWARE\\Velqor\\OXM\r\n[String] (Default) = (value not set)\r\n"
+              "[String] Path = C:\\\xC3\x84gent\r\n\r\n");
+
+    hive_.SetString(lumora, L"", L"top");
+    hive_.SetDword(lumora + L"\\a\\x", L"Unseen", 1);
+    hive_.SetDword(lumora + L"\\b\\y", L"n", 2);
+    hive_.SetDword(lumora + L"\\b", L"n", 3);
+    hive_.SetDword(lumora + L"\\c", L"n", 4);
+    const std::string head = "Keyname: SOFTWARE\\Velqor\\Lumora Access Agent";
+    const std::string unset = "[String] (Default) = (value not set)\r\n";
+    EXPECT_EQ(Collect<Lumora>("lumora-access-agent.txt"),
+              head + "\r\n[String] (Default) = top\r\n[String]  = top\r\n" + head + "\\a\r\n" +  //
+                  head + "\\b\r\n" + unset + "[DWord] n = 3\r\n" +                               //
+                  head + "\\b\\y\r\n" + unset + "[DWord] n = 2\r\n" +                            //
+                  head + "\\c\r\n" + unset + "[DWord] n = 4\r\n");
+}
+
+TEST_F(RegistryCollectors, WhatCannotBeHadIsOneMessage) {
+    const auto missing =
+        HasSubstr("Cannot open non-existent registry key HKEY_LOCAL_MACHINE\\SOFTWARE\\Velqor\\Lumora");
+    EXPECT_EQ(Collect<Oxm>("registry-oxm.txt"), std::nullopt);
+    EXPECT_THAT(status_.errors,
+                ElementsAre("Not dumping the AOXM registry key SOFTWARE\\Velqor\\OXM as it wasn't found."));
+    EXPECT_EQ(Collect<Lumora>("lumora-access-agent.txt"), std::nullopt);
+    EXPECT_THAT(status_.errors,
+                ElementsAre(AllOf(StartsWith("Failed exporting Lumora Access Agent key SOFTWARE\\Velqor\\Lumora Access "
+                                             "Agent: "),
+                                  missing)));
+    EXPECT_THAT(log_.Text(), AllOf(HasSubstr("Not dumping the AOXM"), HasSubstr("Failed exporting Lumora"), missing));
+    const std::string before = log_.Text();
+    EXPECT_EQ(Collect<PVRegistryValues<4>>("regval.txt"), std::nullopt);
+    EXPECT_THAT(status_.errors,
+                ElementsAre("Not dumping the Portavo key SOFTWARE\\Velqor\\Portavo as it does not exist."));
+    EXPECT_EQ(log_.Text(), before);
+
+    hive_.SetString(oxm, L"n", L"lone \xD800 surrogate");
+    EXPECT_EQ(Collect<Oxm>("registry-oxm.txt"), std::nullopt);
+    EXPECT_THAT(status_.errors,
+                ElementsAre(AllOf(StartsWith("Failed exporting AOXM registry key SOFTWARE\\Velqor\\OXM: "),
+                                  HasSubstr("ConvertWStringToString()"))));
+}
+
+TEST_F(RegistryCollectors, DumpsTreesOfAnyShape) {
+    std::wstring path = lumora;
+    for (int level = 0; level < 400; ++level) {
+        hive_.SetDword(path, L"n", 1);
+        path += L"\\k";
+    }
+    for (int number = 0; number < 1500; ++number) {
+        hive_.SetDword(lumora + L"\\k\\z" + std::to_wstring(number), L"n", 1);
+    }
+    const unsigned handles = TestSupport::HandleCount();
+    const std::string text = Collect<Lumora>("lumora-access-agent.txt").value_or("");
+    EXPECT_EQ(TestSupport::HandleCount(), handles);
+    std::size_t keys = 0;
+    for (std::size_t at = 0; (at = text.find("Keyname: ", at)) != std::string::npos; ++at) {
+        ++keys;
+    }
+    EXPECT_EQ(keys, 1900U);
+}
+
+TEST_F(RegistryCollectors, TheReportHasItsSectionsInOrder) {
+    hive_.SetString(filters + L"\\{1}", L"", L"First");
+    hive_.CreateKey(filters + L"\\{2}");
+    hive_.SetRaw(portavo, L"LatestCP", REG_BINARY, "x");
+    hive_.SetString(portavo, L"wrap-cp-guid", L"{guid \xDC00}");
+    hive_.SetRaw(portavo + L"\\VqPVS", L"PreferredIP", REG_DWORD, "\x0A\x01\xFE\x63");
+    hive_.SetDword(portavo + L"\\VqSetup", L"Prelogon", 0xFFFFFFFF);
+    hive_.SetString(portavo + L"\\Settings", L"text", L"a=b");
+    hive_.SetDword(portavo + L"\\Settings", L"number", 3000000000);
+    hive_.SetRaw(portavo + L"\\Settings", L"list", REG_MULTI_SZ, Raw(L"a\0b\0\0"s));
+    hive_.SetRaw(portavo + L"\\Settings", L"other", REG_QWORD, "12345678");
+    hive_.SetRaw(portavo + L"\\Settings", L"short", REG_DWORD, "");
+    const std::string text = Collect<PVRegistryValues<4>>("regval.txt").value_or("");
+    const std::string::size_type settings = text.find("text=");
+    EXPECT_THAT(text.substr(0, settings),
+                MatchesRegex("Credential Provider Filters:\r\n"
+                             "SOFTWARE.Microsoft.*Filters.\\{1\\} \\| First \\| ..:..:.. ....-..-..\r\n"
+                             "SOFTWARE.Microsoft.*Filters.\\{2\\} \\| \\(value not set\\) \\| ..:..:.. ....-..-..\r\n"
+                             "\r\nSSO cache:\r\nSSO cache is not empty.\r\n"
+                             "\r\nPreferredIP:10.1.254.99"
+                             "\r\nPrelogon:4294967295"
+                             "\r\nWrap CP Guid:\r\n\\{guid \xEF\xBF\xBD\\}"
+                             "\r\nSettings:\r\n.*"));
+    for (const char* line :
+         {"text=a=b", "number=3000000000", "list=a, b", "other=(type 11, 8 bytes)", "short=(type 4, 0 bytes)"}) {
+        EXPECT_THAT(text, HasSubstr(line + "\r\n"s));
+    }
+}
+
+TEST_F(RegistryCollectors, AFailingSectionCostsNoOther) {
+    hive_.SetDword(portavo, L"wrap-cp-guid", 1);
+    hive_.SetRaw(portavo + L"\\VqPVS", L"PreferredIP", REG_BINARY, std::string(16, 'x'));
+    hive_.SetString(portavo + L"\\VqSetup", L"Prelogon", L"on");
+    EXPECT_EQ(
+        Collect<PVRegistryValues<4>>("regval.txt"),
+        "Credential Provider Filters:\r\n\r\nSSO cache:\r\nSSO cache is empty.\r\n\r\nPreferredIP:"
+        "Failed writing out the PreferredIP value as it was unexpected size: 16.\r\nPrelogon:on\r\nSettings:\r\n");
+    for (const char* failure :
+         {"Credential Provider Filters: Exception", "CP GUID: Exception", "registry settings: Exception"}) {
+        EXPECT_THAT(log_.Text(), HasSubstr("Failed writing out "s + failure));
+    }
+    EXPECT_THAT(log_.Text(), HasSubstr("--> Failed opening SOFTWARE\\Microsoft"));
+    std::ostringstream absent;
+    hive_.CreateKey(portavo + L"\\VqEmpty");
+    TestSupport::ThrowAwayHive bare;
+    WritePreferredIP(absent);
+    WritePrelogon(absent);
+    bare.CreateKey(portavo);
+    WriteCPGuid(absent);
+    EXPECT_EQ(absent.str(),
+              "\nPreferredIP is not present\n\nPrelogon value is not present\n"
+              "\nwrap-cp-guid value is not present.\n");
+}
+
+TEST_F(RegistryCollectors, BindingsAreLinesOfANewFile) {
+    const std::pair<std::wstring, std::string> cases[] = {
+        {L"\\Device\\{1}\0\x4E2D\x6587 \xD83D\xDE00\0\0"s,
+         "\\Device\\{1}\r\n\xE4\xB8\xAD\xE6\x96\x87 \xF0\x9F\x98\x80\r\n\r\n"},
+        {L"b\xD800\0\0"s, "b\xEF\xBF\xBD\r\n\r\n"},
+        {L"\0"s, ""},
+        {L"\0\0"s, ""},
+        {L"", ""},
+    };
+    for (const auto& [stored, text] : cases) {
+        hive_.SetRaw(linkage, L"Bind", REG_MULTI_SZ, Raw(stored));
+        TestSupport::WriteFile(folder_.Path() / "TcpipBind.txt", "left over");
+        EXPECT_EQ(Collect<TcpBind<3>>("TcpipBind.txt"), text);
+    }
+    TestSupport::WriteFile(folder_.Path() / "TcpipBind.txt" / "in the way", "");
+    status_ = TcpBind<3>().Collect(L"other", zip_);
+    EXPECT_THAT(status_.errors, ElementsAre(AllOf(StartsWith("TcpBind failed: "), HasSubstr("remove"))));
+    EXPECT_THAT(log_.Text(), HasSubstr("TcpBind failed: "));
+    EXPECT_EQ(TcpBindSource(), "HKLM\\SYSTEM\\CurrentControlSet\\services\\Tcpip\\Linkage\\Bind");
+}
+
+TEST_F(RegistryCollectors, TheConfigurationSetIsInOrder) {
+    std::vector<std::string> rows;
+    for (const CollectorRow& row : ConfigurationSet()) {
+        EXPECT_EQ(row.type, 4);
+        rows.push_back(row.name + " <- " + row.origin());
+    }
+    const std::string velqor = "SOFTWARE\\Velqor\\";
+    EXPECT_THAT(rows,
+                ElementsAre("HKLM\\SOFTWARE\\Velqor\\Portavo and HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\"
+                            "Authentication\\Credential Provider Filters <- HKLM\\SOFTWARE\\Velqor\\Portavo",
+                            velqor + "OXM <- HKLM\\" + velqor + "OXM",
+                            velqor + "OXM\\Config <- HKLM\\" + velqor + "OXM\\Config",
+                            velqor + "Lumora Access Agent <- HKLM\\" + velqor + "Lumora Access Agent"));
+}
+
+// Whatever the registry holds, a collector archives valid UTF-8 in CR LF lines or says why it did not.
+TEST_F(RegistryCollectors, SurviveHostileValues) {
+    std::mt19937 random(7);  // NOLINT(cert-msc51-cpp): the same cases in every run
+    const auto below = [&random](unsigned limit) { return random() % limit; };
+    const auto text = [&](unsigned limit) {
+        static constexpr wchar_t units[] = L"a=\\\r\n\x7C20\xE000\xFFFF\xD83D\xDE00";
+        std::wstring made(below(limit), L'\0');
+        std::ranges::generate(made, [&] { return units[below(std::size(units) - (below(99) == 0 ? 1 : 3))]; });
+        return made;
+    };
+    const std::wstring keys[] = {oxm, lumora, lumora + L"\\sub", portavo + L"\\Settings", portavo};
+    const unsigned handles = TestSupport::HandleCount();
+    unsigned archived = 0;
+    for (int turn = 0; turn < 40; ++turn) {
+        TestSupport::ThrowAwayHive hive;
+        for (int number = 0; number < 12; ++number) {
+            std::string data = Raw(text(below(6) == 0 ? 5000 : 12));
+            data.resize(data.size() - std::min<std::size_t>(data.size(), below(2)));
+            hive.SetRaw(keys[below(std::size(keys))], text(30), below(12), data);
+        }
+        hive.SetRaw(linkage, L"Bind", REG_MULTI_SZ, Raw(text(40)));
+        const std::optional<std::string> texts[] = {
+            Collect<Oxm>("registry-oxm.txt"), Collect<Lumora>("lumora-access-agent.txt"),
+            Collect<PVRegistryValues<4>>("regval.txt"), Collect<TcpBind<3>>("TcpipBind.txt")};
+        for (const auto& one : texts) {
+            if (one) {
+                ++archived;
+                EXPECT_EQ(Shared::Util::SanitiseUtf8(*one), *one);
+                EXPECT_EQ(std::ranges::count(*one, '\n'), [&] {
+                    std::ptrdiff_t count = 0;
+                    for (std::size_t at = 0; (at = one->find("\r\n", at)) != std::string::npos; ++at)
+                        ++count;
+                    return count;
+                }());
+            }
+        }
+    }
+    EXPECT_GT(archived, 100U);
+    EXPECT_EQ(TestSupport::HandleCount(), handles);
+}
+
+}  // namespace
+}  // namespace AgentCore::Diagnostics::Collectors::Registry
