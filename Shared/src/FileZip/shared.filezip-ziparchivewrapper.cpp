@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <fmt/format.h>
+#include <zip.h>
 
 #include <algorithm>
 #include <optional>
@@ -35,19 +36,41 @@ std::uint64_t SizeOf(const Util::FileHandle& file) {
     return GetFileSizeEx(file.Get(), &size) == FALSE ? 0 : static_cast<std::uint64_t>(size.QuadPart);
 }
 
-/// The first failure that reading the whole file meets; the library's own reason does not come through.
-DWORD ReadingFailure(const Util::FileHandle& file) {
-    std::vector<char> buffer(std::size_t{256} * 1024);
-    const LARGE_INTEGER start{};
-    if (SetFilePointerEx(file.Get(), start, nullptr, FILE_BEGIN) == FALSE) {
-        return GetLastError();
+std::string Shrank(std::uint64_t before, std::uint64_t now) {
+    return fmt::format("it shrank from {} to {} bytes while it was read", before, now);
+}
+
+/// Why the library could not read a file of that size to its end. It keeps its reason to itself, so the file is read
+/// once more.
+std::string ReadingFailure(const Util::FileHandle& file, std::uint64_t size) {
+    if (const std::uint64_t now = SizeOf(file); now < size) {
+        return Shrank(size, now);
     }
+    std::vector<char> buffer(std::size_t{256} * 1024);
     for (DWORD read = 1; read != 0;) {
         if (ReadFile(file.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &read, nullptr) == FALSE) {
-            return GetLastError();
+            return Win32Reason(GetLastError());
         }
     }
-    return ERROR_SUCCESS;
+    return "it could not be read or compressed";
+}
+
+/// Why no archive could be opened over the source.
+std::string OpeningFailure(const AppendInPlaceSource& file, zip_source_t* source) {
+    if (file.LastFailure() != ERROR_SUCCESS) {
+        return Win32Reason(file.LastFailure());
+    }
+    zip_error_t error;
+    zip_error_init(&error);
+    zip_source_keep(source);
+    if (zip_t* archive = zip_open_from_source(source, ZIP_RDONLY, &error); archive != nullptr) {
+        zip_discard(archive);
+    } else {
+        zip_source_free(source);
+    }
+    std::string reason = zip_error_strerror(&error);
+    zip_error_fini(&error);
+    return reason;
 }
 
 /// The path as the library takes it. A name that is no valid UTF-16 has no UTF-8 form: then its short name serves,
@@ -73,26 +96,6 @@ std::optional<std::string> LibraryPath(const std::filesystem::path& longForm) {
 std::string EntryName(std::string name) {
     std::ranges::replace(name, '\\', '/');
     return name;
-}
-
-/// The size of the file of that name; 0 when there is none.
-std::uint64_t FileSize(const std::filesystem::path& path) {
-    WIN32_FILE_ATTRIBUTE_DATA data{};
-    if (GetFileAttributesExW(FileSystem::LongForm(path).c_str(), GetFileExInfoStandard, &data) == FALSE) {
-        return 0;
-    }
-    return (std::uint64_t{data.nFileSizeHigh} << 32U) | data.nFileSizeLow;
-}
-
-/// Why the library could not take in a source of that size.
-std::string FailureOfAdd(const Util::FileHandle& source, std::uint64_t size) {
-    if (const std::uint64_t now = SizeOf(source); now < size) {
-        return fmt::format("it shrank from {} to {} bytes while it was read", size, now);
-    }
-    if (const DWORD code = ReadingFailure(source); code != ERROR_SUCCESS) {
-        return Win32Reason(code);
-    }
-    return "the archive could not be written";
 }
 
 }  // namespace
@@ -134,36 +137,50 @@ void ZipArchiveWrapper::Open() {
         throw Exception::RuntimeException("Path to archive was empty");
     }
     archive_.reset();
-    Reopen();
+    source_ = std::make_unique<AppendInPlaceSource>(std::make_unique<Win32ArchiveFile>(path_));
+    if (const std::string trouble = Reopen(); !trouble.empty()) {
+        source_.reset();
+        throw Exception::RuntimeException(trouble);
+    }
 }
 
-void ZipArchiveWrapper::Reopen() {
-    archive_.reset(new libzippp::ZipArchive(Util::ConvertStringType(FileSystem::LongForm(path_).native())));
-    if (!archive_->open(libzippp::ZipArchive::Write)) {
-        archive_.reset();
-        openFailure_ = "the library cannot open it";
-        throw Exception::RuntimeException(fmt::format("Cannot open archive {}: {}", Util::ToUtf8(path_), openFailure_));
+/// Opens the archive as it is on disk. Returns the reason when that fails, and leaves no archive then.
+std::string ZipArchiveWrapper::Reopen() {
+    archive_.reset();
+    std::string reason;
+    if (const auto prepared = source_->Prepare(); !prepared) {
+        reason = Win32Reason(prepared.error());
+    } else if (zip_source_t* source = source_->NewSource(); source != nullptr) {
+        zip_source_keep(source);
+        archive_.reset(libzippp::ZipArchive::fromSource(source, libzippp::ZipArchive::Write));
+        reason = archive_ ? std::string() : OpeningFailure(*source_, source);
+        zip_source_free(source);
+    } else {
+        reason = Win32Reason(ERROR_NOT_ENOUGH_MEMORY);
     }
+    return reason.empty() ? reason : fmt::format("Cannot open archive {}: {}", Util::ToUtf8(path_), reason);
 }
 
 void ZipArchiveWrapper::Close() {
-    if (archive_ && archive_->close() != LIBZIPPP_OK) {
-        throw Exception::RuntimeException(fmt::format("Cannot write archive {}", Util::ToUtf8(path_)));
-    }
+    const bool failed = archive_ && archive_->close() != LIBZIPPP_OK;
+    const std::string reason = failed ? WritingFailure() : std::string();
     archive_.reset();
+    source_.reset();
+    if (failed) {
+        throw Exception::RuntimeException(reason);
+    }
 }
 
+std::string ZipArchiveWrapper::WritingFailure() const {
+    const DWORD code = source_->LastFailure();
+    return fmt::format("archive {} could not be written: {}", Util::ToUtf8(path_),
+                       code == ERROR_SUCCESS ? "the library gave no reason" : Win32Reason(code));
+}
+
+/// Goes back to what is on disk. Returns what to add to a message: nothing, or that this failed too.
 std::string ZipArchiveWrapper::DropChanges() {
-    if (archive_) {
-        archive_->discard();
-    }
-    try {
-        Reopen();
-        return {};
-    } catch (const std::exception& failure) {
-        Exception::LogError("{}", failure.what());
-        return fmt::format("; the archive could not be opened again: {}", openFailure_);
-    }
+    const std::string trouble = Reopen();
+    return trouble.empty() ? trouble : "; " + trouble;
 }
 
 ZipArchiveWrapper::AddResult ZipArchiveWrapper::AddFile(const std::string& entryName,
@@ -175,7 +192,7 @@ ZipArchiveWrapper::AddResult ZipArchiveWrapper::AddFile(const std::string& entry
         return AddToOpenArchive(EntryName(entryName), source);
     } catch (const std::exception& failure) {
         Exception::LogError("{}", failure.what());
-        return std::unexpected(NotArchived(source, archive_ ? "it could not be added" : openFailure_) + DropChanges());
+        return std::unexpected(NotArchived(source, "it could not be added, see the log"));
     }
 }
 
@@ -204,44 +221,50 @@ ZipArchiveWrapper::AddResult ZipArchiveWrapper::AddToOpenArchive(const std::stri
             entry.setCompressionMethod(libzippp::CompressionMethod::DEFLATE) && entry.setCompressionLevel(deflateLevel);
     }
     if (!prepared || archive_->close() != LIBZIPPP_OK) {
-        const std::string reason = FailureOfAdd(file, size);
+        const std::string reason =
+            source_->LastFailure() != ERROR_SUCCESS ? WritingFailure() : ReadingFailure(file, size);
         return std::unexpected(NotArchived(source, reason) + DropChanges());
     }
-    Reopen();
+    if (const std::string trouble = Reopen(); !trouble.empty()) {
+        return std::unexpected(fmt::format("File {} was archived, but then: {}", Util::ToUtf8(source), trouble));
+    }
+    return CheckAdded(entryName, source, size, SizeOf(file));
+}
 
+ZipArchiveWrapper::AddResult ZipArchiveWrapper::CheckAdded(const std::string& entryName,
+                                                           const std::filesystem::path& source,
+                                                           std::uint64_t sizeBefore, std::uint64_t sizeAfter) {
     const std::uint64_t archived = archive_->getEntry(entryName).getSize();
-    if (archived < size) {
-        return std::unexpected(
-            NotArchived(source, fmt::format("it shrank from {} to {} bytes while it was read", size, archived)) +
-            Remove(entryName));
+    if (archived < sizeBefore) {
+        return std::unexpected(NotArchived(source, Shrank(sizeBefore, archived)) + Remove(entryName));
     }
-    if (maxArchiveSize_ != 0 && FileSize(path_) > maxArchiveSize_) {
-        const std::string trouble = Remove(entryName);
+    if (maxArchiveSize_ != 0 && source_->FileSize() > maxArchiveSize_) {
         return std::unexpected(fmt::format("Excluded file {} ({}) as it exceeds the maximum archive size ({}).",
-                                           Util::ToUtf8(source), FormatSize(size), FormatSize(maxArchiveSize_)) +
-                               trouble);
+                                           Util::ToUtf8(source), FormatSize(sizeBefore), FormatSize(maxArchiveSize_)) +
+                               Remove(entryName));
     }
-    if (const std::uint64_t grown = SizeOf(file); grown > archived) {
+    if (sizeAfter > archived) {
         return std::unexpected(
             fmt::format("File {} grew to {} bytes while it was read: its first {} bytes are archived",
-                        Util::ToUtf8(source), grown, archived));
+                        Util::ToUtf8(source), sizeAfter, archived));
     }
     return {};
 }
 
+/// Takes an entry out of the file on disk. Returns what to add to a message: nothing, or what went wrong.
 std::string ZipArchiveWrapper::Remove(const std::string& entryName) {
-    if (archive_->deleteEntry(entryName) == 1 && archive_->close() == LIBZIPPP_OK) {
-        Reopen();
-        return {};
+    std::string trouble;
+    if (archive_->deleteEntry(entryName) != 1 || archive_->close() != LIBZIPPP_OK) {
+        trouble = "; its entry could not be removed: " + WritingFailure();
     }
-    return "; its entry could not be removed from the archive" + DropChanges();
+    return trouble + DropChanges();
 }
 
 ZipArchiveWrapper::AddResult ZipArchiveWrapper::AddFileToFolder(const std::filesystem::path& entryFolder,
                                                                 const std::filesystem::path& source) {
     const std::filesystem::path name = source.filename();
     std::string entryName = EntryName(Util::ToUtf8(entryFolder / name));
-    if (Util::ConvertStringType(Util::ToUtf8(name)) != name.native()) {
+    if (Util::ConvertStringType(std::string_view(Util::ToUtf8(name))) != name.native()) {
         // Faulty names look alike once they are UTF-8; none may replace another.
         const std::string first = entryName;
         for (int number = 2; archive_ && archive_->hasEntry(entryName); ++number) {

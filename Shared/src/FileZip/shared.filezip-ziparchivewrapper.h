@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "shared.filezip-appendsource.h"
+
 namespace Shared::FileZip {
 
 /// "{} B" below 1024, "{} kB" below 1048576, else "{} MB"; integer division, no decimals.
@@ -17,9 +19,13 @@ namespace Shared::FileZip {
 /// The output archive: owns the zip file on disk and the open library archive on it. After every add the archive is
 /// closed and opened again, so that the file on disk always holds what has been added.
 ///
-/// An add costs only the file it is asked to add: when the source vanishes, is locked or cannot be read to its end, or
-/// when the disk is full, the add returns a message that names the file and the reason, the archive stays valid and
-/// open, and every earlier entry is still there.
+/// An add costs only the file it is asked to add: when the source vanishes, is locked, shrinks or cannot be read to its
+/// end, or when the disk is full, the add returns a message that names the file and the reason, the archive stays valid
+/// and open, and every earlier entry is still there. Where even the re-opening fails, the message says so, and the next
+/// add tries again.
+///
+/// Adding writes what is added, not what is there (see AppendInPlaceSource, which also says what a kill leaves).
+/// Replacing an entry and taking out one that is over the limit cost the whole archive.
 class ZipArchiveWrapper {
 public:
     using AddResult = std::expected<void, std::string>;
@@ -39,15 +45,18 @@ public:
     /// Closes the archive; throws RuntimeException when the library cannot write it.
     void Close();
 
-    /// Points a closed wrapper at another file.
+    /// Points the wrapper at another file, which the next Open opens.
     void SetPath(std::filesystem::path path);
     [[nodiscard]] const std::filesystem::path& Path() const noexcept;
 
     /// Adds the file under the entry name (UTF-8, forward slashes), replacing an entry of that name. The entry keeps
-    /// the file's modification time. Returns the reason when the file was not archived.
+    /// the file's modification time. The source may be open elsewhere, also for writing; of a file that grows meanwhile
+    /// the part is archived that was there at first, and the result says so. Otherwise an error means that the file
+    /// was not archived. Does not throw.
     AddResult AddFile(const std::string& entryName, const std::filesystem::path& source);
 
-    /// As AddFile, under the folder joined with the source file's own name.
+    /// As AddFile, under the folder joined with the source file's own name. A name that has no exact UTF-8 form never
+    /// replaces another entry.
     AddResult AddFileToFolder(const std::filesystem::path& entryFolder, const std::filesystem::path& source);
 
     /// The entries of the open archive, in archive order.
@@ -58,16 +67,20 @@ private:
         void operator()(libzippp::ZipArchive* archive) const noexcept;
     };
 
-    void Reopen();
-    AddResult AddToOpenArchive(const std::string& entryName, const std::filesystem::path& source);
-    [[nodiscard]] std::string Remove(const std::string& entryName);
+    [[nodiscard]] std::string Reopen();
     [[nodiscard]] std::string DropChanges();
+    [[nodiscard]] std::string Remove(const std::string& entryName);
+    [[nodiscard]] std::string WritingFailure() const;
+    AddResult AddToOpenArchive(const std::string& entryName, const std::filesystem::path& source);
+    AddResult CheckAdded(const std::string& entryName, const std::filesystem::path& source, std::uint64_t sizeBefore,
+                         std::uint64_t sizeAfter);
 
     std::filesystem::path path_;
+    /// Null while the archive is closed; outlives the archive opened over it.
+    std::unique_ptr<AppendInPlaceSource> source_;
     std::unique_ptr<libzippp::ZipArchive, Releaser> archive_;
     std::uint64_t maxArchiveSize_ = 0;
     bool deleteOnClose_ = false;
-    std::string openFailure_;
 };
 
 }  // namespace Shared::FileZip

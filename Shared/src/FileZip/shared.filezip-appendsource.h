@@ -1,0 +1,104 @@
+#pragma once
+
+#include <zip.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "shared.filezip-archivefile.h"
+#include "shared.filezip-archivetail.h"
+
+namespace Shared::FileZip {
+
+/// The libzip source under an archive that only ever grows: adding an entry writes that entry and a new directory,
+/// and leaves what is there where it is. libzip itself would copy the whole archive for every change.
+///
+/// How an add proceeds. A copy of the directory and its end records, adjusted to its new place, is written past the
+/// region that is about to be used, and written anew further on when the data grows up to it. Then the entry is
+/// written over the old directory, and the new directory behind it. Then the file is cut behind the new directory,
+/// which is the moment when the entry counts.
+///
+/// What that gives. Whenever the process is killed, the disk is full or a write fails, the file lists and holds every
+/// entry that was added before: at every instant but one the file ends in a true end record. The exception is a write
+/// of the copy that is cut short; then the last true end record lies further up, and Prepare cuts the file behind it.
+/// Nothing is promised for a power cut: writes are not forced to the disk, and the disk may take them in any order.
+///
+/// Changes other than additions (deleting, replacing) are written to a new file beside the archive, which is then
+/// renamed over it; they cost the whole archive.
+///
+/// Memory: two buffers of a megabyte, whatever the archive's size. Not thread-safe.
+class AppendInPlaceSource {
+public:
+    explicit AppendInPlaceSource(std::unique_ptr<ArchiveFile> file);
+    AppendInPlaceSource(const AppendInPlaceSource&) = delete;
+    AppendInPlaceSource& operator=(const AppendInPlaceSource&) = delete;
+
+    /// Opens the file and repairs the end that a killed add has torn. A missing file is no failure: the first entry
+    /// creates it. Call it before an archive is opened over the source.
+    FileResult<void> Prepare();
+
+    /// A new libzip source, with one reference. The archive opened over it must be gone before this object, and
+    /// before the next one is asked for. Null when out of memory.
+    [[nodiscard]] zip_source_t* NewSource();
+
+    /// The size of the archive file; 0 when there is none.
+    [[nodiscard]] std::uint64_t FileSize() const noexcept { return size_; }
+
+    /// The Win32 code of the last failure on the file since the archive was opened or written, else ERROR_SUCCESS.
+    [[nodiscard]] DWORD LastFailure() const noexcept { return failure_; }
+
+private:
+    static zip_int64_t Callback(void* self, void* data, zip_uint64_t length, zip_source_cmd_t command) noexcept;
+    zip_int64_t Dispatch(void* data, zip_uint64_t length, zip_source_cmd_t command);
+
+    zip_int64_t Fail(int zipError, DWORD code);
+    zip_int64_t Done(const FileResult<void>& result, int zipError);
+    void ClearFailure();
+    FileResult<void> OpenExisting();
+
+    zip_int64_t Stat(void* data, zip_uint64_t length);
+    zip_int64_t Read(std::span<std::byte> to);
+    zip_int64_t Seek(void* data, zip_uint64_t length);
+    zip_int64_t SeekWrite(void* data, zip_uint64_t length);
+    zip_int64_t Write(std::span<const std::byte> from);
+    zip_int64_t BeginClone(std::uint64_t keep);
+
+    FileResult<void> Begin();
+    FileResult<void> CreateEmpty();
+    void StartInPlace(ArchiveTail tail);
+    FileResult<void> Flush(std::uint64_t room);
+    FileResult<void> MakeRoom(std::uint64_t end, std::uint64_t spare);
+    FileResult<void> CopyTail(std::uint64_t from, std::uint64_t to, std::span<const std::byte> records);
+    FileResult<void> Commit();
+    FileResult<void> CommitInPlace();
+    FileResult<void> Rollback();
+    FileResult<void> RestoreTail();
+
+    std::unique_ptr<ArchiveFile> file_;
+    std::uint64_t size_ = 0;
+    zip_error_t error_{};
+    DWORD failure_ = ERROR_SUCCESS;
+
+    std::uint64_t readOffset_ = 0;
+    std::vector<std::byte> readAhead_;
+    std::uint64_t readAheadOffset_ = 0;
+
+    /// While an add is under way: the directory as it was, and where its present copy lies and ends.
+    std::optional<ArchiveTail> tail_;
+    std::uint64_t copyOffset_ = 0;
+    std::uint64_t copyEnd_ = 0;
+    bool created_ = false;
+    /// While everything is written anew.
+    std::unique_ptr<ArchiveFile> replacement_;
+
+    std::vector<std::byte> buffer_;
+    std::uint64_t bufferOffset_ = 0;
+    std::uint64_t writeOffset_ = 0;
+    std::uint64_t writeEnd_ = 0;
+};
+
+}  // namespace Shared::FileZip

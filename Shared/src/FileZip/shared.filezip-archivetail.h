@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "shared.filezip-archivefile.h"
+
+namespace Shared::FileZip {
+
+/// The end of a zip file: its central directory, and behind it the records that say where the directory lies.
+struct ArchiveTail {
+    std::uint64_t directoryOffset = 0;
+    std::uint64_t directorySize = 0;
+    /// As recorded: without ZIP64 records the count modulo 65536.
+    std::uint64_t entryCount = 0;
+    /// The ZIP64 records when there are any, the end record and the archive's comment.
+    std::vector<std::byte> records;
+
+    [[nodiscard]] std::uint64_t Size() const { return directorySize + records.size(); }
+    [[nodiscard]] std::uint64_t End() const { return directoryOffset + Size(); }
+
+    /// The records of the same directory lying at another offset, with ZIP64 records where that offset asks for them.
+    /// Nothing when those cannot be made because the true number of entries is unknown.
+    [[nodiscard]] std::optional<std::vector<std::byte>> RecordsFor(std::uint64_t newDirectoryOffset) const;
+};
+
+/// The tail of an archive without entries, at the start of the file.
+[[nodiscard]] ArchiveTail EmptyTail();
+
+enum class FileEnd {
+    Tail,     ///< a directory and end records that agree with each other and with their places
+    Foreign,  ///< an end record, but not of a kind that this program writes or may move
+    Torn,     ///< no end record
+};
+
+struct TailSearch {
+    FileEnd end = FileEnd::Torn;
+    /// Only with FileEnd::Tail.
+    ArchiveTail tail;
+};
+
+/// What the file ends in.
+[[nodiscard]] FileResult<TailSearch> ReadTail(const ArchiveFile& file);
+
+/// The last tail anywhere in the file whose directory can be read from entry to entry; nothing when there is none.
+[[nodiscard]] FileResult<std::optional<ArchiveTail>> FindLastTail(const ArchiveFile& file);
+
+}  // namespace Shared::FileZip
