@@ -3,6 +3,7 @@
 #include <string>
 
 #include "agentcore.diagnostics-collectors-commandtofile.h"
+#include "agentcore.diagnostics-collectors-tcpbind.h"
 #include "shared.util-fixedstring.h"
 #include "shared.util-functions.h"
 
@@ -19,6 +20,14 @@ CollectorRow CommandRow() {
             .collectors = {AsRun<Collectors::Cmd::CommandToFile<Command, FileName, sampleType>>()}};
 }
 
+CollectorRow TcpBindRow() {
+    using namespace Collectors::Registry;
+    return {.type = sampleType,
+            .name = TcpBindSource(),
+            .origin = &TcpBindKeyName,
+            .collectors = {AsRun<TcpBind<sampleType>>()}};
+}
+
 }  // namespace
 
 std::vector<CollectorRow> SampleSet() {
@@ -32,6 +41,7 @@ std::vector<CollectorRow> SampleSet() {
         CommandRow<L"wmic process list full", "ProcessInfo.txt">(),
         CommandRow<L"wmic service where state='running' list full", "ServiceInfo.txt">(),
         CommandRow<L"wmic sysdriver where state='running' list full", "DriverInfo.txt">(),
+        TcpBindRow(),
     };
 }
 

@@ -6,7 +6,8 @@
 //   grandchild MS         start a process that waits, with our handles, and write its id and a blank
 //   hold FILE MS          keep the file open for nobody else, say "held", and wait
 //   crash                 by an access violation  exit N       end; without it the exit code is 0
-// Any other first argument is taken as a question to the tool.
+// Any other first argument is taken as a question to the tool. TEST_CHILD_EXPORT=folder or =link in the environment
+// makes it leave something else than a file where its export should be.
 
 #include <windows.h>
 
@@ -56,14 +57,25 @@ void Hold(const std::string& path, const std::string& milliseconds) {
     Sleep(static_cast<DWORD>(std::stoul(milliseconds)));
 }
 
+int Export(const std::string& name) {
+    char kind[8]{};
+    GetEnvironmentVariableA("TEST_CHILD_EXPORT", kind, sizeof kind);
+    if (kind == std::string_view("folder")) {
+        return CreateDirectoryA(name.c_str(), nullptr) != FALSE ? 0 : 1;
+    }
+    if (kind == std::string_view("link")) {
+        return CreateHardLinkA(name.c_str(), "secret", nullptr) != FALSE ? 0 : 1;
+    }
+    const HANDLE file = CreateFileA(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    constexpr std::string_view text = "10.20.0.7 files.example.com\r\n10.20.0.9 mail.example.com\r\n";
+    DWORD written = 0;
+    return WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) != FALSE ? 0 : 1;
+}
+
 int AnswerAsTool(const std::string& question) {
     constexpr std::string_view exportQuestion = "traffic rdns export ";
     if (question.starts_with(exportQuestion)) {
-        const HANDLE file = CreateFileA(question.substr(exportQuestion.size()).c_str(), GENERIC_WRITE, 0, nullptr,
-                                        CREATE_ALWAYS, 0, nullptr);
-        constexpr std::string_view text = "10.20.0.7 files.example.com\r\n10.20.0.9 mail.example.com\r\n";
-        DWORD written = 0;
-        return WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) != FALSE ? 0 : 1;
+        return Export(question.substr(exportQuestion.size()));
     }
     constexpr std::pair<std::string_view, std::string_view> answers[] = {
         {"epm status", "Posture: compliant\r\nLast check: 2024-03-01 07:05:09\r\n"},
@@ -85,7 +97,8 @@ int AnswerAsTool(const std::string& question) {
 }  // namespace
 
 int main(int count, char** arguments) {
-    SetErrorMode(SEM_NOGPFAULTERRORBOX);
+    // A crash ends the program with the exception's code and waits for no debugger.
+    SetUnhandledExceptionFilter([](EXCEPTION_POINTERS*) -> LONG { return EXCEPTION_EXECUTE_HANDLER; });
     for (int index = 1; index < count; ++index) {
         const std::string_view step = arguments[index];
         const auto next = [&]() -> std::string { return index + 1 < count ? arguments[++index] : ""; };
