@@ -59,9 +59,8 @@ std::optional<RegKey::Value> FindValue(std::ostream& report, std::wstring keyPat
             return *std::move(value);
         }
         if (value.error() != ERROR_FILE_NOT_FOUND) {
-            throw Shared::Exception::Win32Exception(
-                fmt::format("Cannot read the value {}", ToUtf8(name)),
-                static_cast<std::uint32_t>(value.error()));
+            throw Shared::Exception::Win32Exception(fmt::format("Cannot read the value {}", ToUtf8(name)),
+                                                    static_cast<std::uint32_t>(value.error()));
         }
         report << absent;
         return std::nullopt;
@@ -119,13 +118,11 @@ void WriteCredentialProviderFilters(std::ostream& report) noexcept {
         const std::wstring path = credentialProviderFiltersKey.ToString();
         const auto key = RegKey::Open(HKEY_LOCAL_MACHINE, path, KEY_READ);
         if (!key) {
-            throw Shared::Exception::RuntimeException(
-                fmt::format("Failed opening {}", ToUtf8(path)));
+            throw Shared::Exception::RuntimeException(fmt::format("Failed opening {}", ToUtf8(path)));
         }
         for (const RegKey& filter : key->Subkeys()) {
             const std::wstring name = filter.name.substr(path.size() + 1);
-            report << fmt::format("{}\\{} | {} | {}\n", ToUtf8(path),
-                                  ToUtf8(name), ToUtf8(filter.DefaultValue()),
+            report << fmt::format("{}\\{} | {} | {}\n", ToUtf8(path), ToUtf8(name), ToUtf8(filter.DefaultValue()),
                                   filter.LastWrittenTo());
         }
     });

@@ -80,8 +80,7 @@ std::wstring RegKey::Value::ToWide() const {
         case REG_MULTI_SZ:
             return fmt::format(L"[Multistring] {} = {}", name, JoinedMultiString(data));
         default:
-            Exception::LogWarning("Ignored value name {} as it was of value type {}.",
-                                  Util::ToUtf8(name), type);
+            Exception::LogWarning("Ignored value name {} as it was of value type {}.", Util::ToUtf8(name), type);
             return fmt::format(L"Value {} of type {} ignored", name, type);
     }
 }
