@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "shared.util-functions.h"
+
 namespace TestSupport {
 
 namespace {
@@ -16,6 +18,39 @@ namespace {
 void Check(LSTATUS status, const char* what) {
     if (status != ERROR_SUCCESS) {
         throw std::system_error(static_cast<int>(status), std::system_category(), what);
+    }
+}
+
+using UnixFileName = char*(CDECL*)(const wchar_t*);
+
+UnixFileName WineUnixFileName() {
+    return reinterpret_cast<UnixFileName>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
+}
+
+std::wstring HostArgument(const std::filesystem::path& path) {
+    char* const name = WineUnixFileName()(path.c_str());
+    const std::wstring argument = L" \"" + Shared::Util::ConvertStringType(std::string_view(name)) + L'"';
+    HeapFree(GetProcessHeap(), 0, name);
+    return argument;
+}
+
+bool Exists(const std::filesystem::path& path) {
+    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+// A host program is no process to Wine: what it does is waited for.
+void RunOnHost(std::wstring commandLine, const std::filesystem::path& path, bool shallExist) {
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process) !=
+        FALSE) {
+        CloseHandle(process.hThread);
+        CloseHandle(process.hProcess);
+    }
+    for (int attempt = 0; attempt < 500 && Exists(path) != shallExist; ++attempt) {
+        Sleep(10);
     }
 }
 
@@ -118,6 +153,46 @@ std::string ReadFile(const std::filesystem::path& path) {
         throw std::runtime_error("cannot read a test's file");
     }
     return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+void WriteEmptyFile(const std::filesystem::path& path, std::uint64_t size) {
+    WriteFile(path, "");
+    std::filesystem::resize_file(path, size);
+}
+
+void WriteNumberedFiles(const std::filesystem::path& folder, int count) {
+    const std::wstring last = std::to_wstring(count) + L".log";
+    if (WineUnixFileName() != nullptr) {
+        RunOnHost(LR"(Z:\bin\sh -c "seq -f \"$0/%g.log\" )" + std::to_wstring(count) + L" | xargs touch\"" +
+                      HostArgument(folder),
+                  folder / last, true);
+        return;
+    }
+    for (int number = 1; number <= count; ++number) {
+        WriteFile(folder / (std::to_wstring(number) + L".log"), "");
+    }
+}
+
+SymbolicLink::SymbolicLink(const std::filesystem::path& target, const std::filesystem::path& link) : link_(link) {
+    if (WineUnixFileName() != nullptr) {
+        RunOnHost(LR"(Z:\bin\ln -s)" + HostArgument(target) + HostArgument(link), link, true);
+    } else {
+        CreateSymbolicLinkW(link.c_str(), target.c_str(),
+                            std::filesystem::is_directory(target) ? SYMBOLIC_LINK_FLAG_DIRECTORY : 0);
+    }
+    if (!Exists(link)) {
+        throw std::runtime_error("cannot make a test's symbolic link");
+    }
+}
+
+SymbolicLink::~SymbolicLink() {
+    if (WineUnixFileName() != nullptr) {
+        RunOnHost(LR"(Z:\bin\rm)" + HostArgument(link_), link_, false);
+    } else if (std::filesystem::is_directory(link_)) {
+        RemoveDirectoryW(link_.c_str());
+    } else {
+        DeleteFileW(link_.c_str());
+    }
 }
 
 std::filesystem::path ChildProgram() {

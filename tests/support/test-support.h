@@ -74,6 +74,26 @@ private:
 void WriteFile(const std::filesystem::path& path, std::string_view bytes);
 [[nodiscard]] std::string ReadFile(const std::filesystem::path& path);
 
+/// Makes a file of that many bytes that takes no room on the disk.
+void WriteEmptyFile(const std::filesystem::path& path, std::uint64_t size);
+
+/// Makes empty files "1.log", "2.log", ... in an existing folder. (For Wine to make one takes as long as the folder is
+/// large; its host makes them.)
+void WriteNumberedFiles(const std::filesystem::path& folder, int count);
+
+/// A symbolic link to a file or folder while the object lives. Wine makes none, but shows those of its host: there the
+/// host's own programs make and remove it.
+class SymbolicLink {
+public:
+    SymbolicLink(const std::filesystem::path& target, const std::filesystem::path& link);
+    SymbolicLink(const SymbolicLink&) = delete;
+    SymbolicLink& operator=(const SymbolicLink&) = delete;
+    ~SymbolicLink();
+
+private:
+    std::filesystem::path link_;
+};
+
 /// The program whose arguments say what it does (tests/support/child/test-child.cpp).
 [[nodiscard]] std::filesystem::path ChildProgram();
 
