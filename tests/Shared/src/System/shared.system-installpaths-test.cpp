@@ -1,0 +1,60 @@
+#include <gmock/gmock.h>
+
+#include <string>
+
+#include "shared.registry-functions.h"
+#include "shared.system-functions.h"
+#include "shared.system-installpaths.h"
+#include "shared.system-userprofiles.h"
+#include "test-support.h"
+
+namespace Shared {
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::UnorderedElementsAre;
+
+TEST(InstallPaths, ComeFromTheAgentsKey) {
+    const TestSupport::ThrowAwayHive hive;
+    EXPECT_THROW((void)AppSettings::GetAoxmInstallPath(), Registry::RegistryException);
+    for (const wchar_t* value : {LR"(C:\Program Files\Velqor\OXM)", LR"(C:\Program Files\Velqor\OXM\\\)"}) {
+        hive.SetString(LR"(SOFTWARE\Velqor\OXM)", L"Path", value);
+        EXPECT_EQ(AppSettings::GetAoxmInstallPath(), fs::path(LR"(C:\Program Files\Velqor\OXM)"));
+        EXPECT_EQ(PV::GetPVInstallPath(), fs::path(LR"(C:\Program Files\Velqor\Portavo)"));
+    }
+    for (const wchar_t* value : {L"", L"\\\\", L"OXM", LR"(\OXM)", L"C:OXM"}) {
+        hive.SetString(LR"(SOFTWARE\Velqor\OXM)", L"Path", value);
+        EXPECT_THROW((void)AppSettings::GetAoxmInstallPath(), Exception::RuntimeException) << fs::path(value);
+        EXPECT_THROW((void)PV::GetPVInstallPath(), Exception::RuntimeException);
+    }
+}
+
+TEST(InstallPaths, FindLogsBelowProgramData) {
+    const fs::path programData = System::GetProgramDataPath();
+    EXPECT_EQ(PV::GetLumoraAccessAgentLogPath(), programData / L"Velqor" / L"Lumora Access Agent" / L"Logs");
+    EXPECT_EQ(PV::GetDlpLogPath(), programData / L"Velqor" / L"DLP" / L"logs");
+}
+
+TEST(ListUserProfiles, TakesEveryFolderButNobodys) {
+    const TestSupport::TemporaryFolder users;
+    for (const wchar_t* name : {L"Public", L"Default", L"All Users", L"Default User", L"bob", L"default user 2"}) {
+        fs::create_directory(users / name);
+    }
+    TestSupport::WriteFile(users / L"desktop.ini", "");
+    TestSupport::WriteFile(users / L"elsewhere" / L"alice" / L"x", "");
+    const TestSupport::SymbolicLink moved(users / L"elsewhere" / L"alice", users / L"alice");
+    EXPECT_THAT(System::ListUserProfiles(users.Path()), UnorderedElementsAre(users / L"bob", users / L"default user 2",
+                                                                             users / L"elsewhere", users / L"alice"));
+
+    const TestSupport::TemporaryFolder lowerCase;
+    for (const wchar_t* name : {L"default", L"public"}) {
+        fs::create_directory(lowerCase / name);
+    }
+    EXPECT_EQ(System::ListUserProfiles(lowerCase.Path()).size(), 2U);
+    EXPECT_THROW((void)System::ListUserProfiles(users / L"none"), fs::filesystem_error);
+}
+
+}  // namespace
+
+}  // namespace Shared
