@@ -74,6 +74,5 @@ wine_environment() { # wine_environment PREFIX
 
 # Our own C++, one path a line, relative to the root.
 own_sources() {
-  (cd "$root" && find AgentCLI AgentProcessLib Shared compat tests bench demo -name '*.h' -o -name '*.cpp' 2>/dev/null |
-    LC_ALL=C sort)
+  (cd "$root" && find . -path ./build -prune -o -type f \( -name '*.h' -o -name '*.cpp' \) -printf '%P\n' | sort)
 }
