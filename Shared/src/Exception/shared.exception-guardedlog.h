@@ -4,6 +4,7 @@
 #include <spdlog/common.h>
 
 #include <concepts>
+#include <cstdint>
 #include <source_location>
 #include <string_view>
 
@@ -22,7 +23,7 @@ struct LogFormat {
 };
 
 /// How the place of the call appears in the line.
-enum class LogPlace {
+enum class LogPlace : std::uint8_t {
     None,    ///< the message alone
     Prefix,  ///< "Error in function {}() of file {}:{}:{} ---> {}"
     Suffix,  ///< "{} [{}({})]" of (message, file, line)

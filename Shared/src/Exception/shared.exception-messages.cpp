@@ -8,6 +8,7 @@
 #include <iostream>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 #include "shared.exception-text.h"
 
@@ -93,25 +94,25 @@ std::string FormatSystemMessage(DWORD sources, HMODULE module, std::uint32_t cod
 }
 
 std::string OrUntranslated(std::string text, std::uint32_t code) {
-    return text.empty() ? fmt::format("Failed to translate Win32 error code: {}", code) : text;
+    return text.empty() ? fmt::format("Failed to translate Win32 error code: {}", code) : std::move(text);
 }
 
 }  // namespace
 
 std::wstring Widen(std::string_view text, UINT codePage) {
-    const int size = static_cast<int>(text.size());
-    const int length = MultiByteToWideChar(codePage, 0, text.data(), size, nullptr, 0);
+    const int length = MultiByteToWideChar(codePage, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
     std::wstring wide(static_cast<std::size_t>(length), L'\0');
-    wide.resize(static_cast<std::size_t>(MultiByteToWideChar(codePage, 0, text.data(), size, wide.data(), length)));
+    wide.resize(static_cast<std::size_t>(
+        MultiByteToWideChar(codePage, 0, text.data(), static_cast<int>(text.size()), wide.data(), length)));
     return wide;
 }
 
 std::string Narrow(std::wstring_view text) {
-    const int size = static_cast<int>(text.size());
-    const int length = WideCharToMultiByte(CP_UTF8, 0, text.data(), size, nullptr, 0, nullptr, nullptr);
+    const int length =
+        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
     std::string utf8(static_cast<std::size_t>(length), '\0');
-    utf8.resize(static_cast<std::size_t>(
-        WideCharToMultiByte(CP_UTF8, 0, text.data(), size, utf8.data(), length, nullptr, nullptr)));
+    utf8.resize(static_cast<std::size_t>(WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                             utf8.data(), length, nullptr, nullptr)));
     return utf8;
 }
 

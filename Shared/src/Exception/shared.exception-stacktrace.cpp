@@ -63,12 +63,13 @@ public:
     }
 
     // Frames of the executable are remembered; it stays at its place as long as the process lives.
-    Frame Resolve(std::uintptr_t returnAddress) {
+    Frame Resolve(const void* frame) {
         HMODULE module = nullptr;
         if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                               reinterpret_cast<const wchar_t*>(returnAddress), &module) == FALSE) {
-            return {.description = fmt::format("{:#x}", returnAddress), .file = {}};
+                               static_cast<const wchar_t*>(frame), &module) == FALSE) {
+            return {.description = fmt::format("{}", frame), .file = {}};
         }
+        const auto returnAddress = reinterpret_cast<std::uintptr_t>(frame);
         const std::uintptr_t offset = returnAddress - reinterpret_cast<std::uintptr_t>(module);
         if (module != executable_) {
             return {.description = fmt::format("{}+{:#x}", NameOf(FileNameOf(module)), offset), .file = {}};
@@ -105,7 +106,7 @@ private:
         }
         // The return address lies behind the call, which may be the next line or even the next function.
         const DWORD64 address = returnAddress - 1;
-        alignas(SYMBOL_INFOW) std::array<std::byte, sizeof(SYMBOL_INFOW) + maxNameLength * sizeof(wchar_t)> buffer{};
+        alignas(SYMBOL_INFOW) std::array<std::byte, sizeof(SYMBOL_INFOW) + (maxNameLength * sizeof(wchar_t))> buffer{};
         auto* symbol = reinterpret_cast<SYMBOL_INFOW*>(buffer.data());
         symbol->SizeOfStruct = sizeof(SYMBOL_INFOW);
         symbol->MaxNameLen = maxNameLength;
@@ -147,7 +148,7 @@ std::string StackTrace::ToString() const {
         if (address == nullptr) {
             break;
         }
-        const Frame frame = Symbols::Instance().Resolve(reinterpret_cast<std::uintptr_t>(address));
+        const Frame frame = Symbols::Instance().Resolve(address);
         if (std::ranges::any_of(startUp, [&](std::string_view name) { return frame.description.contains(name); })) {
             break;
         }

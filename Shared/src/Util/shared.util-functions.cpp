@@ -4,7 +4,6 @@
 #include <fmt/xchar.h>
 
 #include <limits>
-#include <stdexcept>
 
 #include "shared.exception.h"
 
@@ -14,20 +13,20 @@ namespace {
 
 constexpr DWORD strictFlags = WC_ERR_INVALID_CHARS | WC_NO_BEST_FIT_CHARS;
 
-int CheckedLength(std::size_t length) {
+// The conversion routines take lengths as int.
+void RequireConvertibleLength(std::size_t length) {
     if (length > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
-        throw std::length_error("text too long to convert");
+        throw Exception::InvalidArgumentException("text too long to convert");
     }
-    return static_cast<int>(length);
 }
 
 // Windows documents that only 0 or WC_ERR_INVALID_CHARS may be passed for UTF-8 and that other flags can fail.
 int WideToUtf8(std::wstring_view text, char* buffer, int size) {
-    const int length = CheckedLength(text.size());
-    int result = WideCharToMultiByte(CP_UTF8, strictFlags, text.data(), length, buffer, size, nullptr, nullptr);
+    int result = WideCharToMultiByte(CP_UTF8, strictFlags, text.data(), static_cast<int>(text.size()), buffer, size,
+                                     nullptr, nullptr);
     if (result == 0 && GetLastError() == ERROR_INVALID_FLAGS) {
-        result =
-            WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, text.data(), length, buffer, size, nullptr, nullptr);
+        result = WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, text.data(), static_cast<int>(text.size()), buffer,
+                                     size, nullptr, nullptr);
     }
     return result;
 }
@@ -70,6 +69,7 @@ std::string ConvertStringType(std::wstring_view text) {
     if (text.empty()) {
         return {};
     }
+    RequireConvertibleLength(text.size());
     const int length = WideToUtf8(text, nullptr, 0);
     if (length == 0) {
         throw Exception::Win32Exception("ConvertWStringToString(): WideCharToMultiByte() [1] failed", GetLastError());
@@ -85,13 +85,14 @@ std::wstring ConvertStringType(std::string_view text) {
     if (text.empty()) {
         return {};
     }
-    const int size = CheckedLength(text.size());
-    const int length = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), size, nullptr, 0);
+    const int length =
+        MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), static_cast<int>(text.size()), nullptr, 0);
     if (length == 0) {
         throw Exception::Win32Exception("ConvertStringToWString(): MultiByteToWideChar() [1] failed", GetLastError());
     }
     std::wstring result(static_cast<std::size_t>(length), L'\0');
-    if (MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), size, result.data(), length) == 0) {
+    if (MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), static_cast<int>(text.size()), result.data(),
+                            length) == 0) {
         throw Exception::Win32Exception("ConvertStringToWString(): MultiByteToWideChar() [2] failed", GetLastError());
     }
     return result;
