@@ -1,7 +1,6 @@
 #include "agentcore.diagnostics-configurationset.h"
 
 #include <string>
-#include <utility>
 
 #include "agentcore.diagnostics-collectors-aoxmregistrykey.h"
 #include "agentcore.diagnostics-collectors-lumoraregistrykey.h"
@@ -29,9 +28,9 @@ constexpr const char* vpnClientSource =
     "HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Authentication\\Credential Provider Filters";
 
 template <class KeyCollector>
-CollectorRow Row(std::string source, std::wstring_view key) {
+CollectorRow Row(const std::string& source, std::wstring_view key) {
     return {.type = KeyCollector::type,
-            .name = std::move(source),
+            .name = source,
             .origin = [key] { return MachineKeyName(key); },
             .collectors = {AsRun<KeyCollector>()}};
 }

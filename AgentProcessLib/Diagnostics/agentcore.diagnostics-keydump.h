@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -10,7 +11,7 @@
 namespace AgentCore::Diagnostics::Collectors::Registry {
 
 /// Whether a dump includes the subkeys, to any depth.
-enum class Subkeys { Left, Followed };
+enum class Subkeys : std::uint8_t { Left, Followed };
 
 /// The key as text: its name, then, when it has values, its default value and each value as one line. Subkeys follow
 /// their key in the registry's order; those of a key without values are left out. Throws what the key's queries throw.

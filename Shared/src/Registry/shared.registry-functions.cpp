@@ -35,7 +35,7 @@ std::expected<std::wstring, std::uint32_t> ReadText(HKEY root, const wchar_t* su
     for (int attempt = 0; attempt < maxAttempts; ++attempt) {
         // Never an empty buffer, which would turn the call into another query for the size. The spare characters are
         // for an odd byte and for the terminators that the call adds to a value without them.
-        std::wstring buffer(size / sizeof(wchar_t) + 3, L'\0');
+        std::wstring buffer((size / sizeof(wchar_t)) + 3, L'\0');
         auto bytes = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
         const LSTATUS status = RegGetValueW(root, subkey, name, restriction, nullptr, buffer.data(), &bytes);
         if (status == ERROR_SUCCESS) {

@@ -177,16 +177,16 @@ std::wstring RegKey::DefaultValue() const {
 std::expected<unsigned long, long> RegKey::GetValueSize(const std::wstring& valueName) const noexcept {
     if (handle == nullptr) {
         Warn("Cannot query the default value of an null registry key.");
-        return std::unexpected(long{ERROR_BAD_ARGUMENTS});
+        return std::unexpected(ERROR_BAD_ARGUMENTS);
     }
     // The calls would stop at a NUL inside the name and answer for another value than the one named.
     if (valueName.contains(L'\0')) {
-        return std::unexpected(long{ERROR_INVALID_NAME});
+        return std::unexpected(ERROR_INVALID_NAME);
     }
     DWORD size = 0;
     const LSTATUS status = RegQueryValueExW(handle, valueName.c_str(), nullptr, nullptr, nullptr, &size);
     if (status != ERROR_SUCCESS) {
-        return std::unexpected(long{status});
+        return std::unexpected(status);
     }
     return size;
 }
@@ -194,7 +194,7 @@ std::expected<unsigned long, long> RegKey::GetValueSize(const std::wstring& valu
 std::expected<RegKey::Value, long> RegKey::GetRawValue(const std::wstring& valueName) const noexcept {
     if (handle == nullptr) {
         Warn("Cannot query the raw value of an null registry key.");
-        return std::unexpected(long{ERROR_BAD_ARGUMENTS});
+        return std::unexpected(ERROR_BAD_ARGUMENTS);
     }
     const auto size = GetValueSize(valueName);
     if (!size) {
@@ -217,13 +217,13 @@ std::expected<RegKey::Value, long> RegKey::GetRawValue(const std::wstring& value
                 return value;
             }
             if (status != ERROR_MORE_DATA) {
-                return std::unexpected(long{status});
+                return std::unexpected(status);
             }
             capacity = std::max<std::size_t>(capacity * 2, bytes);
         }
-        return std::unexpected(long{ERROR_MORE_DATA});
+        return std::unexpected(ERROR_MORE_DATA);
     } catch (const std::exception&) {
-        return std::unexpected(long{ERROR_NOT_ENOUGH_MEMORY});
+        return std::unexpected(ERROR_NOT_ENOUGH_MEMORY);
     }
 }
 

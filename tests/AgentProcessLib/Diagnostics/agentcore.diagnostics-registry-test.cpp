@@ -42,11 +42,12 @@ protected:
     /// The text that a collector archives under the name, or nothing; whatever happens, no file stays behind.
     template <class T>
     std::optional<std::string> Collect(const std::string& name) {
-        status_ = T().Collect(L"folder", zip_);
+        const std::string folder = "folder" + std::to_string(++runs_);
+        status_ = T().Collect(Shared::Util::PathFromUtf8(folder), zip_);
         EXPECT_FALSE(std::filesystem::exists(folder_.Path() / name));
         EXPECT_EQ(status_.success, status_.errors.empty());
         for (const auto& entry : zip_.Entries()) {
-            if (entry.getName() == "folder/" + name) {
+            if (entry.getName() == folder + "/" + name) {
                 return entry.readAsText();
             }
         }
@@ -59,6 +60,7 @@ protected:
     TestSupport::CapturedLog log_;
     Shared::FileZip::ZipArchiveWrapper zip_{output_ / "out.zip"};
     CollectorStatus status_;
+    int runs_ = 0;
 };
 
 TEST_F(RegistryCollectors, DumpsHoldValuesAndEndAtKeysWithoutThem) {
@@ -110,6 +112,9 @@ TEST_F(RegistryCollectors, WhatCannotBeHadIsOneMessage) {
 
 TEST_F(RegistryCollectors, DumpsTreesOfAnyShape) {
     std::wstring path = lumora;
+    hive_.SetDword(path, L"n", 1);
+    (void)Collect<Lumora>("lumora-access-agent.txt");  // what is opened once and kept is open from here on
+    const unsigned handles = TestSupport::HandleCount();
     for (int level = 0; level < 400; ++level) {
         hive_.SetDword(path, L"n", 1);
         path += L"\\k";
@@ -117,7 +122,6 @@ TEST_F(RegistryCollectors, DumpsTreesOfAnyShape) {
     for (int number = 0; number < 1500; ++number) {
         hive_.SetDword(lumora + L"\\k\\z" + std::to_wstring(number), L"n", 1);
     }
-    const unsigned handles = TestSupport::HandleCount();
     const std::string text = Collect<Lumora>("lumora-access-agent.txt").value_or("");
     EXPECT_EQ(TestSupport::HandleCount(), handles);
     std::size_t keys = 0;
@@ -140,8 +144,7 @@ TEST_F(RegistryCollectors, TheReportHasItsSectionsInOrder) {
     hive_.SetRaw(portavo + L"\\Settings", L"other", REG_QWORD, "12345678");
     hive_.SetRaw(portavo + L"\\Settings", L"short", REG_DWORD, "");
     const std::string text = Collect<PVRegistryValues<4>>("regval.txt").value_or("");
-    const std::string::size_type settings = text.find("text=");
-    EXPECT_THAT(text.substr(0, settings),
+    EXPECT_THAT(text.substr(0, text.find("\r\nSettings:\r\n") + 13),
                 MatchesRegex("Credential Provider Filters:\r\n"
                              "SOFTWARE.Microsoft.*Filters.\\{1\\} \\| First \\| ..:..:.. ....-..-..\r\n"
                              "SOFTWARE.Microsoft.*Filters.\\{2\\} \\| \\(value not set\\) \\| ..:..:.. ....-..-..\r\n"
@@ -149,7 +152,7 @@ TEST_F(RegistryCollectors, TheReportHasItsSectionsInOrder) {
                              "\r\nPreferredIP:10.1.254.99"
                              "\r\nPrelogon:4294967295"
                              "\r\nWrap CP Guid:\r\n\\{guid \xEF\xBF\xBD\\}"
-                             "\r\nSettings:\r\n.*"));
+                             "\r\nSettings:\r\n"));
     for (const char* line :
          {"text=a=b", "number=3000000000", "list=a, b", "other=(type 11, 8 bytes)", "short=(type 4, 0 bytes)"}) {
         EXPECT_THAT(text, HasSubstr(line + "\r\n"s));
@@ -203,26 +206,24 @@ TEST_F(RegistryCollectors, BindingsAreLinesOfANewFile) {
 }
 
 TEST_F(RegistryCollectors, TheConfigurationSetIsInOrder) {
-    std::vector<std::string> rows;
+    std::string rows;
     for (const CollectorRow& row : ConfigurationSet()) {
-        EXPECT_EQ(row.type, 4);
-        rows.push_back(row.name + " <- " + row.origin());
+        rows += row.name + " <- " + row.origin() + "\n";
     }
-    const std::string velqor = "SOFTWARE\\Velqor\\";
-    EXPECT_THAT(rows,
-                ElementsAre("HKLM\\SOFTWARE\\Velqor\\Portavo and HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\"
-                            "Authentication\\Credential Provider Filters <- HKLM\\SOFTWARE\\Velqor\\Portavo",
-                            velqor + "OXM <- HKLM\\" + velqor + "OXM",
-                            velqor + "OXM\\Config <- HKLM\\" + velqor + "OXM\\Config",
-                            velqor + "Lumora Access Agent <- HKLM\\" + velqor + "Lumora Access Agent"));
+    EXPECT_EQ(rows,
+              "HKLM\\SOFTWARE\\Velqor\\Portavo and HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Authentication\\"
+              "Credential Provider Filters <- HKLM\\SOFTWARE\\Velqor\\Portavo\n"
+              "SOFTWARE\\Velqor\\OXM <- HKLM\\SOFTWARE\\Velqor\\OXM\n"
+              "SOFTWARE\\Velqor\\OXM\\Config <- HKLM\\SOFTWARE\\Velqor\\OXM\\Config\n"
+              "SOFTWARE\\Velqor\\Lumora Access Agent <- HKLM\\SOFTWARE\\Velqor\\Lumora Access Agent\n");
 }
 
-// Whatever the registry holds, a collector archives valid UTF-8 in CR LF lines or says why it did not.
+// Whatever the registry holds, a collector archives valid UTF-8 or says why it did not.
 TEST_F(RegistryCollectors, SurviveHostileValues) {
     std::mt19937 random(7);  // NOLINT(cert-msc51-cpp): the same cases in every run
     const auto below = [&random](unsigned limit) { return random() % limit; };
     const auto text = [&](unsigned limit) {
-        static constexpr wchar_t units[] = L"a=\\\r\n\x7C20\xE000\xFFFF\xD83D\xDE00";
+        static constexpr wchar_t units[] = L"\0a=\\\r\n\x7C20\xE000\xFFFF\xD83D\xDE00";
         std::wstring made(below(limit), L'\0');
         std::ranges::generate(made, [&] { return units[below(std::size(units) - (below(99) == 0 ? 1 : 3))]; });
         return made;
@@ -245,12 +246,6 @@ TEST_F(RegistryCollectors, SurviveHostileValues) {
             if (one) {
                 ++archived;
                 EXPECT_EQ(Shared::Util::SanitiseUtf8(*one), *one);
-                EXPECT_EQ(std::ranges::count(*one, '\n'), [&] {
-                    std::ptrdiff_t count = 0;
-                    for (std::size_t at = 0; (at = one->find("\r\n", at)) != std::string::npos; ++at)
-                        ++count;
-                    return count;
-                }());
             }
         }
     }
