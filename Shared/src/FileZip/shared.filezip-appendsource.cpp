@@ -45,6 +45,9 @@ FileResult<void> AppendInPlaceSource::Prepare() {
         }
         return opened;
     }
+    if (size_ == 0) {
+        return {};
+    }
     const auto end = ReadTail(*file_);
     if (!end) {
         return std::unexpected(end.error());
@@ -255,6 +258,7 @@ FileResult<void> AppendInPlaceSource::CreateEmpty() {
     }
     ArchiveTail tail = EmptyTail();
     if (auto written = file_->Write(0, tail.records); !written) {
+        static_cast<void>(file_->Truncate(0));
         static_cast<void>(Rollback());
         return written;
     }

@@ -203,8 +203,17 @@ FileResult<std::optional<ArchiveTail>> FindLastTail(const ArchiveFile& file) {
     if (!size) {
         return std::unexpected(size.error());
     }
+    if (*size < endSize) {
+        const auto bytes = ReadBytes(file, 0, static_cast<std::size_t>(*size));
+        if (!bytes) {
+            return std::unexpected(bytes.error());
+        }
+        const ArchiveTail empty = EmptyTail();
+        return std::ranges::equal(*bytes, std::span(empty.records).first(bytes->size())) ? std::optional(ArchiveTail())
+                                                                                         : std::nullopt;
+    }
     constexpr std::uint64_t window = std::uint64_t{1} << 20U;
-    for (std::uint64_t end = *size; end >= endSize;) {
+    for (std::uint64_t end = *size; end > 0;) {
         const std::uint64_t start = end > window ? end - window : 0;
         // Windows overlap by what a signature lacks to be whole.
         const auto bytes = ReadBytes(file, start, static_cast<std::size_t>(std::min(end + 3, *size) - start));

@@ -28,7 +28,14 @@ std::string NotArchived(const std::filesystem::path& source, std::string_view re
 }
 
 std::string Win32Reason(DWORD code) {
-    return fmt::format("{} ({})", Exception::Win32Message(code), code);
+    switch (code) {
+        case ERROR_CANT_RESOLVE_FILENAME:
+            return "the name is a link";
+        case ERROR_TOO_MANY_LINKS:
+            return "the file has further names (hard links)";
+        default:
+            return fmt::format("{} ({})", Exception::Win32Message(code), code);
+    }
 }
 
 std::uint64_t SizeOf(const Util::FileHandle& file) {
@@ -133,18 +140,25 @@ ZipArchiveWrapper::~ZipArchiveWrapper() {
 }
 
 void ZipArchiveWrapper::Open() {
-    if (path_.empty()) {
-        throw Exception::RuntimeException("Path to archive was empty");
-    }
-    archive_.reset();
-    source_ = std::make_unique<AppendInPlaceSource>(std::make_unique<Win32ArchiveFile>(path_));
-    if (const std::string trouble = Reopen(); !trouble.empty()) {
-        source_.reset();
+    if (const std::string trouble = TryOpen(); !trouble.empty()) {
         throw Exception::RuntimeException(trouble);
     }
 }
 
-/// Opens the archive as it is on disk. Returns the reason when that fails, and leaves no archive then.
+std::string ZipArchiveWrapper::TryOpen() {
+    if (path_.empty()) {
+        return "Path to archive was empty";
+    }
+    archive_.reset();
+    source_ = std::make_unique<AppendInPlaceSource>(std::make_unique<Win32ArchiveFile>(path_));
+    std::string trouble = Reopen();
+    if (!archive_) {
+        source_.reset();
+    }
+    return trouble;
+}
+
+/// Opens the archive as it is on disk now. Returns the reason when that fails, and leaves no archive then.
 std::string ZipArchiveWrapper::Reopen() {
     archive_.reset();
     std::string reason;
@@ -186,13 +200,14 @@ std::string ZipArchiveWrapper::DropChanges() {
 ZipArchiveWrapper::AddResult ZipArchiveWrapper::AddFile(const std::string& entryName,
                                                         const std::filesystem::path& source) {
     try {
-        if (!archive_) {
-            Open();
+        if (const std::string trouble = archive_ ? std::string() : TryOpen(); !trouble.empty()) {
+            return std::unexpected(NotArchived(source, trouble));
         }
         return AddToOpenArchive(EntryName(entryName), source);
     } catch (const std::exception& failure) {
         Exception::LogError("{}", failure.what());
-        return std::unexpected(NotArchived(source, "it could not be added, see the log"));
+        const std::string trouble = source_ ? DropChanges() : std::string();
+        return std::unexpected(NotArchived(source, "it could not be added, see the log") + trouble);
     }
 }
 

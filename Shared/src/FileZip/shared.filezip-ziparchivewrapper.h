@@ -67,6 +67,7 @@ private:
         void operator()(libzippp::ZipArchive* archive) const noexcept;
     };
 
+    [[nodiscard]] std::string TryOpen();
     [[nodiscard]] std::string Reopen();
     [[nodiscard]] std::string DropChanges();
     [[nodiscard]] std::string Remove(const std::string& entryName);

@@ -1,0 +1,231 @@
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <libzippp/libzippp.h>
+
+#include <random>
+
+#include "shared.filezip-appendsource.h"
+#include "shared.util-functions.h"
+#include "test-support.h"
+#include "zip-image.h"
+
+namespace Shared::FileZip {
+namespace {
+
+using libzippp::ZipArchive;
+using testing::AnyOf;
+using testing::Eq;
+using TestSupport::Contents;
+using TestSupport::Disk;
+using TestSupport::DiskFile;
+using TestSupport::ForeignZip;
+using TestSupport::Image;
+using TestSupport::ReadZip;
+using TestSupport::WriteZip;
+
+std::string Noise(std::size_t size) {
+    std::mt19937_64 random(size);
+    std::string bytes(size, '\0');
+    std::ranges::generate(bytes, [&] { return static_cast<char>(random()); });
+    return bytes;
+}
+
+/// Opens the archive on the disk, changes it, and closes it; false when it could not be written.
+template <class Change>
+bool Edit(Disk& disk, const Change& change) {
+    AppendInPlaceSource source(std::make_unique<DiskFile>(disk));
+    if (!source.Prepare()) {
+        return false;
+    }
+    zip_source_t* raw = source.NewSource();
+    zip_source_keep(raw);
+    ZipArchive* archive = ZipArchive::fromSource(raw, ZipArchive::Write);
+    zip_source_free(raw);
+    if (archive == nullptr) {
+        ADD_FAILURE() << "the archive cannot be opened";
+        zip_source_free(raw);
+        return false;
+    }
+    change(*archive);
+    const bool written = archive->close() == LIBZIPPP_OK;
+    archive->discard();
+    ZipArchive::free(archive);
+    return written;
+}
+
+bool Add(Disk& disk, const std::string& name, const std::string& data) {
+    return Edit(disk, [&](ZipArchive& archive) {
+        archive.addData(name, data.data(), data.size());
+        archive.getEntry(name).setCompressionMethod(libzippp::CompressionMethod::STORE);
+    });
+}
+
+Contents With(Contents contents, const std::string& name, const std::string& data) {
+    contents.emplace_back(name, TestSupport::Brief(data));
+    return contents;
+}
+
+struct AddCase {
+    const char* description;
+    std::optional<Image> before;
+    std::size_t size;
+};
+
+/// Small and large entries (the directory's copy moves once, several times), on archives of every make.
+std::vector<AddCase> AddCases() {
+    const Contents few{{"a", "first"}, {"b/", ""}, {"b/c", Noise(3000)}};
+    Contents many;
+    for (int index = 0; index < 3000; ++index) {
+        many.emplace_back(std::string(400, 'n') + std::to_string(index), "");
+    }
+    return {{"new", std::nullopt, 1000},
+            {"new-large", std::nullopt, 2U << 20U},
+            {"empty-file", Image(), 1000},
+            {"no-entries", WriteZip({}), 1000},
+            {"small", WriteZip(few), 1000},
+            {"large", WriteZip(few), 7U << 20U},
+            {"comment", WriteZip(few, {.comment = "of another tool"}), 2U << 20U},
+            {"descriptors", WriteZip(few, {.dataDescriptors = true}), 1000},
+            {"zip64", WriteZip(few, {.zip64 = true}), 2U << 20U},
+            {"wide-directory", WriteZip(many), 2U << 20U}};
+}
+
+/// For read-with-other-tools.sh, which says where.
+void KeepForOtherTools(const Image& image, const std::string& name) {
+    if (const wchar_t* folder = _wgetenv(L"AGENTCLI_KEEP_ARCHIVES"); folder != nullptr) {
+        TestSupport::WriteFile(std::filesystem::path(folder) / Util::PathFromUtf8(name),
+                               image.Read(0, static_cast<std::size_t>(image.Size())));
+    }
+}
+
+TEST(AppendInPlaceSourceTest, AKillAfterAnyWriteLeavesEveryEarlierEntry) {
+    for (const AddCase& test : AddCases()) {
+        SCOPED_TRACE(test.description);
+        Disk disk{.file = test.before};
+        const Contents before = test.before && test.before->Size() != 0 ? ReadZip(*test.before) : Contents();
+        const std::string data = Noise(test.size);
+        ASSERT_TRUE(Add(disk, "new", data));
+        const Contents after = With(before, "new", data);
+        ASSERT_EQ(ReadZip(*disk.file), after);
+        EXPECT_EQ(disk.siblings, 0U);
+
+        Image image = test.before.value_or(Image());
+        for (std::size_t step = 0; step < disk.changes.size(); ++step) {
+            const Disk::Change& change = disk.changes[step];
+            const std::size_t whole = change.bytes.size() + 1;
+            for (const std::size_t done : {std::size_t{1}, whole / 2, whole - 2, whole}) {
+                if (change.cut && done != whole) {
+                    continue;
+                }
+                SCOPED_TRACE(fmt::format("killed with {} of {} bytes of change {} done", done, whole, step));
+                Disk killed{.file = image};
+                change.ApplyTo(*killed.file, done);
+                const bool moreToCome = step + 1 < disk.changes.size() &&
+                                        disk.changes[step + 1].offset == change.offset + change.bytes.size();
+                if (killed.file->Size() > image.Size() && (done != whole || moreToCome)) {
+                    // Only the write of a copy behind the end may leave something to be repaired.
+                    AppendInPlaceSource source(std::make_unique<DiskFile>(killed));
+                    ASSERT_TRUE(source.Prepare());
+                    EXPECT_TRUE(killed.file->Size() == 0 || ReadZip(*killed.file) == before);
+                } else {
+                    EXPECT_THAT(ReadZip(*killed.file), AnyOf(Eq(before), Eq(after)));
+                    if (done == whole) {
+                        KeepForOtherTools(*killed.file, fmt::format("{}-{}.zip", test.description, step));
+                    }
+                }
+            }
+            change.ApplyTo(image, whole);
+        }
+        EXPECT_EQ(image, *disk.file);
+    }
+}
+
+TEST(AppendInPlaceSourceTest, AFailingWriteIsUndoneAndTheNextAddWorks) {
+    for (const AddCase& test : AddCases()) {
+        const Contents before = test.before && test.before->Size() != 0 ? ReadZip(*test.before) : Contents();
+        const std::string data = Noise(test.size);
+        for (const bool lasting : {false, true}) {
+            for (std::size_t step = 0;; ++step) {
+                SCOPED_TRACE(fmt::format("{}: change {} fails, lasting {}", test.description, step, lasting));
+                Disk disk{.file = test.before, .failing = step, .failsFromThenOn = lasting};
+                const bool added = Add(disk, "new", data);
+                const bool reached = !disk.failing || *disk.failing == 0;
+                disk.failing.reset();
+                if (!added && !lasting && before.size() != 0) {
+                    EXPECT_TRUE(*disk.file == *test.before);
+                }
+                ASSERT_TRUE(Add(disk, "next", "next"));
+                EXPECT_EQ(ReadZip(*disk.file), With(added ? With(before, "new", data) : before, "next", "next"));
+                if (added && !reached) {
+                    break;
+                }
+            }
+        }
+    }
+}
+
+TEST(AppendInPlaceSourceTest, DeletingAndReplacingGoThroughAnotherFile) {
+    const Image before = WriteZip({{"a", "first"}, {"b", Noise(2U << 20U)}, {"c", "third"}}, {.comment = "kept"});
+    for (const bool full : {false, true}) {
+        Disk disk{.file = before, .failing = full ? std::optional<std::size_t>(0) : std::nullopt};
+        const bool written = Edit(disk, [](ZipArchive& archive) {
+            archive.deleteEntry("b");
+            archive.addData("c", "other", 5);
+        });
+        EXPECT_EQ(written, !full);
+        EXPECT_EQ(ReadZip(*disk.file), full ? ReadZip(before) : (Contents{{"a", "first"}, {"c", "other"}}));
+        EXPECT_EQ(disk.siblings, 0U);
+        EXPECT_TRUE(disk.changes.empty());
+    }
+    Disk disk{.file = WriteZip({{"only", "one"}})};
+    EXPECT_TRUE(Edit(disk, [](ZipArchive& archive) { archive.deleteEntry("only"); }));
+    EXPECT_FALSE(disk.file);
+    EXPECT_TRUE(Add(disk, "new", "data"));
+}
+
+TEST(AppendInPlaceSourceTest, ArchivesGrowBeyondFourGigabytesAndSixtyFiveThousandEntries) {
+    for (const std::uint64_t hole : {0xfffe0000ULL, 0xffe00000ULL}) {
+        Disk disk{.file = WriteZip({{"a", "first"}}, {.hole = hole})};
+        const Image before = *disk.file;
+        const std::string data = Noise(3U << 20U);
+        ASSERT_TRUE(Add(disk, "new", data));
+        ASSERT_TRUE(Add(disk, "next", data));
+        const Contents both{
+            {"hole", ""}, {"a", "first"}, {"new", TestSupport::Brief(data)}, {"next", TestSupport::Brief(data)}};
+        EXPECT_EQ(ReadZip(*disk.file), both);
+        Image image = before;
+        for (const Disk::Change& change : disk.changes) {
+            change.ApplyTo(image, change.bytes.size() + 1);
+            const Contents now = ReadZip(image);
+            EXPECT_TRUE(now.size() >= 2 && std::equal(now.begin(), now.end(), both.begin()));
+        }
+    }
+    Contents many(65533);
+    for (std::size_t index = 0; index < many.size(); ++index) {
+        many[index].first = std::to_string(index);
+    }
+    Disk disk{.file = WriteZip(many)};
+    for (const char* name : {"x", "y", "z"}) {
+        ASSERT_TRUE(Add(disk, name, "data"));
+        many.emplace_back(name, "data");
+        EXPECT_TRUE(ReadZip(*disk.file) == many);
+    }
+    EXPECT_EQ(disk.siblings, 0U);
+}
+
+TEST(AppendInPlaceSourceTest, OnlyATornEndIsRepaired) {
+    const Image whole = WriteZip({{"a", "first"}, {"b", Noise(1000)}}, {.comment = "looks like PK\5\6 a record"});
+    Image torn = whole;
+    torn.Write(torn.Size() + 300000, "PK\1\2 the start of a copy");
+    Image foreign = whole;  // an end record whose directory is elsewhere, as behind a self-extractor's program
+    foreign.Write(foreign.Size(), WriteZip({{"c", "third"}}).Read(0, 1000));
+    for (const auto& [before, after] : {std::pair{torn, whole}, {whole, whole}, {foreign, foreign}}) {
+        Disk disk{.file = before};
+        AppendInPlaceSource source(std::make_unique<DiskFile>(disk));
+        EXPECT_TRUE(source.Prepare());
+        EXPECT_TRUE(*disk.file == after);
+    }
+}
+
+}  // namespace
+}  // namespace Shared::FileZip
