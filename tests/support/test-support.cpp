@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "shared.filesystem-removal.h"
 #include "shared.util-functions.h"
 
 namespace TestSupport {
@@ -62,13 +63,13 @@ std::wstring UniqueName() {
 }  // namespace
 
 TemporaryFolder::TemporaryFolder() : path_(std::filesystem::temp_directory_path() / UniqueName()) {
-    std::filesystem::remove_all(path_);
+    Shared::FileSystem::FileObjectRemover(path_).Clear();
     std::filesystem::create_directories(path_);
 }
 
+// The standard library would follow links, and never ends on names that only a verbatim path reaches.
 TemporaryFolder::~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+    Shared::FileSystem::FileObjectRemover(path_).Clear();
 }
 
 WorkingFolder::WorkingFolder() : before_(std::filesystem::current_path()) {

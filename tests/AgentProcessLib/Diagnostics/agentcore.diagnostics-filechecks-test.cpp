@@ -56,7 +56,7 @@ TEST(FileChecksPass, RefusesInItsOrderWithItsTexts) {
         const std::string message = refused.before + Shared::Util::ToUtf8(refused.file) + refused.behind;
         EXPECT_EQ(result.error().message, message);
         EXPECT_THAT(log.Text(), testing::HasSubstr(message + " ["));
-        EXPECT_THAT(log.Text(), ContainsRegex("info.*filechecks\\.cpp\\([0-9]+\\)\\]"));
+        EXPECT_THAT(log.Text(), ContainsRegex("info.*filechecks\\.cpp\\(\\d+\\)"));
     }
     // A size limit comes before the look into the file.
     EXPECT_EQ(FileChecksPass(longName, 1).error().reason, Reason::TooLarge);
