@@ -9,6 +9,7 @@ import os
 import pathlib
 import random
 import shutil
+import signal
 import subprocess
 import sys
 import zlib
@@ -166,8 +167,18 @@ def main():
     arguments = argparse.ArgumentParser(description="Prepares a Wine prefix as a machine to run on.")
     arguments.add_argument("prefix")
     arguments.add_argument("--tool", help="the stand-in for the access agent's tool; without it nothing is installed")
+    arguments.add_argument("--hold", action="store_true", help="keep the locked log locked until terminated")
     options = arguments.parse_args()
     machine = Machine(options.prefix)
+    if options.hold:
+        holder = machine.hold_lock()
+        signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
+        try:
+            print("held", flush=True)
+            holder.wait()
+        finally:
+            holder.kill()
+        return
     machine.boot()
     if options.tool:
         machine.install(options.tool)

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "shared.exception-stacktrace.h"
 #include "shared.filesystem-removal.h"
 #include "shared.util-functions.h"
 
@@ -208,6 +209,8 @@ std::filesystem::path ChildProgram() {
 }
 
 unsigned HandleCount() {
+    // What the first stack trace loads stays open for good.
+    static const std::string warm = Shared::Exception::StackTrace::Capture().ToString();
     DWORD count = 0;
     if (GetProcessHandleCount(GetCurrentProcess(), &count) != FALSE && count != 0) {
         return count;
