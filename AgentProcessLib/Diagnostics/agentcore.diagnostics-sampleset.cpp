@@ -1,7 +1,5 @@
 #include "agentcore.diagnostics-sampleset.h"
 
-#include <string>
-
 #include "agentcore.diagnostics-collectors-commandtofile.h"
 #include "agentcore.diagnostics-collectors-tcpbind.h"
 #include "shared.util-fixedstring.h"
@@ -13,10 +11,10 @@ namespace {
 
 template <Shared::Util::FixedString Command, Shared::Util::FixedString FileName>
 CollectorRow CommandRow() {
-    const std::string text = Shared::Util::ToUtf8(Command.ToView());
+    const auto text = [] { return Shared::Util::ToUtf8(Command.ToView()); };
     return {.type = sampleType,
-            .name = text,
-            .origin = [text] { return text; },
+            .name = text(),
+            .origin = text,
             .collectors = {AsRun<Collectors::Cmd::CommandToFile<Command, FileName, sampleType>>()}};
 }
 

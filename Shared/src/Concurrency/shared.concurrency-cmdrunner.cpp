@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <memory>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -27,7 +27,7 @@ DWORD ToWait(std::chrono::milliseconds timeout) {
     return static_cast<DWORD>(std::clamp<std::chrono::milliseconds::rep>(timeout.count(), 0, INFINITE - 1));
 }
 
-// The attributes of a process to be created. The values that they point to must outlive the object.
+// The attributes of a process to be created. The handles that they point to must outlive the object.
 class AttributeList {
 public:
     explicit AttributeList(DWORD count) {
@@ -42,8 +42,9 @@ public:
     AttributeList& operator=(const AttributeList&) = delete;
     ~AttributeList() { DeleteProcThreadAttributeList(Get()); }
 
-    [[nodiscard]] bool Add(DWORD_PTR attribute, void* value, std::size_t size) {
-        return UpdateProcThreadAttribute(Get(), 0, attribute, value, size, nullptr, nullptr) != FALSE;
+    [[nodiscard]] bool Add(DWORD_PTR attribute, std::span<HANDLE> handles) {
+        return UpdateProcThreadAttribute(Get(), 0, attribute, static_cast<void*>(handles.data()), handles.size_bytes(),
+                                         nullptr, nullptr) != FALSE;
     }
     [[nodiscard]] LPPROC_THREAD_ATTRIBUTE_LIST Get() {
         return reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(storage_.data());
@@ -63,8 +64,8 @@ DWORD Start(const std::wstring& applicationName, const std::wstring& commandLine
             HANDLE job, PROCESS_INFORMATION& process) {
     AttributeList attributes(2);
     // Without the list a child would inherit every inheritable handle that anybody in this process has open.
-    if (!attributes.Add(PROC_THREAD_ATTRIBUTE_HANDLE_LIST, standardHandles.data(), sizeof standardHandles) ||
-        (job != nullptr && !attributes.Add(PROC_THREAD_ATTRIBUTE_JOB_LIST, &job, sizeof job))) {
+    if (!attributes.Add(PROC_THREAD_ATTRIBUTE_HANDLE_LIST, standardHandles) ||
+        (job != nullptr && !attributes.Add(PROC_THREAD_ATTRIBUTE_JOB_LIST, {&job, 1}))) {
         return GetLastError();
     }
     STARTUPINFOEXW startup{};
@@ -115,9 +116,11 @@ public:
 
     // Does nothing to processes that have ended.
     void Terminate(UINT exitCode) const noexcept {
-        if (!job_ || !IsInJob(process_.Get(), job_.Get()) || TerminateJobObject(job_.Get(), exitCode) == FALSE) {
-            TerminateProcess(process_.Get(), exitCode);
+        if (job_) {
+            TerminateJobObject(job_.Get(), exitCode);
         }
+        // It may run outside the job.
+        TerminateProcess(process_.Get(), exitCode);
     }
 
     [[nodiscard]] std::uint32_t ExitCode(std::uint32_t unlessKnown) const noexcept {

@@ -9,13 +9,10 @@
 
 namespace {
 
+using namespace testing;
 using namespace AgentCore::Diagnostics;
 using AgentCore::Diagnostics::Collectors::Cmd::CommandToFile;
 using Shared::FileZip::ZipArchiveWrapper;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::StartsWith;
 
 std::function<std::wstring()> command;
 std::wstring Command() {

@@ -18,16 +18,9 @@
 
 namespace {
 
+using namespace testing;
 using namespace std::chrono_literals;
 using namespace Shared::Concurrency;
-using testing::AnyOf;
-using testing::HasSubstr;
-using testing::Matcher;
-using testing::Ne;
-using testing::Not;
-using testing::Property;
-using testing::StartsWith;
-using testing::Throws;
 
 constexpr std::chrono::milliseconds ample = 30s;
 constexpr std::chrono::milliseconds brief = 1500ms;
