@@ -61,8 +61,10 @@ std::optional<fs::path> FindTool() {
         if (error.Code() != ERROR_FILE_NOT_FOUND) {
             Shared::Exception::LogWarning("Skipping the access agent's tool: {}", error.what());
         }
-        return std::nullopt;
+    } catch (const std::exception& error) {
+        Shared::Exception::LogWarning("Skipping the access agent's tool: {}", error.what());
     }
+    return std::nullopt;
 }
 
 bool ToolIsInstalled() {
