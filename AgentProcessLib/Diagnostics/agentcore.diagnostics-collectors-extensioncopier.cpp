@@ -103,10 +103,11 @@ CollectorStatus CopyByExtension(FolderProvider folder, const ExtensionScan& scan
             Shared::Exception::LogError("Diagnostics failed copying extensions for {}: {}.", scan.extension,
                                         error.what());
         }
+        return {};
     } catch (...) {
         // Nothing is left to say it with.
+        return {};
     }
-    return {};
 }
 
 }  // namespace AgentCore::Diagnostics::Collectors::FileSystem

@@ -67,7 +67,7 @@ NameParts::NameParts(std::wstring_view fileName) : name(fileName.substr(0, fileN
     }
 }
 
-FileDescriptor::FileDescriptor(const std::filesystem::path& file) : path(file) {
+FileDescriptor::FileDescriptor(std::filesystem::path file) : path(std::move(file)) {
     const std::filesystem::path fileName = path.filename();
     const NameParts parts(fileName.native());
     name = Shared::Util::ToUtf8(parts.name);

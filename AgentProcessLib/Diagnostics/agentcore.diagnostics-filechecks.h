@@ -16,6 +16,7 @@ inline constexpr std::uint64_t maxFileSize = 209715200;
 
 /// Why a file does not go into the archive.
 struct CheckError {
+    // NOLINTNEXTLINE(performance-enum-size): 32 bits wide by contract
     enum class Reason : std::int32_t { NotFound, NotRegularFile, TooLarge, Executable };
 
     std::string message;
@@ -37,7 +38,7 @@ using CheckResult = std::expected<void, CheckError>;
 /// The name parts of a file, as UTF-8. An alternate-stream suffix (":...") belongs to none of them.
 struct FileDescriptor {
     /// Throws RuntimeException for a name without a dot.
-    explicit FileDescriptor(const std::filesystem::path& file);
+    explicit FileDescriptor(std::filesystem::path file);
 
     /// The text before the first dot. Throws RuntimeException "No extension detected in {}." when there is no dot.
     [[nodiscard]] static std::string Extract(std::string_view fileName);

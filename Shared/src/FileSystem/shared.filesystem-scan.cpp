@@ -26,8 +26,8 @@ bool DirectoryEntry::IsRealDirectory() const noexcept {
 
 DirectoryListing::DirectoryListing(std::filesystem::path folder) : folder_(std::move(folder)) {
     const std::wstring pattern = Join(LongForm(folder_).native(), L"*");
-    const HANDLE handle = FindFirstFileExW(pattern.c_str(), FindExInfoBasic, &data_, FindExSearchNameMatch, nullptr,
-                                           FIND_FIRST_EX_LARGE_FETCH);
+    HANDLE handle = FindFirstFileExW(pattern.c_str(), FindExInfoBasic, &data_, FindExSearchNameMatch, nullptr,
+                                     FIND_FIRST_EX_LARGE_FETCH);
     if (handle != INVALID_HANDLE_VALUE) {
         search_.reset(handle);
         pending_ = true;
