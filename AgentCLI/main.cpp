@@ -19,7 +19,8 @@ int main(int argc, const char* argv[]) try {
     return result;
 } catch (const std::exception& error) {
     // Support finds this line by its place: keep it on line 23.
-    Shared::Exception::LogError("CLI failed with error: {}", error.what());
+    using Shared::Exception::LogError;
+    LogError("CLI failed with error: {}", error.what());
     spdlog::shutdown();
     return 1;
 }

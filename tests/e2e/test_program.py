@@ -1,0 +1,250 @@
+"""The program as its user runs it, judged by the zip, the manifest, the log, the console and the exit status."""
+
+import concurrent.futures
+import contextlib
+import datetime
+import os
+import pathlib
+import random
+import re
+import shutil
+import subprocess
+import time
+
+from machines import BARE, CONFIG, CRASH, EXE, FULL, LOG, SAMPLE, TOOL, Archive, Case, machine, windows_path
+
+SAMPLE_FILES = ["RoutePrint", "IpConfig", "NicConfig", "NicDetails", "NetStat", "SystemInfo", "ProcessInfo",
+                "ServiceInfo", "DriverInfo", "TcpipBind"]
+SAMPLES = [f"{SAMPLE}_{number}/{name}.txt" for number, name in enumerate(SAMPLE_FILES)]
+
+
+class FullRun(Case):
+    def test_collects_everything_that_can_be_had(self):
+        with contextlib.ExitStack() as held:
+            holder = FULL.hold_lock()
+            held.callback(holder.wait)
+            held.callback(holder.kill)
+            printed = self.collect(on=FULL)
+        self.assert_located(printed, self.zip)
+        self.assertLessEqual({path.name for path in self.folder.iterdir()},
+                             {"diagnostics.zip", "agent-cli.log", "agent-cli.1.log"})
+        archive = Archive(self.zip)
+        for reader in (["unzip", "-tqq"], ["7z", "t", "-bso0", "-bsp0"]):
+            subprocess.run([*reader, self.zip], check=True)
+        self.assertEqual(archive.types(), [(LOG, 19), (CONFIG, 4), (SAMPLE, 16), (CRASH, 8)])
+        self.assertLessEqual({"manifest.json", "agent-cli.log", *SAMPLES}, set(archive.names))
+        self.assertFalse([name for name in archive.names if "\\" in name])
+        self.check_rows(archive)
+        self.check_files(archive)
+        self.check_generated(archive)
+
+    def check_rows(self, archive):
+        self.assertEqual([row["name"] for row in archive.rows[:7]],
+                         ["*.log", "*.log, *.old, vq_pv_hrpt.xml, update_tmp.bat",
+                          "*.log, " + ", ".join(f"LumoraAccessAgentLog.etl.00{number}" for number in range(6)),
+                          "*.txt", "setupapi.log", "setupapi.dev*.log, setupapi.app*.log", "VqPlapApp.log"])
+        self.assertEqual([row["name"] for row in archive.rows[33:39]],
+                         ["epm status", "status", "traffic log", "traffic rdns export", "traffic show", "tunnel"])
+        self.assertEqual(archive.row("tunnel")["origin"],
+                         '"C:\\Program Files\\Velqor\\Lumora Access Agent\\lacli.exe" tunnel')
+        for row in archive.rows:
+            archived = [name for name in archive.names if name.startswith(row["archivePath"] + "/")]
+            self.assertEqual(bool(archived), row.get("success", False), row)
+            self.assertRegex(row["startedAt"], r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
+        errors = "\n".join(archive.rows[0]["errors"])
+        for wanted in (r"history\.log' \(200 MB\) because", r"hostprobe\.log' is an executable", r"live\.log: ",
+                       r"Skipped file .*oxm\.8\.log", r"Skipped file .*oxm\.9\.log"):
+            self.assertRegex(errors, wanted)
+        self.assertEqual(len(archive.rows[0]["errors"]), 5)
+        self.assertIn("Collectors reported the following warnings or errors: \n", archive.text("agent-cli.log"))
+
+    def check_files(self, archive):
+        """Each archived file is byte for byte one of that name on the machine, with its time."""
+        sources = {}
+        for folder in ("Program Files/Velqor", "ProgramData/Velqor", "users", "windows/inf"):
+            for source in (FULL.drive / folder).rglob("*.*"):
+                if source.is_file():
+                    sources.setdefault(source.name, []).append(source)
+        for name in ("setupapi.log", "system32/VqPlapApp.log"):
+            sources[pathlib.Path(name).name] = [FULL.drive / "windows" / name]
+        checked = 0
+        for name in archive.names:
+            if name.startswith((LOG, CRASH)):
+                entry, data = archive.entries[name]
+                matching = [path for path in sources[name.split("/")[-1]] if path.stat().st_size == len(data)]
+                self.assertIn(data, [path.read_bytes() for path in matching], name)
+                written = {datetime.datetime.fromtimestamp(path.stat().st_mtime // 2 * 2) for path in matching}
+                self.assertTrue(any(abs((datetime.datetime(*entry.date_time) - at).total_seconds()) <= 2
+                                    for at in written), name)
+                checked += 1
+        # 10 + 1 + 1 logs of the agent, 3 + 6 + 2 + 1 + 2 + 1 more, 5 of each user; 1 + 2 dumps, 2 of each user.
+        self.assertEqual(checked, 27 + 5 * 3 + 3 + 2 * 3)
+
+    def check_generated(self, archive):
+        self.assertEqual(archive.text(f"{SAMPLE}_9/TcpipBind.txt"), "\\Device\\eth0\r\n\\Device\\eth1\r\n\r\n")
+        self.assertIn("PreferredIP:10.20.0.7\r\nPrelogon:1\r\n", archive.text(f"{CONFIG}_0/regval.txt").replace("\r\n\r\n", "\r\n"))
+        self.assertIn("[String] Tenant = Example GmbH, Zürich\r\n", archive.text(f"{CONFIG}_2/registry-oxm-config.txt"))
+        dump = archive.text(f"{CONFIG}_3/lumora-access-agent.txt")
+        self.assertIn("Keyname: SOFTWARE\\Velqor\\Lumora Access Agent\\State\r\n", dump)
+        self.assertNotIn("hidden", dump)
+        self.assertEqual(archive.text(f"{SAMPLE}_15/lacli_tunnel.log"),
+                         'Command: "C:\\Program Files\\Velqor\\Lumora Access Agent\\lacli.exe" tunnel\r\nExit code: 0\r\n'
+                         "Output:\r\nTunnel: connected\r\nGateway: gw.example.com\r\n\r\n")
+        self.assertIn("files.example.com", archive.text(f"{SAMPLE}_13/lacli_traffic_rdns.log"))
+
+
+class BareRun(Case):
+    def test_every_row_is_there_although_nothing_is(self):
+        self.assert_located(self.collect(), self.zip)
+        archive = Archive(self.zip)
+        profiles = len(BARE.profiles())
+        self.assertEqual(archive.types(),
+                         [(LOG, 7 + 4 * profiles), (CONFIG, 4), (SAMPLE, 10), (CRASH, 2 + 2 * profiles)])
+        self.assertFalse([row["name"] for row in archive.rows if row["type"] == CONFIG and row.get("success")])
+        self.assertEqual(archive.row("SOFTWARE\\Velqor\\OXM")["errors"],
+                         ["Not dumping the AOXM registry key SOFTWARE\\Velqor\\OXM as it wasn't found."])
+        # Every command yields its file, known here or not.
+        self.assertLessEqual(set(SAMPLES[:9]), set(archive.names))
+        self.assertTrue(archive.text(SAMPLES[0]).startswith("Command: route print\r\nExit code: "))
+
+
+class Flags(Case):
+    def test_flags_select_types_in_a_fixed_order(self):
+        profiles = len(BARE.profiles())
+        rows = {LOG: 7 + 4 * profiles, CONFIG: 4, SAMPLE: 10, CRASH: 2 + 2 * profiles}
+        for arguments, types in ((["-l"], [LOG]), (["--config"], [CONFIG]), (["-s"], [SAMPLE]), (["--crash"], [CRASH]),
+                                 (["-c", "-l"], [LOG, CRASH]), (["-co"], [CONFIG, CRASH]),
+                                 (["-c", "-s", "-o", "-l"], [LOG, CONFIG, SAMPLE, CRASH])):
+            with self.subTest(arguments):
+                self.collect(*arguments)
+                self.assertEqual(Archive(self.zip).types(), [(kind, rows[kind]) for kind in types])
+
+    def test_samples_bring_the_tool_where_it_is_installed(self):
+        self.collect("-s", on=FULL)
+        self.assertEqual(Archive(self.zip).types(), [(SAMPLE, 16)])
+
+
+class Path(Case):
+    folder_name = "Ordner für Läufe"
+
+    def test_moves_the_archive_to_the_path(self):
+        other = self.scratch / "andere Größe"
+        other.mkdir()
+        (self.folder / "old.zip").write_bytes(b"something else")
+        for given, expected in (("out.zip", self.folder / "out.zip"), ("old.zip", self.folder / "old.zip"),
+                                (windows_path(other / "Müller 日本.zip"), other / "Müller 日本.zip")):
+            with self.subTest(given):
+                self.assert_located(self.collect("-o", "-p", given), expected)
+                self.assertEqual(Archive(expected).types(), [(CONFIG, 4)])
+                self.assertFalse(self.zip.exists())
+
+    def test_keeps_an_archive_that_is_its_own_destination(self):
+        for given in ("diagnostics.zip", ".\\diagnostics.zip", "DIAGNOSTICS.ZIP", windows_path(self.zip)):
+            with self.subTest(given):
+                printed = self.collect("-o", "--path", given)
+                self.assertEqual(printed.lower(), f"diagnostics zip located at: {windows_path(self.zip)}\r\n".lower())
+                self.assertEqual(Archive(self.zip).types(), [(CONFIG, 4)])
+
+    def test_leaves_the_archive_whole_where_it_cannot_be_moved(self):
+        for given in ("nowhere\\out.zip", windows_path(self.scratch)):
+            with self.subTest(given):
+                printed = self.collect("-o", "-p", given, status=1)
+                self.assertTrue(printed.startswith("Unexpected error: "), printed)
+                self.assertFalse(printed.endswith("\n"))
+                self.assertEqual(Archive(self.zip).types(), [(CONFIG, 4)])
+
+
+class CommandLine(Case):
+    def test_errors_and_help_are_the_parsers(self):
+        for arguments, status, wanted in (([], 106, "subcommand"), (["agent"], 106, "subcommand"),
+                                          (["agent", "collect-diagnostics", "--nonsense"], 109, "--nonsense"),
+                                          (["--help"], 0, "Print this help message and exit"),
+                                          (["agent", "collect-diagnostics", "-h"], 0, "Collect crash diagnostics.")):
+            with self.subTest(arguments):
+                done = BARE.run(EXE, *arguments, cwd=self.folder)
+                self.assertEqual(done.returncode, status)
+                self.assertIn(wanted.encode(), done.stdout + done.stderr)
+                self.assertFalse(self.zip.exists())
+
+    def test_a_log_that_cannot_be_opened_ends_the_run_with_mains_error_line(self):
+        (self.folder / "agent-cli.log" / "inside").mkdir(parents=True)
+        printed = self.collect(status=1)
+        self.assertRegex(printed, r"Error in function .*main\(.*\)\(\) of file AgentCLI/main\.cpp:23:14 ---> "
+                                  r"CLI failed with error: .*agent-cli\.log")
+
+
+class WorkingFolder(Case):
+    def test_replaces_what_an_earlier_run_left(self):
+        self.collect("-o")
+        self.collect("-c")
+        self.assertNotIn(CONFIG, [kind for kind, _ in Archive(self.zip).types()])
+        for stale in (b"PK\x03\x04 torn", self.zip.read_bytes()[:-30], b""):
+            self.zip.write_bytes(stale)
+            self.collect("-o")
+            self.assertEqual(Archive(self.zip).types(), [(CONFIG, 4)])
+
+    def test_a_log_that_is_full_rolls_over(self):
+        (self.folder / "agent-cli.log").write_bytes(b"x" * 10_230 + b"\r\n")
+        self.collect("-o", on=FULL)
+        self.assertTrue((self.folder / "agent-cli.1.log").read_bytes().startswith(b"xxx"))
+        self.assertNotIn("xxx", Archive(self.zip).text("agent-cli.log"))
+
+    def test_nothing_planted_there_is_run_or_written_through(self):
+        target = self.scratch / "target"
+        target.write_bytes(b"precious")
+        planted = ("agent-cli.log", "agent-cli.1.log", "diagnostics.zip", "manifest.json", "RoutePrint.txt",
+                   "TcpipBind.txt", "lacli_tunnel.log", "regval.txt", "lacli_traffic_rdns.log")
+        for name in planted:
+            if name == "RoutePrint.txt":
+                os.link(target, self.folder / name)
+            else:
+                (self.folder / name).symlink_to(target)
+        for name in ("route.exe", "netstat.exe", "wmic.exe", "lacli.exe", "dbghelp.dll", "cmd.exe"):
+            shutil.copyfile(TOOL, self.folder / name)
+        # A user's own folder stands first in the path.
+        done = FULL.run(EXE, "agent", "collect-diagnostics", cwd=self.folder, WINEPATH=windows_path(self.folder))
+        self.assertEqual(done.returncode, 0, done.stdout)
+        self.assertEqual(target.read_bytes(), b"precious")
+        archive = Archive(self.zip)
+        self.assertEqual(archive.types(), [(LOG, 19), (CONFIG, 4), (SAMPLE, 16), (CRASH, 8)])
+        for name in SAMPLES[:9]:
+            # The planted programs answer this to every question that they do not know.
+            self.assertNotIn("Unknown command.", archive.text(name), name)
+        self.assertFalse((self.folder / "agent-cli.log").is_symlink())
+
+
+class Kill(Case):
+    runs = 50
+
+    def test_a_killed_run_leaves_a_whole_archive_and_the_next_one_works(self):
+        numbers = random.Random(4711)
+        start = time.monotonic()
+        self.collect(on=FULL)
+        whole = time.monotonic() - start
+        delays = [whole * numbers.random() for _ in range(self.runs)]
+        with concurrent.futures.ThreadPoolExecutor(2) as lanes:
+            counts = list(lanes.map(self.kill_after, range(self.runs), delays))
+        found = sorted(count for count in counts if count)
+        self.assertGreater(len(set(found)), self.runs // 5, f"the kills hit too few different moments: {counts}")
+        for number in (0, self.runs - 1):
+            self.collect("-o", on=FULL, folder=self.scratch / str(number))
+            self.assertEqual(Archive(self.scratch / str(number) / "diagnostics.zip").types(), [(CONFIG, 4)])
+
+    def kill_after(self, number, delay):
+        """Returns how many files the archive of the killed run holds."""
+        folder = self.scratch / str(number)
+        folder.mkdir()
+        process = FULL.start(EXE, "agent", "collect-diagnostics", cwd=folder)
+        time.sleep(delay)
+        process.kill()
+        process.communicate()
+        left = folder / "diagnostics.zip"
+        if not left.exists() or left.stat().st_size == 0:
+            return 0
+        archive = Archive(left)
+        for name in archive.names:
+            if name.startswith(LOG + "_0/"):
+                source = machine.log_text(machine.OXM + "/" + name.split("/")[-1], 30_000)
+                if re.search(r"/oxm[.0-9]*\.log$", name):
+                    self.assertEqual(archive.entries[name][1], source, name)
+        return len(archive.names)
