@@ -3,7 +3,7 @@
 #include <zip.h>
 
 #include <memory>
-#include <string_view>
+#include <utility>
 
 namespace libzippp {
 
@@ -53,8 +53,8 @@ std::string ZipEntry::readAsText() const {
     return data ? std::string(data.get(), size_) : std::string();
 }
 
-ZipArchive::ZipArchive(const std::string& zipPath, const std::string& password, Encryption)
-    : path_(zipPath), password_(password) {}
+ZipArchive::ZipArchive(std::string zipPath, std::string password, Encryption)
+    : path_(std::move(zipPath)), password_(std::move(password)) {}
 
 ZipArchive::~ZipArchive() {
     if (close() != LIBZIPPP_OK) {

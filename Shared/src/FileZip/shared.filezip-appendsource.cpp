@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <utility>
 
 namespace Shared::FileZip {
@@ -55,17 +56,16 @@ FileResult<void> AppendInPlaceSource::Prepare() {
     if (end->end != FileEnd::Torn) {
         return {};
     }
-    const auto last = FindLastTail(*file_);
-    if (!last) {
-        return std::unexpected(last.error());
+    const auto found = FindLastTail(*file_);
+    if (!found) {
+        return std::unexpected(found.error());
     }
-    if (*last) {
-        if (auto cut = file_->Truncate((*last)->End()); !cut) {
-            return cut;
-        }
-        size_ = (*last)->End();
+    FileResult<void> cut;
+    if (const std::optional<ArchiveTail>& last = *found; last) {
+        cut = file_->Truncate(last->End());
+        size_ = last->End();
     }
-    return {};
+    return cut;
 }
 
 zip_source_t* AppendInPlaceSource::NewSource() {
@@ -258,8 +258,8 @@ FileResult<void> AppendInPlaceSource::CreateEmpty() {
     }
     ArchiveTail tail = EmptyTail();
     if (auto written = file_->Write(0, tail.records); !written) {
-        static_cast<void>(file_->Truncate(0));
-        static_cast<void>(Rollback());
+        [[maybe_unused]] const auto emptied = file_->Truncate(0);
+        [[maybe_unused]] const auto removed = Rollback();
         return written;
     }
     size_ = tail.Size();
@@ -268,9 +268,10 @@ FileResult<void> AppendInPlaceSource::CreateEmpty() {
 }
 
 void AppendInPlaceSource::StartInPlace(ArchiveTail tail) {
+    inPlace_ = true;
     tail_ = std::move(tail);
-    copyOffset_ = tail_->directoryOffset;
-    copyEnd_ = tail_->End();
+    copyOffset_ = tail_.directoryOffset;
+    copyEnd_ = tail_.End();
     writeOffset_ = bufferOffset_ = writeEnd_ = 0;
 }
 
@@ -279,8 +280,7 @@ zip_int64_t AppendInPlaceSource::Write(std::span<const std::byte> from) {
     while (!from.empty()) {
         const bool continues = writeOffset_ >= bufferOffset_ && writeOffset_ - bufferOffset_ <= buffer_.size();
         if (!continues || buffer_.size() >= bufferSize) {
-            if (const auto flushed = Flush(std::max(smallestSpare, spareDirectories * (tail_ ? tail_->Size() : 0)));
-                !flushed) {
+            if (const auto flushed = Flush(std::max(smallestSpare, spareDirectories * tail_.Size())); !flushed) {
                 return Fail(ZIP_ER_WRITE, flushed.error());
             }
             bufferOffset_ = writeOffset_;
@@ -303,7 +303,7 @@ FileResult<void> AppendInPlaceSource::Flush(std::uint64_t spare) {
     if (buffer_.empty()) {
         return {};
     }
-    if (tail_) {
+    if (inPlace_) {
         const std::uint64_t end = bufferOffset_ + buffer_.size();
         auto room = MakeRoom(end, spare);
         if (!room && spare != 0) {
@@ -329,16 +329,16 @@ FileResult<void> AppendInPlaceSource::MakeRoom(std::uint64_t end, std::uint64_t 
     }
     // The present copy is what counts until the next one is whole.
     const std::uint64_t next = std::max(end + spare, copyEnd_);
-    const auto records = tail_->RecordsFor(next);
+    const auto records = tail_.RecordsFor(next);
     if (!records) {
         return std::unexpected<DWORD>(ERROR_FILE_TOO_LARGE);
     }
     if (auto copied = CopyTail(copyOffset_, next, *records); !copied) {
-        static_cast<void>(file_->Truncate(copyEnd_));
+        [[maybe_unused]] const auto cut = file_->Truncate(copyEnd_);
         return copied;
     }
     copyOffset_ = next;
-    copyEnd_ = next + tail_->directorySize + records->size();
+    copyEnd_ = next + tail_.directorySize + records->size();
     return {};
 }
 
@@ -346,7 +346,7 @@ FileResult<void> AppendInPlaceSource::CopyTail(std::uint64_t from, std::uint64_t
                                                std::span<const std::byte> records) {
     std::vector<std::byte> chunk;
     for (std::uint64_t done = 0;;) {
-        const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(bufferSize, tail_->directorySize - done));
+        const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(bufferSize, tail_.directorySize - done));
         chunk.resize(count);
         const auto read = file_->Read(from + done, chunk);
         if (!read) {
@@ -355,7 +355,7 @@ FileResult<void> AppendInPlaceSource::CopyTail(std::uint64_t from, std::uint64_t
         if (*read != count) {
             return std::unexpected<DWORD>(ERROR_HANDLE_EOF);
         }
-        const bool isLast = done + count == tail_->directorySize;
+        const bool isLast = done + count == tail_.directorySize;
         if (isLast) {
             chunk.insert(chunk.end(), records.begin(), records.end());
         }
@@ -378,7 +378,7 @@ FileResult<void> AppendInPlaceSource::Commit() {
         replacement_.reset();
     }
     size_ = writeEnd_;
-    tail_.reset();
+    inPlace_ = false;
     created_ = false;
     buffer_.clear();
     readAhead_.clear();
@@ -386,7 +386,7 @@ FileResult<void> AppendInPlaceSource::Commit() {
 }
 
 FileResult<void> AppendInPlaceSource::CommitInPlace() {
-    if (!tail_) {
+    if (!inPlace_) {
         return std::unexpected<DWORD>(ERROR_INVALID_STATE);
     }
     // The rest is in the buffer, so the end is known: a small entry takes one copy, right behind what is written.
@@ -404,21 +404,21 @@ FileResult<void> AppendInPlaceSource::Rollback() {
     if (created_) {
         size_ = 0;
         restored = file_->Remove();
-    } else if (tail_) {
+    } else if (inPlace_) {
         restored = RestoreTail();
     }
     created_ = false;
-    tail_.reset();
+    inPlace_ = false;
     return restored;
 }
 
 FileResult<void> AppendInPlaceSource::RestoreTail() {
-    if (copyOffset_ != tail_->directoryOffset) {
-        if (auto copied = CopyTail(copyOffset_, tail_->directoryOffset, tail_->records); !copied) {
+    if (copyOffset_ != tail_.directoryOffset) {
+        if (auto copied = CopyTail(copyOffset_, tail_.directoryOffset, tail_.records); !copied) {
             return copied;
         }
     }
-    return file_->Truncate(tail_->End());
+    return file_->Truncate(tail_.End());
 }
 
 }  // namespace Shared::FileZip

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <span>
 #include <vector>
 
@@ -70,7 +69,7 @@ private:
     FileResult<void> Begin();
     FileResult<void> CreateEmpty();
     void StartInPlace(ArchiveTail tail);
-    FileResult<void> Flush(std::uint64_t room);
+    FileResult<void> Flush(std::uint64_t spare);
     FileResult<void> MakeRoom(std::uint64_t end, std::uint64_t spare);
     FileResult<void> CopyTail(std::uint64_t from, std::uint64_t to, std::span<const std::byte> records);
     FileResult<void> Commit();
@@ -88,7 +87,8 @@ private:
     std::uint64_t readAheadOffset_ = 0;
 
     /// While an add is under way: the directory as it was, and where its present copy lies and ends.
-    std::optional<ArchiveTail> tail_;
+    bool inPlace_ = false;
+    ArchiveTail tail_;
     std::uint64_t copyOffset_ = 0;
     std::uint64_t copyEnd_ = 0;
     bool created_ = false;

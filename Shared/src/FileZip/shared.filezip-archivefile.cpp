@@ -164,10 +164,12 @@ FileResult<std::unique_ptr<ArchiveFile>> Win32ArchiveFile::CreateSibling() {
     for (int attempt = 0;; ++attempt) {
         auto sibling = std::make_unique<Win32ArchiveFile>(
             fmt::format(L"{}.{:x}-{:x}-{}.tmp", path_.native(), GetCurrentProcessId(), GetTickCount64(), attempt));
-        if (const auto created = sibling->Create(); created) {
+        const auto created = sibling->Create();
+        if (created) {
             sibling->temporary_ = true;
             return sibling;
-        } else if (created.error() != ERROR_FILE_EXISTS || attempt == attempts) {
+        }
+        if (created.error() != ERROR_FILE_EXISTS || attempt == attempts) {
             return std::unexpected(created.error());
         }
     }

@@ -56,14 +56,13 @@ FileResult<std::optional<ArchiveTail>> TailWithRecordAt(const ArchiveFile& file,
     if (!bytes) {
         return std::unexpected(bytes.error());
     }
-    const std::optional<ArchiveTail> none;
     if (bytes->empty()) {
-        return none;
+        return std::optional<ArchiveTail>();
     }
     const auto end = std::span(*bytes).subspan(before);
     const std::uint64_t wholeEnd = position + endSize + Get(end, 20, 2);
     if (Get(end, 0, 4) != endSignature || wholeEnd > limit || Get(end, 8, 2) != Get(end, 10, 2)) {
-        return none;
+        return std::optional<ArchiveTail>();
     }
     ArchiveTail tail;
     tail.entryCount = Get(end, 10, 2);
@@ -98,7 +97,7 @@ FileResult<std::optional<ArchiveTail>> TailWithRecordAt(const ArchiveFile& file,
         consistent = first->size() == 4 && Get(*first, 0, 4) == directorySignature;
     }
     if (!consistent) {
-        return none;
+        return std::optional<ArchiveTail>();
     }
     auto records = ReadBytes(file, recordsAt, static_cast<std::size_t>(wholeEnd - recordsAt));
     if (!records) {
@@ -189,8 +188,8 @@ FileResult<TailSearch> ReadTail(const ArchiveFile& file) {
             if (!tail) {
                 return std::unexpected(tail.error());
             }
-            if (*tail) {
-                return TailSearch{FileEnd::Tail, std::move(**tail)};
+            if (std::optional<ArchiveTail>& whole = *tail; whole) {
+                return TailSearch{FileEnd::Tail, std::move(*whole)};
             }
             found.end = FileEnd::Foreign;
         }
@@ -228,10 +227,11 @@ FileResult<std::optional<ArchiveTail>> FindLastTail(const ArchiveFile& file) {
             if (!tail) {
                 return tail;
             }
-            if (!*tail) {
+            const std::optional<ArchiveTail>& whole = *tail;
+            if (!whole) {
                 continue;
             }
-            const auto readable = IsReadable(file, **tail);
+            const auto readable = IsReadable(file, *whole);
             if (!readable) {
                 return std::unexpected(readable.error());
             }

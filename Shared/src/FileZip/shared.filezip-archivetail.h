@@ -29,7 +29,7 @@ struct ArchiveTail {
 /// The tail of an archive without entries, at the start of the file.
 [[nodiscard]] ArchiveTail EmptyTail();
 
-enum class FileEnd {
+enum class FileEnd : std::uint8_t {
     Tail,     ///< a directory and end records that agree with each other and with their places
     Foreign,  ///< an end record, but not of a kind that this program writes or may move
     Torn,     ///< no end record

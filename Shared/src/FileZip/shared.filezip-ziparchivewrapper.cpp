@@ -14,6 +14,7 @@
 #include "shared.exception.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-removal.h"
+#include "shared.filezip-appendsource.h"
 #include "shared.util-functions.h"
 #include "shared.util-handle.h"
 
@@ -30,7 +31,7 @@ std::string NotArchived(const std::filesystem::path& source, std::string_view re
 std::string Win32Reason(DWORD code) {
     switch (code) {
         case ERROR_CANT_RESOLVE_FILENAME:
-            return "the name is a link";
+            return "the name stands for a link";
         case ERROR_TOO_MANY_LINKS:
             return "the file has further names (hard links)";
         default:

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "shared.filezip-appendsource.h"
-
 namespace Shared::FileZip {
+
+class AppendInPlaceSource;
 
 /// "{} B" below 1024, "{} kB" below 1048576, else "{} MB"; integer division, no decimals.
 [[nodiscard]] std::string FormatSize(std::uint64_t bytes);

@@ -5,12 +5,14 @@
 #include <string>
 #include <vector>
 
-// Macros, as the library has them.
-#define LIBZIPPP_OK 0
-#define LIBZIPPP_ERROR_NOT_OPEN -1
-#define LIBZIPPP_ERROR_NOT_ALLOWED -2
-#define LIBZIPPP_ERROR_INVALID_ENTRY -3
-#define LIBZIPPP_ERROR_UNKNOWN -99
+/// Names without a namespace: the library has macros here.
+enum LibzipppStatus : std::int8_t {
+    LIBZIPPP_OK = 0,
+    LIBZIPPP_ERROR_NOT_OPEN = -1,
+    LIBZIPPP_ERROR_NOT_ALLOWED = -2,
+    LIBZIPPP_ERROR_INVALID_ENTRY = -3,
+    LIBZIPPP_ERROR_UNKNOWN = -99
+};
 
 struct zip;
 struct zip_source;
@@ -19,14 +21,16 @@ struct zip_source;
 /// library can take its place without a change to the callers. Nothing here throws except std::bad_alloc.
 namespace libzippp {
 
+// NOLINTBEGIN(modernize-use-nodiscard): results may be ignored where the library lets them be
+
 using libzippp_int64 = std::int64_t;
 using libzippp_uint64 = std::uint64_t;
 using libzippp_uint32 = std::uint32_t;
 
 class ZipArchive;
 
-enum class Encryption : std::uint16_t { None = 0 };
-enum class CompressionMethod : std::int32_t { DEFAULT = -1, STORE = 0, DEFLATE = 8 };
+enum class Encryption : std::uint8_t { None = 0 };
+enum class CompressionMethod : std::int8_t { DEFAULT = -1, STORE = 0, DEFLATE = 8 };
 
 /// What an open archive says about one entry, copied at the time of asking. The settings act on that archive, which
 /// must still be open.
@@ -71,12 +75,11 @@ private:
 /// One zip archive. Changes are kept in memory, and the file is written by close().
 class ZipArchive {
 public:
-    enum OpenMode { NotOpen, ReadOnly, Write, New };
-    enum State { Original, Current };
+    enum OpenMode : std::uint8_t { NotOpen, ReadOnly, Write, New };
+    enum State : std::uint8_t { Original, Current };
 
     /// The path is UTF-8.
-    explicit ZipArchive(const std::string& zipPath, const std::string& password = "",
-                        Encryption encryptionMethod = Encryption::None);
+    explicit ZipArchive(std::string zipPath, std::string password = "", Encryption encryptionMethod = Encryption::None);
     ZipArchive(const ZipArchive&) = delete;
     ZipArchive& operator=(const ZipArchive&) = delete;
     /// Closes the archive, so writes what is pending; a failure is lost.
@@ -131,5 +134,7 @@ private:
     zip* handle_ = nullptr;
     OpenMode mode_ = NotOpen;
 };
+
+// NOLINTEND(modernize-use-nodiscard)
 
 }  // namespace libzippp
