@@ -13,6 +13,9 @@ else()
     -g -gcodeview -gno-codeview-command-line -fno-omit-frame-pointer
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_BINARY_DIR}=build -ffile-compilation-dir=.
     -fno-file-reproducible)
+  foreach(prefix IN LISTS CMAKE_PREFIX_PATH)
+    target_compile_options(agentcli-options INTERFACE -ffile-prefix-map=${prefix}=dependencies)
+  endforeach()
   target_include_directories(agentcli-options SYSTEM BEFORE INTERFACE ${CMAKE_CURRENT_LIST_DIR}/libstdcxx)
   if(AGENTCLI_CHECKED)
     target_compile_definitions(agentcli-options INTERFACE _GLIBCXX_ASSERTIONS)

@@ -190,27 +190,29 @@ class WorkingFolder(Case):
         self.assertNotIn("xxx", Archive(self.zip).text("agent-cli.log"))
 
     def test_nothing_planted_there_is_run_or_written_through(self):
-        target = self.scratch / "target"
-        target.write_bytes(b"precious")
-        planted = ("agent-cli.log", "agent-cli.1.log", "diagnostics.zip", "manifest.json", "RoutePrint.txt",
-                   "TcpipBind.txt", "lacli_tunnel.log", "regval.txt", "lacli_traffic_rdns.log")
-        for name in planted:
-            if name == "RoutePrint.txt":
-                os.link(target, self.folder / name)
-            else:
-                (self.folder / name).symlink_to(target)
-        for name in ("route.exe", "netstat.exe", "wmic.exe", "lacli.exe", "dbghelp.dll", "cmd.exe"):
+        # Wine follows symbolic links even to delete them; second names of a file it can tell.
+        targets = []
+        for name in ("agent-cli.log", "agent-cli.1.log", "diagnostics.zip", "manifest.json", "RoutePrint.txt",
+                     "TcpipBind.txt", "lacli_tunnel.log", "regval.txt", "lacli_traffic_rdns.log"):
+            targets.append(self.scratch / f"target of {name}")
+            targets[-1].write_bytes(b"precious")
+            os.link(targets[-1], self.folder / name)
+        # A user's own folder stands first in the path. (Wine's interpreter also looks in the current directory.)
+        tools = self.scratch / "bin"
+        tools.mkdir()
+        for name in ("route.exe", "netstat.exe", "wmic.exe", "systeminfo.exe", "cmd.exe"):
+            shutil.copyfile(TOOL, tools / name)
+        for name in ("dbghelp.dll", "cmd.exe"):
             shutil.copyfile(TOOL, self.folder / name)
-        # A user's own folder stands first in the path.
-        done = FULL.run(EXE, "agent", "collect-diagnostics", cwd=self.folder, WINEPATH=windows_path(self.folder))
+        done = FULL.run(EXE, "agent", "collect-diagnostics", cwd=self.folder, WINEPATH=windows_path(tools))
         self.assertEqual(done.returncode, 0, done.stdout)
-        self.assertEqual(target.read_bytes(), b"precious")
+        for target in targets:
+            self.assertEqual(target.read_bytes(), b"precious", target)
         archive = Archive(self.zip)
         self.assertEqual(archive.types(), [(LOG, 19), (CONFIG, 4), (SAMPLE, 16), (CRASH, 8)])
         for name in SAMPLES[:9]:
             # The planted programs answer this to every question that they do not know.
             self.assertNotIn("Unknown command.", archive.text(name), name)
-        self.assertFalse((self.folder / "agent-cli.log").is_symlink())
 
 
 class Kill(Case):

@@ -109,6 +109,7 @@ TEST(CmdRunner, TheChildInheritsItsStandardHandlesAlone) {
 }
 
 TEST(CmdRunner, FailuresCarryTheirTexts) {
+    static_cast<void>(CreateOutputPipe());  // the source of random names stays open
     const unsigned handles = TestSupport::HandleCount();
     EXPECT_THAT([] { (void)Execute<EmptyParser>(L"", ample); },
                 Throws<Shared::Exception::RuntimeException>(What("Please specify a cmd command.")));
