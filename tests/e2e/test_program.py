@@ -212,7 +212,7 @@ class WorkingFolder(Case):
         self.assertEqual(archive.types(), [(LOG, 19), (CONFIG, 4), (SAMPLE, 16), (CRASH, 8)])
         for name in SAMPLES[:9]:
             # The planted programs answer this to every question that they do not know.
-            self.assertNotIn("Unknown command.", archive.text(name), name)
+            self.assertNotIn(b"Unknown command.", archive.entries[name][1], name)
 
 
 class Kill(Case):
