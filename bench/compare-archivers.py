@@ -4,6 +4,7 @@
 Makes the data sets in FOLDER (always the same ones), runs every tool on each of them in every round, the tools in
 turn, and prints the medians as one table. Wine must be set up in the environment.
 """
+import json
 import os
 import random
 import shutil
@@ -86,11 +87,11 @@ def measured(command, folder):
         usage = resource.getrusage(resource.RUSAGE_CHILDREN)
         io = io_counters()
         on_disk = io["write_bytes"] - io["cancelled_write_bytes"]
-        os.write(writing, repr((status, wall, usage.ru_utime, on_disk, io["wchar"], usage.ru_maxrss * KB)).encode())
+        os.write(writing, json.dumps([status, wall, usage.ru_utime, on_disk, io["wchar"], usage.ru_maxrss * KB]).encode())
         os._exit(0)
     os.close(writing)
     with os.fdopen(reading) as file:
-        result = eval(file.read())  # pylint: disable=eval-used
+        result = json.load(file)
     os.waitpid(child, 0)
     if result[0] != 0:
         sys.exit("failed: %s" % " ".join(command))

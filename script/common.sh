@@ -72,6 +72,21 @@ wine_environment() { # wine_environment PREFIX
   fi
 }
 
+# Makes a machine to run on and points script/under-wine at it; made anew when what it is made from has changed.
+make_machine() { # make_machine NAME [OPTIONS OF machine.py...]
+  local machine=$root/build/wine/$1 recipe
+  shift
+  export AGENTCLI_WINEPREFIX=$machine
+  recipe=$(cat "$root"/demo/*.* "${@: -1}" 2>/dev/null | sha256sum)
+  [ "$(cat "$machine.recipe" 2>/dev/null)" = "$recipe" ] && return
+  say "making the machine $machine"
+  [ ! -d "$machine" ] || WINEPREFIX=$machine wineserver -k 2>/dev/null || true
+  rm -rf "$machine" "$machine.recipe"
+  mkdir -p "$(dirname "$machine")"
+  quietly "$machine.log" python3 "$root/demo/machine.py" "$machine" "$@"
+  printf '%s\n' "$recipe" >"$machine.recipe"
+}
+
 # Our own C++, one path a line, relative to the root.
 own_sources() {
   (cd "$root" && find . -path ./build -prune -o -type f \( -name '*.h' -o -name '*.cpp' \) -printf '%P\n' | sort)
