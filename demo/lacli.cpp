@@ -1,5 +1,5 @@
-// The program that the tests run as a child, and that stands in for the access agent's tool. Its arguments are steps,
-// done in order:
+// Stands in for the access agent's tool on the demo machine, and is the child that the tests run. Its arguments are
+// steps, done in order:
 //   out TEXT, err TEXT    write the text          bytes N      write N bytes of a fixed pattern
 //   sleep MS              wait                    read         read standard input to its end
 //   close                 close both outputs      probe N      say whether N is an open handle
