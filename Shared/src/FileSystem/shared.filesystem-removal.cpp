@@ -1,6 +1,9 @@
 #include "shared.filesystem-removal.h"
 
-#include <memory>
+#include <winternl.h>
+
+#include <array>
+#include <cstddef>
 #include <string>
 #include <utility>
 #include <vector>
@@ -9,6 +12,7 @@
 #include "shared.exception-messages.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.util-functions.h"
+#include "shared.util-handle.h"
 
 namespace Shared::FileSystem {
 
@@ -32,58 +36,103 @@ DWORD RemoveLongName(const std::wstring& name) {
     return IsMissing(error) ? ERROR_SUCCESS : error;
 }
 
-struct FindCloser {
-    using pointer = HANDLE;
-    void operator()(HANDLE handle) const noexcept { FindClose(handle); }
-};
+constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
-struct Child {
-    std::wstring name;
-    bool realFolder;
-};
+constexpr ACCESS_MASK removalAccess = DELETE | FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | SYNCHRONIZE;
 
-DWORD ListChildren(const std::wstring& folder, std::vector<Child>& children) {
-    WIN32_FIND_DATAW entry{};
-    const HANDLE handle = FindFirstFileExW((folder + L"\\*").c_str(), FindExInfoBasic, &entry, FindExSearchNameMatch,
-                                           nullptr, FIND_FIRST_EX_LARGE_FETCH);
-    if (handle == INVALID_HANDLE_VALUE) {
-        return GetLastError();
+// What bears the name in an open folder, never what a link points to. No path is walked, so that nobody can lead the
+// removal elsewhere by turning a folder above into a link.
+DWORD OpenChild(HANDLE folder, std::wstring& name, Util::FileHandle& child) {
+    const auto length = static_cast<USHORT>(name.size() * sizeof(wchar_t));
+    UNICODE_STRING text{.Length = length, .MaximumLength = length, .Buffer = name.data()};
+    OBJECT_ATTRIBUTES attributes{};
+    InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE, folder, nullptr);
+    IO_STATUS_BLOCK status{};
+    HANDLE handle = INVALID_HANDLE_VALUE;
+    const NTSTATUS result =
+        NtOpenFile(&handle, removalAccess, &attributes, &status, shareAll,
+                   FILE_OPEN_REPARSE_POINT | FILE_OPEN_FOR_BACKUP_INTENT | FILE_SYNCHRONOUS_IO_NONALERT);
+    if (result < 0) {
+        return RtlNtStatusToDosError(result);
     }
-    const std::unique_ptr<HANDLE, FindCloser> search(handle);
-    do {
-        const std::wstring_view name = entry.cFileName;
-        if (name != L"." && name != L"..") {
-            children.push_back({folder + L'\\' + entry.cFileName,
-                                (entry.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) ==
-                                    FILE_ATTRIBUTE_DIRECTORY});
+    child.Reset(handle);
+    return ERROR_SUCCESS;
+}
+
+bool IsRealFolder(HANDLE handle) {
+    BY_HANDLE_FILE_INFORMATION information{};
+    return GetFileInformationByHandle(handle, &information) != FALSE &&
+           (information.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) ==
+               FILE_ATTRIBUTE_DIRECTORY;
+}
+
+DWORD Delete(HANDLE handle) {
+    FILE_DISPOSITION_INFO disposition{};
+    disposition.DeleteFile = TRUE;
+    return SetFileInformationByHandle(handle, FileDispositionInfo, &disposition, sizeof disposition) != FALSE
+               ? ERROR_SUCCESS
+               : GetLastError();
+}
+
+DWORD ListChildren(HANDLE folder, std::vector<std::wstring>& names) {
+    alignas(FILE_ID_BOTH_DIR_INFO) std::array<std::byte, std::size_t{16} * 1024> buffer{};
+    while (GetFileInformationByHandleEx(folder, FileIdBothDirectoryInfo, buffer.data(),
+                                        static_cast<DWORD>(buffer.size())) != FALSE) {
+        const std::byte* at = buffer.data();
+        for (ULONG step = 0;; at += step) {
+            const auto* entry = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(at);
+            std::wstring name(entry->FileName, entry->FileNameLength / sizeof(wchar_t));
+            if (name != L"." && name != L"..") {
+                names.push_back(std::move(name));
+            }
+            step = entry->NextEntryOffset;
+            if (step == 0) {
+                break;
+            }
         }
-    } while (FindNextFileW(search.get(), &entry) != FALSE);
+    }
     const DWORD error = GetLastError();
     return error == ERROR_NO_MORE_FILES ? ERROR_SUCCESS : error;
 }
 
-// Depth first with a stack of its own: the depth of a folder tree is not ours to trust.
+// A folder on the way down, held open, and what is still to be removed from it.
+struct Level {
+    Util::FileHandle folder;
+    std::vector<std::wstring> names;
+};
+
+// Depth first with a stack of its own: the depth of a folder tree is not ours to trust. Each folder is listed once, so
+// that nobody can keep the walk busy by filling it again.
 DWORD RemoveTree(const std::wstring& root) {
-    std::vector<std::wstring> folders{root};
-    for (std::size_t next = 0; next < folders.size(); ++next) {
-        std::vector<Child> children;
-        if (const DWORD error = ListChildren(folders[next], children); error != ERROR_SUCCESS) {
-            return error;
+    std::vector<Level> levels;
+    const auto removeOrDescend = [&levels](Util::FileHandle entry) {
+        if (!IsRealFolder(entry.Get())) {
+            return Delete(entry.Get());
         }
-        for (Child& child : children) {
-            if (child.realFolder) {
-                folders.push_back(std::move(child.name));
-            } else if (const DWORD error = RemoveLongName(child.name); error != ERROR_SUCCESS) {
-                return error;
-            }
+        levels.push_back({.folder = std::move(entry), .names = {}});
+        return ListChildren(levels.back().folder.Get(), levels.back().names);
+    };
+    Util::FileHandle top(CreateFileW(root.c_str(), removalAccess, shareAll, nullptr, OPEN_EXISTING,
+                                     FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    DWORD error = top ? removeOrDescend(std::move(top)) : GetLastError();
+    while (error == ERROR_SUCCESS && !levels.empty()) {
+        Level& level = levels.back();
+        if (level.names.empty()) {
+            error = Delete(level.folder.Get());
+            levels.pop_back();
+            continue;
+        }
+        std::wstring name = std::move(level.names.back());
+        level.names.pop_back();
+        Util::FileHandle child;
+        error = OpenChild(level.folder.Get(), name, child);
+        if (error == ERROR_SUCCESS) {
+            error = removeOrDescend(std::move(child));
+        } else if (IsMissing(error)) {
+            error = ERROR_SUCCESS;
         }
     }
-    for (auto folder = folders.rbegin(); folder != folders.rend(); ++folder) {
-        if (const DWORD error = RemoveLongName(*folder); error != ERROR_SUCCESS) {
-            return error;
-        }
-    }
-    return ERROR_SUCCESS;
+    return error;
 }
 
 }  // namespace

@@ -22,7 +22,8 @@ public:
     ~FileObjectRemover();
 
     /// Removes the held path, a folder with its contents, and forgets it in every case. A failure is logged as a
-    /// warning, never thrown. Links inside a folder are removed, not followed.
+    /// warning, never thrown. Links inside a folder are removed, not followed, also those that somebody puts there
+    /// meanwhile.
     void Clear() noexcept;
 
 private:

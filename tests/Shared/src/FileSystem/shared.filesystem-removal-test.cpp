@@ -48,6 +48,10 @@ TEST(FileObjectRemover, RemovesFilesAndWholeFolders) {
     }
     ASSERT_GT(deep.native().size(), 260U);
     WriteFile(tree / L"a.txt", "a");
+    WriteFile(tree / L"\x4e2d" / L"many.txt", "");
+    for (int number = 0; number < 300; ++number) {
+        WriteFile(tree / (std::wstring(60, L'n') + std::to_wstring(number)), "");
+    }
     WriteFile(folder / L"single.txt", "b");
     const CapturedLog log;
     {
