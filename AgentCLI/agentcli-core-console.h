@@ -16,7 +16,7 @@ void Print(fmt::format_string<Args...> format, Args&&... arguments) {
     const std::string text = fmt::format(format, std::forward<Args>(arguments)...);
     try {
         fmt::print("{}", text);
-        std::fflush(stdout);
+        static_cast<void>(std::fflush(stdout));
     } catch (const std::exception& error) {
         Shared::Exception::LogWarning("Cannot print \"{}\": {}", text, error.what());
     }

@@ -7,6 +7,7 @@
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
+#include <bit>
 #include <chrono>
 #include <cstddef>
 #include <filesystem>
@@ -36,8 +37,7 @@ void RefuseRedirection() noexcept {
     if (kernel == nullptr) {
         return;
     }
-    if (const auto setPolicy = reinterpret_cast<SetPolicy>(
-            reinterpret_cast<void*>(GetProcAddress(kernel, "SetProcessMitigationPolicy")))) {
+    if (const auto setPolicy = std::bit_cast<SetPolicy>(GetProcAddress(kernel, "SetProcessMitigationPolicy"))) {
         DWORD enforce = 1;
         setPolicy(redirectionTrustPolicy, &enforce, sizeof enforce);
     }
@@ -73,7 +73,7 @@ void PrepareProcess() noexcept {
         SetEnvironmentVariableW(
             L"PATH",
             (system + L';' + windows + L';' + system + L"\\Wbem;" + system + L"\\WindowsPowerShell\\v1.0\\").c_str());
-    } catch (const std::exception&) {
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
         // The program goes on with the path it has; the command collectors report the missing directory themselves.
     }
 }

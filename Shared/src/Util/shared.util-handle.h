@@ -34,7 +34,7 @@ public:
     [[nodiscard]] HANDLE Release() noexcept { return std::exchange(handle_, Kind::Invalid()); }
 
     void Reset(HANDLE handle = Kind::Invalid()) noexcept {
-        const HANDLE old = std::exchange(handle_, handle);
+        HANDLE old = std::exchange(handle_, handle);
         if (old == nullptr || old == INVALID_HANDLE_VALUE) {
             return;
         }
