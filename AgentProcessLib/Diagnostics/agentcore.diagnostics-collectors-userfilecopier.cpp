@@ -51,8 +51,9 @@ CollectorStatus ProfileCopier::Collect(std::string_view relativePath, const std:
             return Unsuccessful(fmt::format("{} is neither a directory or a valid file to copy", ToUtf8(source)));
         },
         [](std::string_view reason) {
-            Shared::Exception::LogError("User based collector failed: {}", reason);
-            return std::string(reason);
+            std::string message = fmt::format("User based collector failed: {}", reason);
+            Shared::Exception::LogError("{}", message);
+            return message;
         });
 }
 

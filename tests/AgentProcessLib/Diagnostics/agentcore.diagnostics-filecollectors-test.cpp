@@ -135,6 +135,8 @@ TEST_F(FileCollectors, ExtensionCopierScansAsItIsTold) {
 TEST_F(FileCollectors, UserFileCopierTakesOnlyTheUsersOwn) {
     const fs::path profile = machine_ / L"bob";
     EXPECT_THAT(Run(UserLogs(profile)).errors, IsEmpty());
+    EXPECT_THAT(Run(UserLogs(fs::path())).errors,
+                ElementsAre(StartsWith("User based collector failed: Exception in ")));
     WriteFile(machine_ / L"secret.log", "secret");
     WriteFile(profile / L"own" / L"Logs" / L"a.log", "a");
     WriteFile(profile / L"own" / L"Logs" / L"sub" / L"b.log", "b");
