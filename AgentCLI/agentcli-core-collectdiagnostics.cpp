@@ -25,6 +25,7 @@
 #include "shared.exception.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-removal.h"
+#include "shared.filesystem-status.h"
 #include "shared.util-functions.h"
 #include "shared.util-handle.h"
 
@@ -39,13 +40,9 @@ namespace {
 
 constexpr const wchar_t* archiveName = L"diagnostics.zip";
 
-std::error_code SystemError(DWORD code) {
-    return {static_cast<int>(code), std::system_category()};
-}
-
 void RemoveFile(const fs::path& path) {
     if (const DWORD error = Shared::FileSystem::RemoveName(path); error != ERROR_SUCCESS) {
-        throw fs::filesystem_error("remove", path, SystemError(error));
+        Shared::FileSystem::ThrowFileSystemError("remove", path, error);
     }
 }
 
@@ -69,15 +66,7 @@ std::optional<fs::path> FindTool() {
 
 bool ToolIsInstalled() {
     const std::optional<fs::path> tool = FindTool();
-    if (!tool) {
-        return false;
-    }
-    std::error_code error;
-    const bool exists = fs::exists(*tool, error);
-    if (error) {
-        throw fs::filesystem_error("exists", *tool, error);
-    }
-    return exists;
+    return tool && Shared::FileSystem::QueryStatus(*tool, "exists").kind != Shared::FileSystem::FileKind::NotFound;
 }
 
 std::string ProblemReport(std::span<const CollectorStatus> statuses) {
@@ -115,7 +104,7 @@ void MoveArchive(ZipArchiveWrapper& zip, const fs::path& destination) {
     if (!IsSameFile(source, destination)) {
         if (CopyFileW(Shared::FileSystem::LongForm(source).c_str(), Shared::FileSystem::LongForm(destination).c_str(),
                       FALSE) == FALSE) {
-            throw fs::filesystem_error("copy_file", source, destination, SystemError(GetLastError()));
+            Shared::FileSystem::ThrowFileSystemError("copy_file", destination, GetLastError());
         }
         RemoveFile(source);
     }

@@ -5,8 +5,6 @@
 #include <fmt/format.h>
 #include <fmt/xchar.h>
 
-#include <system_error>
-
 #include "agentcore.diagnostics-collectors-commandtofile.h"
 #include "agentcore.diagnostics-lacli.h"
 #include "shared.concurrency-cmdrunner.h"
@@ -14,6 +12,7 @@
 #include "shared.exception.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-removal.h"
+#include "shared.filesystem-status.h"
 #include "shared.util-functions.h"
 #include "shared.util-handle.h"
 
@@ -25,13 +24,13 @@ using Shared::Util::FileHandle;
 
 // Opens what bears the name, never what a link points to; an empty handle when nothing does. While the handle is open
 // nobody can put something else under the name.
-FileHandle Open(const std::filesystem::path& path, DWORD access) {
-    FileHandle file(CreateFileW(Shared::FileSystem::LongForm(path).c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS,
-                                nullptr));
+FileHandle Open(const std::filesystem::path& path) {
+    FileHandle file(CreateFileW(Shared::FileSystem::LongForm(path).c_str(), GENERIC_READ,
+                                FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     const DWORD error = GetLastError();
-    if (!file && error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
-        throw std::filesystem::filesystem_error("exists", path, {static_cast<int>(error), std::system_category()});
+    if (!file && !Shared::FileSystem::IsNotFound(error)) {
+        Shared::FileSystem::ThrowFileSystemError("exists", path, error);
     }
     return file;
 }
@@ -44,7 +43,8 @@ bool IsPlainFile(const FileHandle& file) {
 }
 
 CollectorStatus ExportAndAdd(const std::filesystem::path& entryDir, Shared::FileZip::ZipArchiveWrapper& zip) {
-    if (!Open(Shared::PV::GetLacliPath(), 0)) {
+    using Shared::FileSystem::FileKind;
+    if (Shared::FileSystem::QueryStatus(Shared::PV::GetLacliPath(), "exists").kind == FileKind::NotFound) {
         return Unsuccessful();
     }
     const std::filesystem::path path(rdnsFileName);
@@ -56,7 +56,7 @@ CollectorStatus ExportAndAdd(const std::filesystem::path& entryDir, Shared::File
     const std::wstring command = ToolCommandLine(fmt::format(L"{} {}", rdnsArguments, rdnsFileName));
     static_cast<void>(Shared::Concurrency::Execute<Shared::Concurrency::EmptyParser>(command, commandTimeout));
 
-    const FileHandle file = Open(path, GENERIC_READ);
+    const FileHandle file = Open(path);
     if (!file) {
         return Unsuccessful();
     }

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 #include "agentcore.diagnostics-keydump.h"
@@ -14,6 +13,7 @@
 #include "shared.filesystem-generatedfile.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-removal.h"
+#include "shared.filesystem-status.h"
 #include "shared.registry-functions.h"
 #include "shared.util-functions.h"
 
@@ -24,21 +24,16 @@ namespace {
 constexpr std::wstring_view linkageKey = L"SYSTEM\\CurrentControlSet\\services\\Tcpip\\Linkage";
 constexpr std::wstring_view bindValue = L"Bind";
 
-[[noreturn]] void ThrowFileError(const char* operation, const std::filesystem::path& path, DWORD error) {
-    throw std::filesystem::filesystem_error(operation, path,
-                                            std::error_code(static_cast<int>(error), std::system_category()));
-}
-
 // Removes what an earlier run left under the name.
 void FreeName(const std::filesystem::path& path) {
     if (GetFileAttributesW(Shared::FileSystem::LongForm(path).c_str()) == INVALID_FILE_ATTRIBUTES) {
-        if (const DWORD error = GetLastError(); error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
-            ThrowFileError("exists", path, error);
+        if (const DWORD error = GetLastError(); !Shared::FileSystem::IsNotFound(error)) {
+            Shared::FileSystem::ThrowFileSystemError("exists", path, error);
         }
         return;
     }
     if (const DWORD error = Shared::FileSystem::RemoveName(path); error != ERROR_SUCCESS) {
-        ThrowFileError("remove", path, error);
+        Shared::FileSystem::ThrowFileSystemError("remove", path, error);
     }
 }
 
