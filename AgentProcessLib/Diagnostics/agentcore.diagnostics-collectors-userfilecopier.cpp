@@ -35,7 +35,9 @@ CollectorStatus ProfileCopier::Collect(std::string_view relativePath, const std:
             const ConfinedFolder profile(profile_);
             const Opened opened = profile.Open(NameOf(source));
             if (!opened) {
-                return CopyOpened(source, opened, archiveFolder, zip);
+                const bool folder = Shared::FileSystem::QueryStatus(source, "status").kind == FileKind::Directory;
+                return folder ? CopyEntries(profile, source, opened, archiveFolder, zip)
+                              : CopyOpened(source, opened, archiveFolder, zip);
             }
             switch (opened->status.kind) {
                 case FileKind::NotFound:

@@ -158,6 +158,14 @@ TEST_F(FileCollectors, UserFileCopierTakesOnlyTheUsersOwn) {
                                               "The file '" + folder + "hard.log' is not a regular file.",
                                               StartsWith("Cannot archive file " + folder + "locked.log: ")));
 
+    {
+        const Shared::Util::FileHandle folderInUse(CreateFileW((profile / L"own" / L"Logs").c_str(), GENERIC_READ, 0,
+                                                               nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS,
+                                                               nullptr));
+        EXPECT_THAT(Run(UserLogs(profile)).errors,
+                    ElementsAre(StartsWith("User based collector failed: filesystem error: directory_iterator::")));
+    }
+
     WriteFile(profile / L"own" / L"a.dmp", "dump");
     EXPECT_TRUE(Run(UserDump(profile)).success);
     const SymbolicLink moved(profile, machine_ / L"moved");
