@@ -176,11 +176,20 @@ public:
         underWay_ =
             ReadFile(pipe_, buffer_.data(), static_cast<DWORD>(buffer_.size()), nullptr, &overlapped_) != FALSE ||
             GetLastError() == ERROR_IO_PENDING;
+        if (!underWay_) {
+            Ended(GetLastError());
+        }
         return underWay_;
     }
 
     // The bytes of a read that has ended; none after its failure.
-    [[nodiscard]] std::string_view End() { return Finish(FALSE); }
+    [[nodiscard]] std::string_view End() {
+        const std::string_view bytes = Finish(FALSE);
+        if (bytes.empty()) {
+            Ended(GetLastError());
+        }
+        return bytes;
+    }
 
     // Ends the read early; the bytes that came in before that.
     std::string_view Cancel() {
@@ -192,8 +201,17 @@ public:
     }
 
 private:
+    // The end of the output comes as a broken pipe, or as nothing read; anything else has cost some of it.
+    static void Ended(DWORD error) {
+        if (error != ERROR_BROKEN_PIPE && error != ERROR_SUCCESS) {
+            Exception::LogWarning("A command's output could not be read to its end: {}",
+                                  Exception::Win32Message(error));
+        }
+    }
+
     std::string_view Finish(BOOL wait) {
         DWORD count = 0;
+        SetLastError(ERROR_SUCCESS);
         if (GetOverlappedResult(pipe_, &overlapped_, &count, wait) == FALSE) {
             count = 0;
         }

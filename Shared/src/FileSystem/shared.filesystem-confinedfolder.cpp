@@ -116,15 +116,17 @@ ConfinedFolder::ConfinedFolder(const std::filesystem::path& folder) {
         }
         return;
     }
-    // A volume that is mounted nowhere has no DOS name.
-    for (const DWORD form : {DWORD{VOLUME_NAME_DOS}, DWORD{VOLUME_NAME_GUID}}) {
-        if (auto path = FinalPath(handle.Get(), form)) {
-            root_ = *std::move(path);
-            volumeNameForm_ = form;
-            return;
-        }
+    volumeNameForm_ = VOLUME_NAME_DOS;
+    auto path = FinalPath(handle.Get(), volumeNameForm_);
+    if (!path && GetLastError() == ERROR_PATH_NOT_FOUND) {
+        // A volume that is mounted nowhere has no DOS name.
+        volumeNameForm_ = VOLUME_NAME_GUID;
+        path = FinalPath(handle.Get(), volumeNameForm_);
     }
-    ThrowFileSystemError("exists", folder, GetLastError());
+    if (!path) {
+        ThrowFileSystemError("exists", folder, GetLastError());
+    }
+    root_ = *std::move(path);
 }
 
 // Level by level, so that no link is followed at all: even to open what a user points at can have effects.
