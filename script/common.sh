@@ -47,9 +47,11 @@ configure_and_build() { # configure_and_build PRESET [CMAKE TARGET...]
   export AGENTCLI_PREFIX
   AGENTCLI_PREFIX=$(dependency_prefix)
   mkdir -p "$build"
-  if [ ! -f "$build/build.ninja" ]; then
+  # Another prefix means other libraries, another toolchain or both: nothing of the old configuration holds.
+  if [ "$(cat "$build/prefix" 2>/dev/null)" != "$AGENTCLI_PREFIX" ]; then
     say "configuring $preset"
-    (cd "$root" && quietly "$build/configure.log" cmake --preset "$preset")
+    (cd "$root" && quietly "$build/configure.log" cmake --fresh --preset "$preset")
+    printf '%s\n' "$AGENTCLI_PREFIX" >"$build/prefix"
   fi
   say "building $preset"
   quietly "$build/build.log" cmake --build "$build" ${1:+--target "$@"}
