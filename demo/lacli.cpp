@@ -31,12 +31,12 @@ void Write(DWORD stream, std::string_view text) {
 }
 
 void WriteBytes(std::size_t count) {
-    std::string chunk(1U << 16U, '\0');
-    for (std::size_t done = 0; done < count; done += chunk.size()) {
-        chunk.resize(std::min(chunk.size(), count - done));
-        std::ranges::generate(chunk, [index = done]() mutable { return static_cast<char>(index++ % 251); });
+    std::string chunk(std::size_t{251} * 256, '\0');
+    std::ranges::generate(chunk, [index = 0]() mutable { return static_cast<char>(index++ % 251); });
+    for (; count > chunk.size(); count -= chunk.size()) {
         Write(STD_OUTPUT_HANDLE, chunk);
     }
+    Write(STD_OUTPUT_HANDLE, std::string_view(chunk).substr(0, count));
 }
 
 void StartGrandchild(const std::string& milliseconds) {

@@ -163,15 +163,15 @@ void WriteEmptyFile(const std::filesystem::path& path, std::uint64_t size) {
 }
 
 void WriteNumberedFiles(const std::filesystem::path& folder, int count) {
-    const std::wstring last = std::to_wstring(count) + L".log";
+    const std::wstring last = L"a." + std::to_wstring(count) + L".log";
     if (WineUnixFileName() != nullptr) {
-        RunOnHost(LR"(Z:\bin\sh -c "seq -f \"$0/%g.log\" )" + std::to_wstring(count) + L" | xargs touch\"" +
+        RunOnHost(LR"(Z:\bin\sh -c "seq -f \"$0/a.%g.log\" )" + std::to_wstring(count) + L" | xargs touch\"" +
                       HostArgument(folder),
                   folder / last, true);
         return;
     }
     for (int number = 1; number <= count; ++number) {
-        WriteFile(folder / (std::to_wstring(number) + L".log"), "");
+        WriteFile(folder / (L"a." + std::to_wstring(number) + L".log"), "");
     }
 }
 

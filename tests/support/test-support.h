@@ -77,8 +77,8 @@ void WriteFile(const std::filesystem::path& path, std::string_view bytes);
 /// Makes a file of that many bytes that takes no room on the disk.
 void WriteEmptyFile(const std::filesystem::path& path, std::uint64_t size);
 
-/// Makes empty files "1.log", "2.log", ... in an existing folder. (For Wine to make one takes as long as the folder is
-/// large; its host makes them.)
+/// Makes empty files "a.1.log", "a.2.log", ... in an existing folder. (For Wine to make one takes as long as the folder
+/// is large; its host makes them.)
 void WriteNumberedFiles(const std::filesystem::path& folder, int count);
 
 /// A symbolic link to a file or folder while the object lives. Wine makes none, but shows those of its host: there the

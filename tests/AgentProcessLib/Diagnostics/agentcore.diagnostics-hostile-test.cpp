@@ -1,0 +1,175 @@
+#include <gmock/gmock.h>
+#include <google/protobuf/util/json_util.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "agentcore.diagnostics-collectors-commandtofile.h"
+#include "agentcore.diagnostics-crashset.h"
+#include "agentcore.diagnostics-logset.h"
+#include "agentcore.diagnostics-manifest.h"
+#include "agentcore.diagnostics-toolset.h"
+#include "shared.util-functions.h"
+#include "shared.util-handle.h"
+#include "test-support.h"
+
+namespace AgentCore::Diagnostics {
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr std::size_t floodSize = std::size_t{100} << 20U;
+
+std::wstring Flood() {
+    return L'"' + TestSupport::ChildProgram().native() + L"\" bytes " + std::to_wstring(floodSize);
+}
+
+/// Whatever a collector meets, the run ends with an archive that opens and a manifest that says what happened.
+class HostileInput : public testing::Test {
+protected:
+    HostileInput() { zip_.Open(); }
+
+    std::vector<CollectorStatus> Run(const std::vector<CollectorRow>& rows) {
+        std::vector<CollectorStatus> statuses = RunSet(rows, zip_);
+        WriteManifest(statuses, zip_);
+        zip_.Close();
+        zip_.Open();
+        manifest_.Clear();
+        EXPECT_TRUE(google::protobuf::util::JsonStringToMessage(Text("manifest.json"), &manifest_).ok());
+        EXPECT_EQ(manifest_.diagnostics_size(), static_cast<int>(rows.size()));
+        return statuses;
+    }
+
+    std::string Text(const std::string& entryName) const {
+        for (const libzippp::ZipEntry& entry : zip_.Entries()) {
+            if (entry.getName() == entryName) {
+                return entry.readAsText();
+            }
+        }
+        return {};
+    }
+
+    TestSupport::WorkingFolder working_;
+    TestSupport::TemporaryFolder machine_;
+    TestSupport::ThrowAwayHive hive_;
+    TestSupport::CapturedLog log_;
+    Shared::FileZip::ZipArchiveWrapper zip_{machine_ / L"out.zip"};
+    ::Diagnostics::DiagnosticResponse manifest_;
+};
+
+TEST_F(HostileInput, AFloodOfAnyBytesIsArchivedWhole) {
+    Run({{.type = sampleType,
+          .name = "flood",
+          .origin = {},
+          .collectors = {AsRun<Collectors::Cmd::CommandToFile<&Flood, "Flood.txt", sampleType>>()}}});
+    EXPECT_TRUE(manifest_.diagnostics(0).success());
+    const std::string text = Text("DIAGNOSTIC_TYPE_SAMPLE_ALL_0/Flood.txt");
+    const std::size_t start = text.find("Output:\r\n") + 9;
+    ASSERT_EQ(text.size() - start, floodSize + 2);
+    for (std::size_t index = 0; index < floodSize; index += 9973) {
+        ASSERT_EQ(static_cast<unsigned char>(text[start + index]), index % 251);
+    }
+}
+
+TEST_F(HostileInput, TextsOfAnyBytesComeOutAsUtf8) {
+    std::mt19937 random(99);
+    const auto bytes = [&random] {
+        static constexpr std::string_view pieces = "a\"\\\n\r\x7F\xC3\xA9\xED\xA0\x80\xF4\x90\xFF\xFE\xE2\x80\xA8</";
+        std::string text(random() % 12, '\0');
+        std::ranges::generate(
+            text, [&] { return random() % 4 == 0 ? static_cast<char>(random()) : pieces[random() % pieces.size()]; });
+        return text;
+    };
+    std::vector<CollectorRow> rows;
+    std::vector<std::vector<std::string>> messages(200);
+    for (auto& errors : messages) {
+        for (int number = 0; number < 10; ++number) {
+            errors.push_back(bytes());
+        }
+        const std::string origin = bytes();
+        rows.push_back({.type = logType,
+                        .name = errors.front(),
+                        .origin = [origin] { return origin; },
+                        .collectors = {[&errors](const fs::path&, Shared::FileZip::ZipArchiveWrapper&) {
+                            CollectorStatus status;
+                            status.errors = errors;
+                            return status;
+                        }}});
+    }
+    Run(rows);
+    for (int row = 0; row < manifest_.diagnostics_size(); ++row) {
+        for (std::size_t number = 0; number < 10; ++number) {
+            EXPECT_EQ(manifest_.diagnostics(row).errors(static_cast<int>(number)),
+                      Shared::Util::SanitiseUtf8(messages[static_cast<std::size_t>(row)][number]));
+        }
+    }
+}
+
+TEST_F(HostileInput, InstallPathsOfAnyKindEndInRows) {
+    std::mt19937 random(11);
+    static constexpr std::wstring_view units{L"\\\\:.. a\"&|\n\0/?*\xD800\xDC00\xFFFF", 19};
+    const auto expected = LogSet({}).size() + CrashReportSet({}).size() + 1;
+    for (int round = 0; round < 150; ++round) {
+        std::wstring path = round % 3 == 0 ? L"" : L"C:\\";
+        const std::size_t length = random() % (round % 10 == 0 ? 40000 : 20);
+        for (std::size_t index = 0; index < length; ++index) {
+            path += units[random() % units.size()];
+        }
+        const DWORD type = random() % 8 == 0 ? REG_MULTI_SZ : REG_SZ;
+        const std::size_t parity = random() % 2;
+        hive_.SetRaw(LR"(SOFTWARE\Velqor\OXM)", L"Path", type,
+                     {reinterpret_cast<const char*>(path.data()), path.size() * 2 - (path.empty() ? 0 : parity)});
+        std::vector<CollectorRow> rows = LogSet({});
+        for (const CollectorRow& row : CrashReportSet({})) {
+            rows.push_back(row);
+        }
+        rows.push_back(ToolSet().at(3));
+        EXPECT_THAT(Run(rows), SizeIs(expected));
+        EXPECT_TRUE(fs::is_empty(working_.Path()));
+    }
+}
+
+TEST_F(HostileInput, TwentyThousandFilesAreTenAndAMessageEach) {
+    hive_.SetString(LR"(SOFTWARE\Velqor\OXM)", L"Path", (machine_ / L"OXM").native());
+    fs::create_directory(machine_ / L"OXM");
+    TestSupport::WriteNumberedFiles(machine_ / L"OXM", 20000);
+    const ULONGLONG start = GetTickCount64();
+    const auto statuses = Run({LogSet({}).front()});
+    EXPECT_LT(GetTickCount64() - start, 10000U);
+    EXPECT_TRUE(statuses[0].success);
+    EXPECT_THAT(statuses[0].errors, SizeIs(19990));
+    EXPECT_THAT(statuses[0].errors, Each(HasSubstr("as extension copier reached copyable limit.")));
+    EXPECT_EQ(manifest_.diagnostics(0).errors_size(), 19990);
+    EXPECT_THAT(zip_.Entries(), SizeIs(1 + 10 + 1));
+}
+
+TEST_F(HostileInput, AProfileWithoutAccessCostsNoOther) {
+    const auto folder = [this](const wchar_t* user) {
+        return machine_ / user / LR"(AppData\Local\Velqor\OXM\Viewpane)";
+    };
+    TestSupport::WriteFile(folder(L"closed") / L"c.txt", "closed");
+    TestSupport::WriteFile(folder(L"open") / L"o.txt", "open");
+    // Wine's programs may read everything, except what somebody holds open for himself.
+    const Shared::Util::FileHandle held(CreateFileW(folder(L"closed").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+                                                    FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    ASSERT_TRUE(held);
+    const std::vector<fs::path> profiles{machine_ / L"closed", machine_ / L"open"};
+    std::vector<CollectorRow> rows = LogSet(profiles);
+    rows.erase(rows.begin(), rows.end() - 8);
+    const auto statuses = Run(rows);
+    EXPECT_THAT(statuses[3].errors, ElementsAre(HasSubstr("Viewpane")));
+    EXPECT_FALSE(statuses[3].success);
+    EXPECT_THAT(statuses[7].errors, IsEmpty());
+    EXPECT_TRUE(statuses[7].success);
+}
+
+}  // namespace
+
+}  // namespace AgentCore::Diagnostics
