@@ -24,11 +24,12 @@ using Shared::Util::FileHandle;
 
 // Opens what bears the name, never what a link points to; an empty handle when nothing does. While the handle is open
 // nobody can put something else under the name.
-FileHandle Open(const std::filesystem::path& path, DWORD access) {
-    FileHandle file(CreateFileW(Shared::FileSystem::LongForm(path).c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS,
-                                nullptr));
-    if (const DWORD error = GetLastError(); !file && !Shared::FileSystem::IsNotFound(error)) {
+FileHandle Open(const std::filesystem::path& path) {
+    FileHandle file(CreateFileW(Shared::FileSystem::LongForm(path).c_str(), GENERIC_READ,
+                                FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    const DWORD error = GetLastError();
+    if (!file && !Shared::FileSystem::IsNotFound(error)) {
         Shared::FileSystem::ThrowFileSystemError("exists", path, error);
     }
     return file;
