@@ -102,6 +102,10 @@ void MoveArchive(ZipArchiveWrapper& zip, const fs::path& destination) {
     const fs::path source = zip.Path();
     // Copying a file onto itself would empty it, and removing the source would lose it.
     if (!IsSameFile(source, destination)) {
+        // The archive takes the name itself, not what a link there points to.
+        if (Shared::FileSystem::LeadsElsewhere(destination)) {
+            RemoveFile(destination);
+        }
         if (CopyFileW(Shared::FileSystem::LongForm(source).c_str(), Shared::FileSystem::LongForm(destination).c_str(),
                       FALSE) == FALSE) {
             Shared::FileSystem::ThrowFileSystemError("copy_file", destination, GetLastError());

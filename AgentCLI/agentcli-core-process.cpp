@@ -15,11 +15,10 @@
 #include <string_view>
 #include <utility>
 
-#include "shared.filesystem-longpath.h"
 #include "shared.filesystem-removal.h"
+#include "shared.filesystem-status.h"
 #include "shared.system-functions.h"
 #include "shared.util-functions.h"
-#include "shared.util-handle.h"
 
 namespace AgentCLI::Core {
 
@@ -41,20 +40,6 @@ void RefuseRedirection() noexcept {
         DWORD enforce = 1;
         setPolicy(redirectionTrustPolicy, &enforce, sizeof enforce);
     }
-}
-
-// A symbolic link or a second name of some other file: writing to it would write elsewhere.
-bool LeadsElsewhere(const std::filesystem::path& path) {
-    const Shared::Util::FileHandle file(
-        CreateFileW(Shared::FileSystem::LongForm(path).c_str(), FILE_READ_ATTRIBUTES,
-                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                    FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    BY_HANDLE_FILE_INFORMATION information{};
-    if (!file || GetFileInformationByHandle(file.Get(), &information) == FALSE) {
-        return false;
-    }
-    return (information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 ||
-           ((information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 && information.nNumberOfLinks > 1);
 }
 
 }  // namespace
@@ -80,7 +65,7 @@ void PrepareProcess() noexcept {
 
 void SetUpLog() {
     for (const wchar_t* name : {L"agent-cli.log", L"agent-cli.1.log"}) {
-        if (LeadsElsewhere(name)) {
+        if (Shared::FileSystem::LeadsElsewhere(name)) {
             Shared::FileSystem::FileObjectRemover(name).Clear();
         }
     }

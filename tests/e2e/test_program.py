@@ -131,12 +131,14 @@ class Path(Case):
         other = self.scratch / "andere Größe"
         other.mkdir()
         (self.folder / "old.zip").write_bytes(b"something else")
+        os.link(self.folder / "old.zip", other / "second name.zip")
         for given, expected in (("out.zip", self.folder / "out.zip"), ("old.zip", self.folder / "old.zip"),
                                 (windows_path(other / "Müller 日本.zip"), other / "Müller 日本.zip")):
             with self.subTest(given):
                 self.assert_located(self.collect("-o", "-p", given), expected)
                 self.assertEqual(Archive(expected).types(), [(CONFIG, 4)])
                 self.assertFalse(self.zip.exists())
+        self.assertEqual((other / "second name.zip").read_bytes(), b"something else")
 
     def test_keeps_an_archive_that_is_its_own_destination(self):
         for given in ("diagnostics.zip", ".\\diagnostics.zip", "DIAGNOSTICS.ZIP", windows_path(self.zip)):

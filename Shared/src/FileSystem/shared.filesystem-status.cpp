@@ -82,6 +82,18 @@ bool IsLink(DWORD attributes, DWORD reparseTag) noexcept {
            (IsReparseTagNameSurrogate(reparseTag) || reparseTag == IO_REPARSE_TAG_RESERVED_ZERO);
 }
 
+bool LeadsElsewhere(const std::filesystem::path& path) {
+    const Util::FileHandle file(CreateFileW(
+        LongForm(path).c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+        OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    BY_HANDLE_FILE_INFORMATION information{};
+    if (!file || GetFileInformationByHandle(file.Get(), &information) == FALSE) {
+        return false;
+    }
+    return (information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 ||
+           ((information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 && information.nNumberOfLinks > 1);
+}
+
 void ThrowFileSystemError(const char* operation, const std::filesystem::path& path, DWORD code) {
     static const Win32Category category;
     // The exception's constructor converts the path strictly; a name with an unpaired surrogate must not replace the

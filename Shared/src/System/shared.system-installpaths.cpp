@@ -18,7 +18,8 @@ std::filesystem::path AppSettings::GetAoxmInstallPath() {
     text.erase(text.find_last_not_of(L'\\') + 1);
     std::filesystem::path path(text);
     // This program runs elevated in a directory of the caller's choice: nothing may be looked up, or started, there.
-    if (!path.is_absolute()) {
+    // (The standard library here does not know the network's paths for absolute.)
+    if (!path.is_absolute() && !text.starts_with(LR"(\\)")) {
         throw Exception::RuntimeException(fmt::format("The install path '{}' is not absolute.", Util::ToUtf8(path)));
     }
     return path;
