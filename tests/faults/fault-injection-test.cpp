@@ -11,7 +11,9 @@
 #include <userenv.h>
 
 #include <algorithm>
+#include <chrono>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -24,6 +26,7 @@
 #include "agentcore.diagnostics-manifest.h"
 #include "agentcore.diagnostics-sampleset.h"
 #include "agentcore.diagnostics-toolset.h"
+#include "shared.concurrency-cmdrunner.h"
 #include "shared.exception.h"
 #include "shared.util-fixedstring.h"
 #include "test-support.h"
@@ -35,6 +38,8 @@ struct Plan {
     std::string_view function;
     unsigned first;
     unsigned last;
+    /// What they return instead of their usual failure.
+    std::optional<long long> result;
 } plan;
 
 template <Shared::Util::FixedString module, Shared::Util::FixedString function, long long result, DWORD error, class F>
@@ -51,7 +56,7 @@ struct Fault<module, function, result, error, R(Args...)> {
             if constexpr (std::is_pointer_v<R>) {
                 return reinterpret_cast<R>(static_cast<INT_PTR>(result));
             } else {
-                return static_cast<R>(result);
+                return static_cast<R>(plan.result.value_or(result));
             }
         }
         static const auto real = reinterpret_cast<R(WINAPI*)(Args...)>(
@@ -141,6 +146,7 @@ namespace {
 
 using namespace AgentCore::Diagnostics;
 using Shared::FileZip::ZipArchiveWrapper;
+using std::chrono_literals::operator""s;
 
 struct Function {
     std::string_view name;
@@ -309,6 +315,14 @@ TEST_F(Machine, RunsOfAllCollectorsLeaveNoHandleOpen) {
     EXPECT_EQ(TestSupport::HandleCount(), handles);
 }
 
+TEST_F(Machine, WhatIsNoFileIsNotStartedAsTheInterpreter) {
+    const auto run = [] { return Shared::Concurrency::Execute<Shared::Concurrency::EmptyParser>(L"exit 3", 30s); };
+    EXPECT_EQ(run().exitCode, 3U);
+    plan = {.function = "GetFileAttributesW", .first = 0, .last = ~0U, .result = FILE_ATTRIBUTE_DIRECTORY};
+    EXPECT_THROW((void)run(), Shared::Exception::Win32Exception);
+    plan = {};
+}
+
 /// Whatever a faulty run lacks, its row says that something went wrong.
 void Compare(const Outcome& whole, const Outcome& faulty, bool mayDiffer) {
     for (const auto& [file, bytes] : whole.files) {
@@ -354,7 +368,8 @@ TEST_P(Faults, CostOnlyWhatTheySayAndLeaveAGoodArchive) {
         for (const auto& [first, last] :
              std::set<std::pair<unsigned, unsigned>>{{1, ~0U}, {1, 1}, {calls / 2, calls / 2}, {calls, calls}}) {
             SCOPED_TRACE(testing::Message() << function << ", calls " << first << " to " << last << " fail");
-            Compare(whole, Run(commands, {.function = function, .first = first, .last = last}), MayBeLeftOut(function));
+            Compare(whole, Run(commands, {.function = function, .first = first, .last = last, .result = {}}),
+                    MayBeLeftOut(function));
         }
     }
     EXPECT_EQ(TestSupport::HandleCount(), handles);
