@@ -54,13 +54,16 @@ struct Fault<module, function, result, error, R(Args...)> {
         if (plan.function == function.ToView() && calls >= plan.first && calls <= plan.last) {
             SetLastError(error);
             if constexpr (std::is_pointer_v<R>) {
+                // NOLINTNEXTLINE(performance-no-int-to-ptr): INVALID_HANDLE_VALUE is made in no other way
                 return reinterpret_cast<R>(static_cast<INT_PTR>(result));
             } else {
                 return static_cast<R>(plan.result.value_or(result));
             }
         }
+        // NOLINTBEGIN(bugprone-casting-through-void): the compiler warns of the direct cast
         static const auto real = reinterpret_cast<R(WINAPI*)(Args...)>(
             reinterpret_cast<void*>(GetProcAddress(LoadLibraryA(module.characters), function.characters)));
+        // NOLINTEND(bugprone-casting-through-void)
         return real(arguments...);
     }
 };
@@ -128,7 +131,8 @@ constexpr DWORD denied = ERROR_ACCESS_DENIED;
 using KnownFolderFault = FAULT_OF(shell32, SHGetKnownFolderPath, E_ACCESSDENIED, denied);
 using RandomFault = FAULT_OF(bcrypt, BCryptGenRandom, static_cast<NTSTATUS>(0xC0000001), denied);
 
-// NOLINTBEGIN(bugprone-reserved-identifier,bugprone-macro-parentheses): the linker asks for these names
+// NOLINTBEGIN(bugprone-reserved-identifier,bugprone-macro-parentheses,readability-inconsistent-declaration-parameter-name):
+// the linker asks for these names
 #define TAKE_PLACE(module, function, result, error) \
     decltype(&function) __imp_##function = &FAULT_OF(module, function, result, error)::Call;
 extern "C" {
@@ -140,13 +144,12 @@ NTSTATUS WINAPI BCryptGenRandom(BCRYPT_ALG_HANDLE algorithm, PUCHAR bytes, ULONG
     return RandomFault::Call(algorithm, bytes, size, flags);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,bugprone-macro-parentheses)
+// NOLINTEND(bugprone-reserved-identifier,bugprone-macro-parentheses,readability-inconsistent-declaration-parameter-name)
 
 namespace {
 
 using namespace AgentCore::Diagnostics;
 using Shared::FileZip::ZipArchiveWrapper;
-using std::chrono_literals::operator""s;
 
 struct Function {
     std::string_view name;
@@ -182,9 +185,9 @@ bool HasWarning(std::string_view log) {
 }
 
 /// A machine of which most rows have something to collect, under file names that are used once.
-class Machine : public testing::Test {
+class AllCollectors : public testing::Test {
 protected:
-    Machine() {
+    AllCollectors() {
         const std::wstring profiles = LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList)";
         const std::wstring velqor = LR"(SOFTWARE\Velqor\)";
         hive_.SetString(profiles, L"ProfilesDirectory", (root_ / L"Users").native());
@@ -218,7 +221,7 @@ protected:
     TestSupport::ThrowAwayHive hive_;
 };
 
-class Faults : public Machine, public testing::WithParamInterface<std::size_t> {
+class Faults : public AllCollectors, public testing::WithParamInterface<std::size_t> {
 protected:
     ~Faults() override { plan = {}; }
 
@@ -298,7 +301,7 @@ protected:
     }
 };
 
-TEST_F(Machine, RunsOfAllCollectorsLeaveNoHandleOpen) {
+TEST_F(AllCollectors, LeaveNoHandleOpen) {
     unsigned handles = TestSupport::HandleCount();
     for (const bool isFirst : {true, false}) {
         {
@@ -315,8 +318,10 @@ TEST_F(Machine, RunsOfAllCollectorsLeaveNoHandleOpen) {
     EXPECT_EQ(TestSupport::HandleCount(), handles);
 }
 
-TEST_F(Machine, WhatIsNoFileIsNotStartedAsTheInterpreter) {
-    const auto run = [] { return Shared::Concurrency::Execute<Shared::Concurrency::EmptyParser>(L"exit 3", 30s); };
+TEST_F(AllCollectors, WhatIsNoFileIsNotStartedAsTheInterpreter) {
+    const auto run = [] {
+        return Shared::Concurrency::Execute<Shared::Concurrency::EmptyParser>(L"exit 3", std::chrono::seconds(30));
+    };
     EXPECT_EQ(run().exitCode, 3U);
     plan = {.function = "GetFileAttributesW", .first = 0, .last = ~0U, .result = FILE_ATTRIBUTE_DIRECTORY};
     EXPECT_THROW((void)run(), Shared::Exception::Win32Exception);

@@ -32,8 +32,8 @@ struct FileStatus {
 /// Deduplicated, compressed and cloud-backed files are reparse points as well, and are ordinary files.
 [[nodiscard]] bool IsLink(DWORD attributes, DWORD reparseTag) noexcept;
 
-/// Whether to write under the name would write elsewhere as well: it is a link, or one of several names of a file. False
-/// when nothing has the name, or nobody can tell.
+/// Whether to write under the name would write elsewhere as well: it is a link, or one of several names of a file.
+/// False when nothing has the name, or nobody can tell.
 [[nodiscard]] bool LeadsElsewhere(const std::filesystem::path& path);
 
 /// Throws std::filesystem::filesystem_error of the operation, the path and the system's text for the Win32 code.
