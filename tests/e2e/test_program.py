@@ -56,7 +56,9 @@ class FullRun(Case):
                        r"Skipped file .*oxm\.8\.log", r"Skipped file .*oxm\.9\.log"):
             self.assertRegex(errors, wanted)
         self.assertEqual(len(archive.rows[0]["errors"]), 5)
-        self.assertIn("Collectors reported the following warnings or errors: \n", archive.text("agent-cli.log"))
+        for wanted in ("Collectors reported the following warnings or errors: \n",
+                       "The ProgramData folder path is C:\\ProgramData."):
+            self.assertIn(wanted, archive.text("agent-cli.log"))
 
     def check_files(self, archive):
         """Each archived file is byte for byte one of that name on the machine, with its time."""

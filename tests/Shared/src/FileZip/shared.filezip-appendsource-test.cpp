@@ -18,21 +18,14 @@ using TestSupport::Image;
 using TestSupport::Noise;
 using TestSupport::WriteZip;
 
-struct Releaser {
-    void operator()(ZipArchive* archive) const {
-        archive->discard();
-        ZipArchive::free(archive);
-    }
-};
-
 /// The archive over the source, or null.
-std::unique_ptr<ZipArchive, Releaser> OpenOver(AppendInPlaceSource& source, ZipArchive::OpenMode mode) {
+auto OpenOver(AppendInPlaceSource& source, ZipArchive::OpenMode mode) {
     zip_source_t* raw = source.NewSource();
-    std::unique_ptr<ZipArchive, Releaser> archive(ZipArchive::fromSource(raw, mode, mode == ZipArchive::ReadOnly));
-    if (!archive) {
+    ZipArchive* archive = ZipArchive::fromSource(raw, mode, mode == ZipArchive::ReadOnly);
+    if (archive == nullptr) {
         zip_source_free(raw);
     }
-    return archive;
+    return std::unique_ptr<ZipArchive, decltype(&ZipArchive::free)>(archive, &ZipArchive::free);
 }
 
 /// What is in an archive that needs no repair; a fault comes back as the only entry.
@@ -50,16 +43,12 @@ Contents ReadZip(const Image& image) {
 template <class Change>
 bool Edit(Disk& disk, const Change& change) {
     AppendInPlaceSource source(std::make_unique<DiskFile>(disk));
-    if (!source.Prepare()) {
-        return false;
-    }
+    EXPECT_TRUE(source.Prepare());
     const auto archive = OpenOver(source, ZipArchive::Write);
-    if (!archive) {
-        ADD_FAILURE() << "the archive cannot be opened";
-        return false;
-    }
     change(*archive);
-    return archive->close() == LIBZIPPP_OK;
+    const bool written = archive->close() == LIBZIPPP_OK;
+    archive->discard();
+    return written;
 }
 
 bool Add(Disk& disk, const std::string& name, const std::string& data) {

@@ -6,19 +6,11 @@
 #include "test-support.h"
 
 using namespace Shared::Util;
-using testing::HasSubstr;
 
 namespace {
 
-// The text of the Win32Exception that the action throws.
-template <class Action>
-std::string FailureOf(const Action& action) {
-    try {
-        (void)action();
-    } catch (const Shared::Exception::Win32Exception& error) {
-        return error.what();
-    }
-    return "nothing thrown";
+auto Fails(const char* text) {
+    return testing::ThrowsMessage<Shared::Exception::Win32Exception>(testing::HasSubstr(text));
 }
 
 }  // namespace
@@ -51,8 +43,8 @@ TEST(ConvertStringType, WhatIsInvalidFailsStrictlyAndIsReplacedLossily) {
         {L"\xDE00\xD83D", mark + mark},
     };
     for (const auto& [wide, lossy] : surrogates) {
-        EXPECT_THAT(FailureOf([&] { return ConvertStringType(std::wstring_view(wide)); }),
-                    HasSubstr(": ConvertWStringToString(): WideCharToMultiByte() [1] failed --> "));
+        EXPECT_THAT([&] { (void)ConvertStringType(std::wstring_view(wide)); },
+                    Fails(": ConvertWStringToString(): WideCharToMultiByte() [1] failed --> "));
         EXPECT_EQ(ToUtf8(wide), lossy);
     }
     const std::pair<std::string, std::string> sequences[] = {
@@ -65,18 +57,16 @@ TEST(ConvertStringType, WhatIsInvalidFailsStrictlyAndIsReplacedLossily) {
         {"caf\xE9", "caf" + mark},                                   // another code page
     };
     for (const auto& [bytes, valid] : sequences) {
-        EXPECT_THAT(FailureOf([&] { return ConvertStringType(std::string_view(bytes)); }),
-                    HasSubstr("ConvertStringToWString(): MultiByteToWideChar() [1] failed --> "));
+        EXPECT_THAT([&] { (void)ConvertStringType(std::string_view(bytes)); },
+                    Fails(": ConvertStringToWString(): MultiByteToWideChar() [1] failed --> "));
         EXPECT_EQ(SanitiseUtf8(bytes), valid);
     }
 }
 
 TEST(GetTimeAsUtcString2, FormatsAndRefuses) {
     EXPECT_EQ(GetTimeAsUtcString2({2024, 2, 4, 29, 3, 4, 5, 7}), L"2024-02-29T03:04:05.007Z");
-    EXPECT_THAT(FailureOf([] { return GetTimeAsUtcString2({2024, 13, 0, 1, 0, 0, 0, 0}); }),
-                HasSubstr(": GetDateFormatEx() failed --> "));
-    EXPECT_THAT(FailureOf([] { return GetTimeAsUtcString2({2024, 1, 1, 1, 25, 0, 0, 0}); }),
-                HasSubstr(": GetTimeFormatEx() failed --> "));
+    EXPECT_THAT([] { (void)GetTimeAsUtcString2({2024, 13, 0, 1, 0, 0, 0, 0}); }, Fails(": GetDateFormatEx() failed"));
+    EXPECT_THAT([] { (void)GetTimeAsUtcString2({2024, 1, 1, 1, 25, 0, 0, 0}); }, Fails(": GetTimeFormatEx() failed"));
 }
 
 TEST(UniqueHandle, ClosesOnceAndKeepsTheLastError) {
@@ -88,8 +78,7 @@ TEST(UniqueHandle, ClosesOnceAndKeepsTheLastError) {
         first = std::move(second);
         first.Reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
         EXPECT_EQ(TestSupport::HandleCount(), before + 1);
-        const FileHandle none;
-        EXPECT_FALSE(none);
+        EXPECT_FALSE(FileHandle());
         SetLastError(77);
     }
     EXPECT_EQ(GetLastError(), 77U);
