@@ -102,45 +102,41 @@ struct Disk {
     bool failsFromThenOn = false;
 };
 
+using Shared::FileZip::FileResult;
+
 /// A file of that disk under the source that is tested.
 class DiskFile final : public Shared::FileZip::ArchiveFile {
 public:
-    template <class T>
-    using Result = Shared::FileZip::FileResult<T>;
-
     explicit DiskFile(Disk& disk) : DiskFile(disk, disk.file) {}
     DiskFile(Disk& disk, std::optional<Image>& file) : disk_(disk), file_(file) {}
-    ~DiskFile() override {
-        if (&file_ == &disk_.sibling) {
-            file_.reset();
-        }
-    }
 
-    Result<void> Open() override { return file_ ? Result<void>() : std::unexpected<DWORD>(ERROR_FILE_NOT_FOUND); }
-    Result<void> Create() override { return file_.emplace(), Result<void>(); }
+    FileResult<void> Open() override {
+        return file_ ? FileResult<void>() : std::unexpected<DWORD>(ERROR_FILE_NOT_FOUND);
+    }
+    FileResult<void> Create() override { return file_.emplace(), FileResult<void>(); }
     void Close() noexcept override {}
-    Result<void> Remove() override { return file_.reset(), Result<void>(); }
-    [[nodiscard]] Result<std::uint64_t> Size() const override { return file_->Size(); }
-    [[nodiscard]] Result<std::size_t> Read(std::uint64_t offset, std::span<std::byte> to) const override {
+    FileResult<void> Remove() override { return file_.reset(), FileResult<void>(); }
+    [[nodiscard]] FileResult<std::uint64_t> Size() const override { return file_->Size(); }
+    [[nodiscard]] FileResult<std::size_t> Read(std::uint64_t offset, std::span<std::byte> to) const override {
         const std::string bytes = file_->Read(offset, to.size());
         std::ranges::copy(std::as_bytes(std::span(bytes)), to.begin());
         return bytes.size();
     }
-    Result<void> Write(std::uint64_t offset, std::span<const std::byte> from) override {
+    FileResult<void> Write(std::uint64_t offset, std::span<const std::byte> from) override {
         return Do({std::nullopt, offset, std::string(reinterpret_cast<const char*>(from.data()), from.size())});
     }
-    Result<void> Truncate(std::uint64_t size) override { return Do({size, 0, {}}); }
-    [[nodiscard]] Result<std::unique_ptr<ArchiveFile>> CreateSibling() override {
+    FileResult<void> Truncate(std::uint64_t size) override { return Do({size, 0, {}}); }
+    [[nodiscard]] FileResult<std::unique_ptr<ArchiveFile>> CreateSibling() override {
         disk_.sibling.emplace();
         return std::make_unique<DiskFile>(disk_, disk_.sibling);
     }
-    Result<void> ReplaceBy(ArchiveFile&) override {
+    FileResult<void> ReplaceBy(ArchiveFile&) override {
         file_ = std::exchange(disk_.sibling, std::nullopt);
         return {};
     }
 
 private:
-    Result<void> Do(Disk::Change change) {
+    FileResult<void> Do(Disk::Change change) {
         if (disk_.failing && (*disk_.failing)-- == 0) {
             change.ApplyTo(*file_, change.bytes.size() / 2);
             disk_.failing = disk_.failsFromThenOn ? std::optional<std::size_t>(0) : std::nullopt;
