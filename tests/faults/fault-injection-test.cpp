@@ -26,10 +26,10 @@
 #include "agentcore.diagnostics-manifest.h"
 #include "agentcore.diagnostics-sampleset.h"
 #include "agentcore.diagnostics-toolset.h"
+#include "diagnostics-test.h"
 #include "shared.concurrency-cmdrunner.h"
 #include "shared.exception.h"
 #include "shared.util-fixedstring.h"
-#include "test-support.h"
 
 namespace {
 
@@ -42,17 +42,24 @@ struct Plan {
     std::optional<long long> result;
 } plan;
 
-template <Shared::Util::FixedString module, Shared::Util::FixedString function, long long result, DWORD error, class F>
+void* Find(const char* function) {
+    FARPROC found = nullptr;
+    for (const char* module : {"kernel32", "advapi32", "bcrypt", "shell32", "userenv"}) {
+        found = found != nullptr ? found : GetProcAddress(LoadLibraryA(module), function);
+    }
+    return reinterpret_cast<void*>(found);  // the compiler warns of the direct cast
+}
+
+template <Shared::Util::FixedString function, long long result, class F>
 struct Fault;
-template <Shared::Util::FixedString module, Shared::Util::FixedString function, long long result, DWORD error, class R,
-          class... Args>
-struct Fault<module, function, result, error, R(Args...)> {
+template <Shared::Util::FixedString function, long long result, class R, class... Args>
+struct Fault<function, result, R(Args...)> {
     static inline unsigned calls = 0;
 
     static R WINAPI Call(Args... arguments) {
         ++calls;
         if (plan.function == function.ToView() && calls >= plan.first && calls <= plan.last) {
-            SetLastError(error);
+            SetLastError(ERROR_IO_DEVICE);
             if constexpr (std::is_pointer_v<R>) {
                 // NOLINTNEXTLINE(performance-no-int-to-ptr): INVALID_HANDLE_VALUE is made in no other way
                 return reinterpret_cast<R>(static_cast<INT_PTR>(result));
@@ -60,81 +67,47 @@ struct Fault<module, function, result, error, R(Args...)> {
                 return static_cast<R>(plan.result.value_or(result));
             }
         }
-        // NOLINTBEGIN(bugprone-casting-through-void): the compiler warns of the direct cast
-        static const auto real = reinterpret_cast<R(WINAPI*)(Args...)>(
-            reinterpret_cast<void*>(GetProcAddress(LoadLibraryA(module.characters), function.characters)));
-        // NOLINTEND(bugprone-casting-through-void)
+        static const auto real = reinterpret_cast<R(WINAPI*)(Args...)>(Find(function.characters));
         return real(arguments...);
     }
 };
 
-constexpr long long no = 0;
-constexpr long long invalidHandle = -1;
-constexpr DWORD denied = ERROR_ACCESS_DENIED;
-
 }  // namespace
 
-// Module, function, what it returns when it fails, and the error that it leaves.
-#define FAULTS(X)                                                               \
-    X(advapi32, RegEnumKeyExW, ERROR_NOACCESS, denied)                          \
-    X(advapi32, RegEnumValueW, ERROR_NOACCESS, denied)                          \
-    X(advapi32, RegGetValueW, ERROR_NOACCESS, denied)                           \
-    X(advapi32, RegOpenKeyExW, ERROR_ACCESS_DENIED, denied)                     \
-    X(advapi32, RegQueryInfoKeyW, ERROR_NOACCESS, denied)                       \
-    X(advapi32, RegQueryValueExW, ERROR_KEY_DELETED, denied)                    \
-    X(kernel32, CompareStringOrdinal, no, ERROR_INVALID_PARAMETER)              \
-    X(kernel32, CreateEventW, no, ERROR_NO_SYSTEM_RESOURCES)                    \
-    X(kernel32, CreateFileW, invalidHandle, denied)                             \
-    X(kernel32, CreateJobObjectW, no, ERROR_NO_SYSTEM_RESOURCES)                \
-    X(kernel32, CreateNamedPipeW, invalidHandle, ERROR_PIPE_BUSY)               \
-    X(kernel32, CreatePipe, no, ERROR_NO_SYSTEM_RESOURCES)                      \
-    X(kernel32, CreateProcessW, no, ERROR_NOT_ENOUGH_MEMORY)                    \
-    X(kernel32, DeleteFileW, no, denied)                                        \
-    X(kernel32, FileTimeToSystemTime, no, ERROR_INVALID_PARAMETER)              \
-    X(kernel32, FindFirstFileExW, invalidHandle, denied)                        \
-    X(kernel32, FindNextFileW, no, ERROR_FILE_CORRUPT)                          \
-    X(kernel32, GetBinaryTypeW, no, denied)                                     \
-    X(kernel32, GetDateFormatEx, no, ERROR_INVALID_PARAMETER)                   \
-    X(kernel32, GetExitCodeProcess, no, denied)                                 \
-    X(kernel32, GetFileAttributesExW, no, denied)                               \
-    X(kernel32, GetFileAttributesW, -1, denied)                                 \
-    X(kernel32, GetFileInformationByHandle, no, ERROR_IO_DEVICE)                \
-    X(kernel32, GetFileInformationByHandleEx, no, ERROR_IO_DEVICE)              \
-    X(kernel32, GetFileSizeEx, no, ERROR_IO_DEVICE)                             \
-    X(kernel32, GetFileType, no, ERROR_IO_DEVICE)                               \
-    X(kernel32, GetFinalPathNameByHandleW, no, ERROR_IO_DEVICE)                 \
-    X(kernel32, GetFullPathNameW, no, ERROR_NOT_ENOUGH_MEMORY)                  \
-    X(kernel32, GetOverlappedResult, no, ERROR_IO_DEVICE)                       \
-    X(kernel32, GetTimeFormatEx, no, ERROR_INVALID_PARAMETER)                   \
-    X(kernel32, GetWindowsDirectoryW, no, denied)                               \
-    X(kernel32, InitializeProcThreadAttributeList, no, ERROR_NOT_ENOUGH_MEMORY) \
-    X(kernel32, IsProcessInJob, no, denied)                                     \
-    X(kernel32, MultiByteToWideChar, no, ERROR_NO_UNICODE_TRANSLATION)          \
-    X(kernel32, QueryInformationJobObject, no, denied)                          \
-    X(kernel32, ReadFile, no, ERROR_CRC)                                        \
-    X(kernel32, ResetEvent, no, ERROR_INVALID_HANDLE)                           \
-    X(kernel32, SetFileInformationByHandle, no, ERROR_DISK_FULL)                \
-    X(kernel32, SetHandleInformation, no, ERROR_INVALID_HANDLE)                 \
-    X(kernel32, SetInformationJobObject, no, denied)                            \
-    X(kernel32, TerminateJobObject, no, denied)                                 \
-    X(kernel32, TerminateProcess, no, denied)                                   \
-    X(kernel32, UpdateProcThreadAttribute, no, ERROR_NOT_ENOUGH_MEMORY)         \
-    X(kernel32, WaitForSingleObject, WAIT_FAILED, denied)                       \
-    X(kernel32, WaitForSingleObjectEx, WAIT_FAILED, denied)                     \
-    X(kernel32, WideCharToMultiByte, no, ERROR_NO_UNICODE_TRANSLATION)          \
-    X(kernel32, WriteFile, no, ERROR_DISK_FULL)                                 \
-    X(userenv, GetProfilesDirectoryW, no, denied)
+// EACH(X, result, names...) is X(name, result) for each of up to 64 names.
+#define RESCAN_1(...) __VA_ARGS__
+#define RESCAN_4(...) RESCAN_1(RESCAN_1(RESCAN_1(RESCAN_1(__VA_ARGS__))))
+#define RESCAN_16(...) RESCAN_4(RESCAN_4(RESCAN_4(RESCAN_4(__VA_ARGS__))))
+#define RESCAN(...) RESCAN_16(RESCAN_16(RESCAN_16(RESCAN_16(__VA_ARGS__))))
+#define NOTHING
+#define EACH_AGAIN() EACH_STEP
+#define EACH_STEP(X, result, name, ...) X(name, result) __VA_OPT__(EACH_AGAIN NOTHING()(X, result, __VA_ARGS__))
+#define EACH(...) RESCAN(EACH_STEP(__VA_ARGS__))
 
-#define FAULT_OF(module, function, result, error) Fault<#module, #function, result, error, decltype(function)>
+// What each function returns when it fails.
+#define FAULTS(X)                                                                                                    \
+    EACH(X, ERROR_NOACCESS, RegEnumKeyExW, RegEnumValueW, RegGetValueW, RegOpenKeyExW, RegQueryInfoKeyW,             \
+         RegQueryValueExW)                                                                                           \
+    EACH(X, -1, CreateFileW, CreateNamedPipeW, FindFirstFileExW, GetFileAttributesW, WaitForSingleObject,            \
+         WaitForSingleObjectEx)                                                                                      \
+    EACH(X, 0, CompareStringOrdinal, CreateEventW, CreateJobObjectW, CreatePipe, CreateProcessW, DeleteFileW,        \
+         FileTimeToSystemTime, FindNextFileW, GetBinaryTypeW, GetDateFormatEx, GetExitCodeProcess,                   \
+         GetFileAttributesExW, GetFileInformationByHandle, GetFileInformationByHandleEx, GetFileSizeEx, GetFileType, \
+         GetFinalPathNameByHandleW, GetFullPathNameW, GetOverlappedResult, GetProfilesDirectoryW, GetTimeFormatEx,   \
+         GetWindowsDirectoryW, InitializeProcThreadAttributeList, IsProcessInJob, MultiByteToWideChar,               \
+         QueryInformationJobObject, ReadFile, ResetEvent, SetFileInformationByHandle, SetHandleInformation,          \
+         SetInformationJobObject, TerminateJobObject, TerminateProcess, UpdateProcThreadAttribute,                   \
+         WideCharToMultiByte, WriteFile)
+
+#define FAULT_OF(function, result) Fault<#function, result, decltype(function)>
 
 // These are declared as if they were in the program.
-using KnownFolderFault = FAULT_OF(shell32, SHGetKnownFolderPath, E_ACCESSDENIED, denied);
-using RandomFault = FAULT_OF(bcrypt, BCryptGenRandom, static_cast<NTSTATUS>(0xC0000001), denied);
+using KnownFolderFault = FAULT_OF(SHGetKnownFolderPath, E_ACCESSDENIED);
+using RandomFault = FAULT_OF(BCryptGenRandom, static_cast<NTSTATUS>(0xC0000001));
 
 // NOLINTBEGIN(bugprone-reserved-identifier,bugprone-macro-parentheses,readability-inconsistent-declaration-parameter-name):
 // the linker asks for these names
-#define TAKE_PLACE(module, function, result, error) \
-    decltype(&function) __imp_##function = &FAULT_OF(module, function, result, error)::Call;
+#define TAKE_PLACE(function, result) decltype(&function) __imp_##function = &FAULT_OF(function, result)::Call;
 extern "C" {
 FAULTS(TAKE_PLACE)
 HRESULT WINAPI SHGetKnownFolderPath(const GUID& id, DWORD flags, HANDLE token, PWSTR* path) {
@@ -149,13 +122,12 @@ NTSTATUS WINAPI BCryptGenRandom(BCRYPT_ALG_HANDLE algorithm, PUCHAR bytes, ULONG
 namespace {
 
 using namespace AgentCore::Diagnostics;
-using Shared::FileZip::ZipArchiveWrapper;
 
 struct Function {
     std::string_view name;
     unsigned& calls;
 };
-#define ROW(module, function, result, error) {#function, FAULT_OF(module, function, result, error)::calls},
+#define ROW(function, result) {#function, FAULT_OF(function, result)::calls},
 const Function functions[] = {
     FAULTS(ROW){"SHGetKnownFolderPath", KnownFolderFault::calls},
     {"BCryptGenRandom", RandomFault::calls},
@@ -163,18 +135,18 @@ const Function functions[] = {
 
 /// What a run has collected.
 struct Outcome {
+    struct File {
+        std::string folder, bytes;
+    };
     struct Row {
-        std::string name;
+        std::string name, folder;
         bool success;
         /// Whether the messages or the log say that something went wrong.
         bool saysWhy;
-        /// What the manifest names as its folder.
-        std::string folder;
     };
     std::vector<Row> rows;
     /// By name, without the folder.
-    std::map<std::string, std::string> files;
-    std::map<std::string, std::string> folders;
+    std::map<std::string, File> files;
     std::string log;
     /// How often each function was called.
     std::map<std::string_view, unsigned> calls;
@@ -184,22 +156,22 @@ bool HasWarning(std::string_view log) {
     return log.contains("[warning]") || log.contains("[error]");
 }
 
-/// A machine of which most rows have something to collect, under file names that are used once.
-class AllCollectors : public testing::Test {
+/// On a machine of which most rows have something to collect, under file names that are used once.
+class Faults : public TestSupport::DiagnosticsTest, public testing::WithParamInterface<std::size_t> {
 protected:
-    AllCollectors() {
+    Faults() {
         const std::wstring profiles = LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList)";
         const std::wstring velqor = LR"(SOFTWARE\Velqor\)";
-        hive_.SetString(profiles, L"ProfilesDirectory", (root_ / L"Users").native());
-        hive_.SetString(profiles, L"ProgramData", (root_ / L"ProgramData").native());
-        hive_.SetString(velqor + L"OXM", L"Path", (root_ / LR"(Velqor\OXM\)").native());
-        hive_.SetDword(velqor + LR"(OXM\Config)", L"n", 1);
-        hive_.SetDword(velqor + L"Lumora Access Agent", L"n", 2);
-        hive_.SetDword(velqor + LR"(Lumora Access Agent\sub)", L"n", 3);
+        hive_.SetString(profiles, L"ProfilesDirectory", (machine_ / L"Users").native());
+        hive_.SetString(profiles, L"ProgramData", (machine_ / L"ProgramData").native());
+        hive_.SetString(velqor + L"OXM", L"Path", (machine_ / LR"(Velqor\OXM\)").native());
+        for (const wchar_t* key :
+             {LR"(OXM\Config)", LR"(Lumora Access Agent)", LR"(Lumora Access Agent\sub)", LR"(Portavo\Settings)"}) {
+            hive_.SetDword(velqor + key, L"n", 1);
+        }
         hive_.SetRaw(velqor + LR"(Portavo\VqPVS)", L"PreferredIP", REG_DWORD, "\x0A\x01\xFE\x63");
         hive_.SetString(velqor + L"Portavo", L"wrap-cp-guid", L"{guid}");
         hive_.SetDword(velqor + LR"(Portavo\VqSetup)", L"Prelogon", 1);
-        hive_.SetDword(velqor + LR"(Portavo\Settings)", L"n", 4);
         hive_.CreateKey(LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\Authentication\Credential Provider Filters\{1})");
         hive_.SetRaw(LR"(SYSTEM\CurrentControlSet\services\Tcpip\Linkage)", L"Bind", REG_MULTI_SZ,
                      {"\\\0D\0\0\0\0\0", 8});
@@ -210,19 +182,12 @@ protected:
               LR"(Users\bob\AppData\Local\Velqor\OXM\Viewpane\v.txt)",
               LR"(Users\bob\AppData\Local\Velqor\Portavo\VqPVA.log)",
               LR"(Users\bob\AppData\Local\Velqor\Portavo\VqPVA.dmp)"}) {
-            TestSupport::WriteFile(root_ / file, "bytes");
+            TestSupport::WriteFile(machine_ / file, "bytes");
         }
-        const auto tool = root_ / LR"(Velqor\Lumora Access Agent\lacli.exe)";
+        const auto tool = machine_ / LR"(Velqor\Lumora Access Agent\lacli.exe)";
         std::filesystem::create_directories(tool.parent_path());
         std::filesystem::copy_file(TestSupport::ChildProgram(), tool);
     }
-    TestSupport::WorkingFolder working_;
-    TestSupport::TemporaryFolder root_;
-    TestSupport::ThrowAwayHive hive_;
-};
-
-class Faults : public AllCollectors, public testing::WithParamInterface<std::size_t> {
-protected:
     ~Faults() override { plan = {}; }
 
     static std::vector<CollectorRow> Rows(bool withCommands) {
@@ -245,7 +210,7 @@ protected:
     Outcome Run(bool withCommands, const Plan& failing) {
         Outcome outcome;
         const TestSupport::CapturedLog log;
-        ZipArchiveWrapper zip(root_ / L"out.zip", 0, true);
+        Shared::FileZip::ZipArchiveWrapper zip(machine_ / L"faulty.zip", 0, true);
         zip.Open();
         std::vector<CollectorStatus> statuses;
         std::vector<CollectorRow> rows;
@@ -265,9 +230,9 @@ protected:
             const std::size_t before = log.Text().size();
             const CollectorStatus& status = statuses.emplace_back(RunRow(row, zip));
             outcome.rows.push_back({.name = row.name,
+                                    .folder = status.diagnostic.archive_path(),
                                     .success = status.success,
-                                    .saysWhy = !status.errors.empty() || HasWarning(log.Text().substr(before)),
-                                    .folder = status.diagnostic.archive_path()});
+                                    .saysWhy = !status.errors.empty() || HasWarning(log.Text().substr(before))});
         }
         try {
             WriteManifest(statuses, zip);
@@ -291,8 +256,8 @@ protected:
                 EXPECT_TRUE(google::protobuf::util::JsonStringToMessage(bytes, &manifest).ok());
             } else if (entry.isFile()) {
                 const std::size_t slash = entry.getName().find('/');
-                outcome.folders[entry.getName().substr(slash + 1)] = entry.getName().substr(0, slash);
-                outcome.files[entry.getName().substr(slash + 1)] = bytes;
+                outcome.files[entry.getName().substr(slash + 1)] = {.folder = entry.getName().substr(0, slash),
+                                                                    .bytes = bytes};
             }
         }
         EXPECT_EQ(manifest.diagnostics_size(), static_cast<int>(statuses.size()));
@@ -301,24 +266,7 @@ protected:
     }
 };
 
-TEST_F(AllCollectors, LeaveNoHandleOpen) {
-    unsigned handles = TestSupport::HandleCount();
-    for (const bool isFirst : {true, false}) {
-        {
-            const TestSupport::CapturedLog log;
-            ZipArchiveWrapper zip(root_ / L"out.zip", 0, true);
-            zip.Open();
-            for (const auto& set : {LogSet(), ConfigurationSet(), SampleSet(), ToolSet(), CrashReportSet()}) {
-                WriteManifest(RunSet(set, zip), zip);
-            }
-        }
-        // What is opened once for good is opened by the first run.
-        handles = isFirst ? TestSupport::HandleCount() : handles;
-    }
-    EXPECT_EQ(TestSupport::HandleCount(), handles);
-}
-
-TEST_F(AllCollectors, WhatIsNoFileIsNotStartedAsTheInterpreter) {
+TEST(Interpreter, IsNotStartedWhereItIsNoFile) {
     const auto run = [] {
         return Shared::Concurrency::Execute<Shared::Concurrency::EmptyParser>(L"exit 3", std::chrono::seconds(30));
     };
@@ -330,20 +278,20 @@ TEST_F(AllCollectors, WhatIsNoFileIsNotStartedAsTheInterpreter) {
 
 /// Whatever a faulty run lacks, its row says that something went wrong.
 void Compare(const Outcome& whole, const Outcome& faulty, bool mayDiffer) {
-    for (const auto& [file, bytes] : whole.files) {
-        const auto found = faulty.files.find(file);
-        if (found != faulty.files.end() && (found->second == bytes || mayDiffer)) {
+    for (const auto& [name, file] : whole.files) {
+        const auto found = faulty.files.find(name);
+        if (found != faulty.files.end() && (found->second.bytes == file.bytes || mayDiffer)) {
             continue;
         }
         const auto owner = std::ranges::find_if(
-            whole.rows, [&](const Outcome::Row& row) { return row.success && row.folder == whole.folders.at(file); });
+            whole.rows, [&file](const Outcome::Row& row) { return row.success && row.folder == file.folder; });
         const auto row = std::ranges::find(faulty.rows, owner->name, &Outcome::Row::name);
         // Without the users' folders there are no rows for them.
-        EXPECT_TRUE(row == faulty.rows.end() ? HasWarning(faulty.log) : row->saysWhy) << file << '\n' << faulty.log;
+        EXPECT_TRUE(row == faulty.rows.end() ? HasWarning(faulty.log) : row->saysWhy) << name << '\n' << faulty.log;
     }
     for (const Outcome::Row& row : faulty.rows) {
-        EXPECT_TRUE(!row.success || std::ranges::any_of(faulty.folders, [&row](const auto& file) {
-            return file.second == row.folder;
+        EXPECT_TRUE(!row.success || std::ranges::any_of(faulty.files, [&row](const auto& file) {
+            return file.second.folder == row.folder;
         })) << row.name;
     }
 }

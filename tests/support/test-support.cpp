@@ -1,11 +1,9 @@
 #include "test-support.h"
 
 #include <spdlog/sinks/ostream_sink.h>
-#include <spdlog/spdlog.h>
 
 #include <atomic>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -23,22 +21,15 @@ void Check(LSTATUS status, const char* what) {
     }
 }
 
-using UnixFileName = char*(CDECL*)(const wchar_t*);
-
-UnixFileName WineUnixFileName() {
-    return reinterpret_cast<UnixFileName>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
-}
+/// Null on Windows itself.
+const auto WineUnixFileName = reinterpret_cast<char*(CDECL*)(const wchar_t*)>(
+    reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
 
 std::wstring HostArgument(const std::filesystem::path& path) {
-    char* const name = WineUnixFileName()(path.c_str());
+    char* const name = WineUnixFileName(path.c_str());
     const std::wstring argument = L" \"" + Shared::Util::ConvertStringType(std::string_view(name)) + L'"';
     HeapFree(GetProcessHeap(), 0, name);
     return argument;
-}
-
-bool Exists(const std::filesystem::path& path) {
-    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 // A host program is no process to Wine: what it does is waited for.
@@ -51,7 +42,8 @@ void RunOnHost(std::wstring commandLine, const std::filesystem::path& path, bool
         CloseHandle(process.hThread);
         CloseHandle(process.hProcess);
     }
-    for (int attempt = 0; attempt < 500 && Exists(path) != shallExist; ++attempt) {
+    for (int attempt = 0; attempt < 500 && (GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) != shallExist;
+         ++attempt) {
         Sleep(10);
     }
 }
@@ -74,7 +66,7 @@ TemporaryFolder::~TemporaryFolder() {
 }
 
 WorkingFolder::WorkingFolder() : before_(std::filesystem::current_path()) {
-    std::filesystem::current_path(folder_.Path());
+    std::filesystem::current_path(Path());
 }
 
 WorkingFolder::~WorkingFolder() {
@@ -83,8 +75,7 @@ WorkingFolder::~WorkingFolder() {
 }
 
 ThrowAwayHive::ThrowAwayHive() : name_(L"Software\\" + UniqueName()) {
-    Check(RegCreateKeyExW(HKEY_CURRENT_USER, name_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &hive_, nullptr),
-          "RegCreateKeyExW");
+    Check(RegCreateKeyW(HKEY_CURRENT_USER, name_.c_str(), &hive_), "RegCreateKeyW");
     Check(RegOverridePredefKey(HKEY_LOCAL_MACHINE, hive_), "RegOverridePredefKey");
 }
 
@@ -96,13 +87,8 @@ ThrowAwayHive::~ThrowAwayHive() {
 
 void ThrowAwayHive::SetRaw(const std::wstring& key, const std::wstring& name, DWORD type,
                            std::string_view bytes) const {
-    HKEY handle = nullptr;
-    Check(RegCreateKeyExW(hive_, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &handle, nullptr),
-          "RegCreateKeyExW");
-    const LSTATUS status = RegSetValueExW(handle, name.c_str(), 0, type, reinterpret_cast<const BYTE*>(bytes.data()),
-                                          static_cast<DWORD>(bytes.size()));
-    RegCloseKey(handle);
-    Check(status, "RegSetValueExW");
+    Check(RegSetKeyValueW(hive_, key.c_str(), name.c_str(), type, bytes.data(), static_cast<DWORD>(bytes.size())),
+          "RegSetKeyValueW");
 }
 
 void ThrowAwayHive::SetString(const std::wstring& key, const std::wstring& name, const std::wstring& text) const {
@@ -115,29 +101,17 @@ void ThrowAwayHive::SetDword(const std::wstring& key, const std::wstring& name, 
 
 void ThrowAwayHive::CreateKey(const std::wstring& key) const {
     HKEY handle = nullptr;
-    Check(RegCreateKeyExW(hive_, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &handle, nullptr),
-          "RegCreateKeyExW");
+    Check(RegCreateKeyW(hive_, key.c_str(), &handle), "RegCreateKeyW");
     RegCloseKey(handle);
 }
 
-struct CapturedLog::State {
-    std::ostringstream text;
-    std::shared_ptr<spdlog::logger> before;
-};
-
-CapturedLog::CapturedLog() : state_(new State) {
-    state_->before = spdlog::default_logger();
-    auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(state_->text, true);
+CapturedLog::CapturedLog() : before_(spdlog::default_logger()) {
+    auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(text_, true);
     spdlog::set_default_logger(std::make_shared<spdlog::logger>("captured", std::move(sink)));
 }
 
 CapturedLog::~CapturedLog() {
-    spdlog::set_default_logger(state_->before);
-    delete state_;
-}
-
-std::string CapturedLog::Text() const {
-    return state_->text.str();
+    spdlog::set_default_logger(before_);
 }
 
 void WriteFile(const std::filesystem::path& path, std::string_view bytes) {
@@ -157,14 +131,9 @@ std::string ReadFile(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-void WriteEmptyFile(const std::filesystem::path& path, std::uint64_t size) {
-    WriteFile(path, "");
-    std::filesystem::resize_file(path, size);
-}
-
 void WriteNumberedFiles(const std::filesystem::path& folder, int count) {
     const std::wstring last = L"a." + std::to_wstring(count) + L".log";
-    if (WineUnixFileName() != nullptr) {
+    if (WineUnixFileName != nullptr) {
         RunOnHost(LR"(Z:\bin\sh -c "seq -f \"$0/a.%g.log\" )" + std::to_wstring(count) + L" | xargs touch\"" +
                       HostArgument(folder),
                   folder / last, true);
@@ -176,24 +145,20 @@ void WriteNumberedFiles(const std::filesystem::path& folder, int count) {
 }
 
 SymbolicLink::SymbolicLink(const std::filesystem::path& target, const std::filesystem::path& link) : link_(link) {
-    if (WineUnixFileName() != nullptr) {
+    if (WineUnixFileName != nullptr) {
         RunOnHost(LR"(Z:\bin\ln -s)" + HostArgument(target) + HostArgument(link), link, true);
     } else {
         CreateSymbolicLinkW(link.c_str(), target.c_str(),
                             std::filesystem::is_directory(target) ? SYMBOLIC_LINK_FLAG_DIRECTORY : 0);
     }
-    if (!Exists(link)) {
+    if (GetFileAttributesW(link.c_str()) == INVALID_FILE_ATTRIBUTES) {
         throw std::runtime_error("cannot make a test's symbolic link");
     }
 }
 
 SymbolicLink::~SymbolicLink() {
-    if (WineUnixFileName() != nullptr) {
+    if (WineUnixFileName != nullptr) {
         RunOnHost(LR"(Z:\bin\rm)" + HostArgument(link_), link_, false);
-    } else if (std::filesystem::is_directory(link_)) {
-        RemoveDirectoryW(link_.c_str());
-    } else {
-        DeleteFileW(link_.c_str());
     }
 }
 

@@ -2,8 +2,12 @@
 
 #include <windows.h>
 
+#include <spdlog/spdlog.h>
+
 #include <cstdint>
 #include <filesystem>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -25,16 +29,12 @@ private:
 };
 
 /// A temporary folder that is also the process's current directory while the object lives.
-class WorkingFolder {
+class WorkingFolder : public TemporaryFolder {
 public:
     WorkingFolder();
-    WorkingFolder(const WorkingFolder&) = delete;
-    WorkingFolder& operator=(const WorkingFolder&) = delete;
     ~WorkingFolder();
-    [[nodiscard]] const std::filesystem::path& Path() const { return folder_.Path(); }
 
 private:
-    TemporaryFolder folder_;
     std::filesystem::path before_;
 };
 
@@ -61,27 +61,22 @@ private:
 class CapturedLog {
 public:
     CapturedLog();
-    CapturedLog(const CapturedLog&) = delete;
-    CapturedLog& operator=(const CapturedLog&) = delete;
     ~CapturedLog();
-    [[nodiscard]] std::string Text() const;
+    [[nodiscard]] std::string Text() const { return text_.str(); }
 
 private:
-    struct State;
-    State* state_;
+    std::ostringstream text_;
+    std::shared_ptr<spdlog::logger> before_;
 };
 
 void WriteFile(const std::filesystem::path& path, std::string_view bytes);
 [[nodiscard]] std::string ReadFile(const std::filesystem::path& path);
 
-/// Makes a file of that many bytes that takes no room on the disk.
-void WriteEmptyFile(const std::filesystem::path& path, std::uint64_t size);
-
 /// Makes empty files "a.1.log", "a.2.log", ... in an existing folder. (For Wine to make one takes as long as the folder
 /// is large; its host makes them.)
 void WriteNumberedFiles(const std::filesystem::path& folder, int count);
 
-/// A symbolic link to a file or folder while the object lives. Wine makes none, but shows those of its host: there the
+/// A symbolic link to a file or folder, in a TemporaryFolder. Wine makes none, but shows those of its host: there the
 /// host's own programs make and remove it.
 class SymbolicLink {
 public:

@@ -8,21 +8,14 @@
 #include "agentcore.diagnostics-collectors-pvregistryvalues.h"
 #include "agentcore.diagnostics-collectors-tcpbind.h"
 #include "agentcore.diagnostics-configurationset.h"
+#include "diagnostics-test.h"
 #include "shared.util-functions.h"
-#include "test-support.h"
 
 namespace AgentCore::Diagnostics::Collectors::Registry {
 namespace {
 
 using std::string_literals::operator""s;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::MatchesRegex;
-using testing::StartsWith;
-
-using Oxm = AoxmRegistryKey<"registry-oxm.txt", L"SOFTWARE\\Velqor\\OXM", 4>;
-using Lumora = LumoraAccessAgentRegistryKey<4>;
+using namespace testing;
 
 const std::wstring oxm = L"SOFTWARE\\Velqor\\OXM";
 const std::wstring lumora = L"SOFTWARE\\Velqor\\Lumora Access Agent";
@@ -35,30 +28,22 @@ std::string Raw(std::wstring_view text) {
     return {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)};
 }
 
-class RegistryCollectors : public testing::Test {
+class RegistryCollectors : public TestSupport::DiagnosticsTest {
 protected:
-    RegistryCollectors() { zip_.Open(); }
-
     /// The text that a collector archives under the name, or nothing; whatever happens, no file stays behind.
     template <class T>
     std::optional<std::string> Collect(const std::string& name) {
         const std::string folder = "folder" + std::to_string(++runs_);
         status_ = T().Collect(Shared::Util::PathFromUtf8(folder), zip_);
-        EXPECT_FALSE(std::filesystem::exists(folder_.Path() / name));
+        EXPECT_TRUE(std::filesystem::is_empty(working_.Path()));
         EXPECT_EQ(status_.success, status_.errors.empty());
-        for (const auto& entry : zip_.Entries()) {
-            if (entry.getName() == folder + "/" + name) {
-                return entry.readAsText();
-            }
-        }
-        return std::nullopt;
+        return Text(folder + "/" + name);
     }
+    auto CollectOxm() { return Collect<AoxmRegistryKey<"oxm.txt", L"SOFTWARE\\Velqor\\OXM", 4>>("oxm.txt"); }
+    auto CollectLumora() { return Collect<LumoraAccessAgentRegistryKey<4>>("lumora-access-agent.txt"); }
+    auto CollectReport() { return Collect<PVRegistryValues<4>>("regval.txt"); }
+    auto CollectBindings() { return Collect<TcpBind<3>>("TcpipBind.txt"); }
 
-    TestSupport::WorkingFolder folder_;
-    TestSupport::TemporaryFolder output_;
-    TestSupport::ThrowAwayHive hive_;
-    TestSupport::CapturedLog log_;
-    Shared::FileZip::ZipArchiveWrapper zip_{output_ / "out.zip"};
     CollectorStatus status_;
     int runs_ = 0;
 };
@@ -67,7 +52,7 @@ TEST_F(RegistryCollectors, DumpsHoldValuesAndEndAtKeysWithoutThem) {
     hive_.SetString(oxm, L"Path", L"C:\\\x00C4gent");
     hive_.SetRaw(oxm, L"Zero", REG_BINARY, "");
     hive_.SetDword(oxm + L"\\Config", L"Unseen", 1);
-    EXPECT_EQ(Collect<Oxm>("registry-oxm.txt"),
+    EXPECT_EQ(CollectOxm(),
               "Keyname: SOFTWARE\\Velqor\\OXM\r\n[String] (Default) = (value not set)\r\n"
               "[String] Path = C:\\\xC3\x84gent\r\n\r\n");
 
@@ -77,43 +62,33 @@ TEST_F(RegistryCollectors, DumpsHoldValuesAndEndAtKeysWithoutThem) {
     hive_.SetDword(lumora + L"\\b", L"n", 3);
     hive_.SetDword(lumora + L"\\c", L"n", 4);
     const std::string head = "Keyname: SOFTWARE\\Velqor\\Lumora Access Agent";
-    const std::string unset = "[String] (Default) = (value not set)\r\n";
-    EXPECT_EQ(Collect<Lumora>("lumora-access-agent.txt"),
-              head + "\r\n[String] (Default) = top\r\n[String]  = top\r\n" + head + "\\a\r\n" +  //
-                  head + "\\b\r\n" + unset + "[DWord] n = 3\r\n" +                               //
-                  head + "\\b\\y\r\n" + unset + "[DWord] n = 2\r\n" +                            //
-                  head + "\\c\r\n" + unset + "[DWord] n = 4\r\n");
+    const std::string unset = "\r\n[String] (Default) = (value not set)\r\n[DWord] n = ";
+    EXPECT_EQ(CollectLumora(), head + "\r\n[String] (Default) = top\r\n[String]  = top\r\n" + head + "\\a\r\n" + head +
+                                   "\\b" + unset + "3\r\n" + head + "\\b\\y" + unset + "2\r\n" + head + "\\c" + unset +
+                                   "4\r\n");
 }
 
 TEST_F(RegistryCollectors, WhatCannotBeHadIsOneMessage) {
-    const auto missing =
-        HasSubstr("Cannot open non-existent registry key HKEY_LOCAL_MACHINE\\SOFTWARE\\Velqor\\Lumora");
-    EXPECT_EQ(Collect<Oxm>("registry-oxm.txt"), std::nullopt);
-    EXPECT_THAT(status_.errors,
-                ElementsAre("Not dumping the AOXM registry key SOFTWARE\\Velqor\\OXM as it wasn't found."));
-    EXPECT_EQ(Collect<Lumora>("lumora-access-agent.txt"), std::nullopt);
-    EXPECT_THAT(status_.errors,
-                ElementsAre(AllOf(StartsWith("Failed exporting Lumora Access Agent key SOFTWARE\\Velqor\\Lumora Access "
-                                             "Agent: "),
-                                  missing)));
-    EXPECT_THAT(log_.Text(), AllOf(HasSubstr("Not dumping the AOXM"), HasSubstr("Failed exporting Lumora"), missing));
-    const std::string before = log_.Text();
-    EXPECT_EQ(Collect<PVRegistryValues<4>>("regval.txt"), std::nullopt);
-    EXPECT_THAT(status_.errors,
-                ElementsAre("Not dumping the Portavo key SOFTWARE\\Velqor\\Portavo as it does not exist."));
-    EXPECT_EQ(log_.Text(), before);
+    const auto expectNothing = [this](const std::optional<std::string>& text, const char* start, const char* reason) {
+        EXPECT_EQ(text, std::nullopt);
+        EXPECT_THAT(status_.errors, ElementsAre(AllOf(StartsWith(start), HasSubstr(reason))));
+    };
+    expectNothing(CollectReport(), "Not dumping the Portavo key SOFTWARE\\Velqor\\Portavo as it does not exist.", "");
+    EXPECT_EQ(log_.Text(), "");
+    expectNothing(CollectOxm(), "Not dumping the AOXM registry key SOFTWARE\\Velqor\\OXM as it wasn't found.", "");
+    expectNothing(CollectLumora(), "Failed exporting Lumora Access Agent key SOFTWARE\\Velqor\\Lumora Access Agent: ",
+                  "Cannot open non-existent registry key HKEY_LOCAL_MACHINE\\SOFTWARE\\Velqor\\Lumora");
+    EXPECT_THAT(log_.Text(), AllOf(HasSubstr("Not dumping the AOXM"), HasSubstr("Failed exporting Lumora")));
 
     hive_.SetString(oxm, L"n", L"lone \xD800 surrogate");
-    EXPECT_EQ(Collect<Oxm>("registry-oxm.txt"), std::nullopt);
-    EXPECT_THAT(status_.errors,
-                ElementsAre(AllOf(StartsWith("Failed exporting AOXM registry key SOFTWARE\\Velqor\\OXM: "),
-                                  HasSubstr("ConvertWStringToString()"))));
+    expectNothing(CollectOxm(),
+                  "Failed exporting AOXM registry key SOFTWARE\\Velqor\\OXM: ", "ConvertWStringToString()");
 }
 
 TEST_F(RegistryCollectors, DumpsTreesOfAnyShape) {
     std::wstring path = lumora;
     hive_.SetDword(path, L"n", 1);
-    (void)Collect<Lumora>("lumora-access-agent.txt");  // what is opened once and kept is open from here on
+    (void)CollectLumora();  // what is opened once and kept is open from here on
     const unsigned handles = TestSupport::HandleCount();
     for (int level = 0; level < 400; ++level) {
         hive_.SetDword(path, L"n", 1);
@@ -122,13 +97,9 @@ TEST_F(RegistryCollectors, DumpsTreesOfAnyShape) {
     for (int number = 0; number < 1500; ++number) {
         hive_.SetDword(lumora + L"\\k\\z" + std::to_wstring(number), L"n", 1);
     }
-    const std::string text = Collect<Lumora>("lumora-access-agent.txt").value_or("");
+    const std::string text = CollectLumora().value_or("");
     EXPECT_EQ(TestSupport::HandleCount(), handles);
-    std::size_t keys = 0;
-    for (std::size_t at = 0; (at = text.find("Keyname: ", at)) != std::string::npos; ++at) {
-        ++keys;
-    }
-    EXPECT_EQ(keys, 1900U);
+    EXPECT_EQ(std::ranges::count(text, ':'), 1900) << "one for each key's name";
 }
 
 TEST_F(RegistryCollectors, TheReportHasItsSectionsInOrder) {
@@ -143,7 +114,7 @@ TEST_F(RegistryCollectors, TheReportHasItsSectionsInOrder) {
     hive_.SetRaw(portavo + L"\\Settings", L"list", REG_MULTI_SZ, Raw(L"a\0b\0\0"s));
     hive_.SetRaw(portavo + L"\\Settings", L"other", REG_QWORD, "12345678");
     hive_.SetRaw(portavo + L"\\Settings", L"short", REG_DWORD, "");
-    const std::string text = Collect<PVRegistryValues<4>>("regval.txt").value_or("");
+    const std::string text = CollectReport().value_or("");
     EXPECT_THAT(text.substr(0, text.find("\r\nSettings:\r\n") + 13),
                 MatchesRegex("Credential Provider Filters:\r\n"
                              "SOFTWARE.Microsoft.*Filters.\\{1\\} \\| First \\| ..:..:.. ....-..-..\r\n"
@@ -164,12 +135,11 @@ TEST_F(RegistryCollectors, AFailingSectionCostsNoOther) {
     hive_.SetRaw(portavo + L"\\VqPVS", L"PreferredIP", REG_BINARY, std::string(16, 'x'));
     hive_.SetString(portavo + L"\\VqSetup", L"Prelogon", L"on");
     EXPECT_EQ(
-        Collect<PVRegistryValues<4>>("regval.txt"),
+        CollectReport(),
         "Credential Provider Filters:\r\n\r\nSSO cache:\r\nSSO cache is empty.\r\n\r\nPreferredIP:"
         "Failed writing out the PreferredIP value as it was unexpected size: 16.\r\nPrelogon:on\r\nSettings:\r\n");
-    for (const char* failure :
-         {"Credential Provider Filters: Exception", "CP GUID: Exception", "registry settings: Exception"}) {
-        EXPECT_THAT(log_.Text(), HasSubstr("Failed writing out "s + failure));
+    for (const char* section : {"Credential Provider Filters", "CP GUID", "registry settings"}) {
+        EXPECT_THAT(log_.Text(), HasSubstr("Failed writing out "s + section + ": Exception"));
     }
     EXPECT_THAT(log_.Text(), HasSubstr("--> Failed opening SOFTWARE\\Microsoft"));
     std::ostringstream absent;
@@ -195,27 +165,26 @@ TEST_F(RegistryCollectors, BindingsAreLinesOfANewFile) {
     };
     for (const auto& [stored, text] : cases) {
         hive_.SetRaw(linkage, L"Bind", REG_MULTI_SZ, Raw(stored));
-        TestSupport::WriteFile(folder_.Path() / "TcpipBind.txt", "left over");
-        EXPECT_EQ(Collect<TcpBind<3>>("TcpipBind.txt"), text);
+        TestSupport::WriteFile(working_ / "TcpipBind.txt", "left over");
+        EXPECT_EQ(CollectBindings(), text);
     }
-    TestSupport::WriteFile(folder_.Path() / "TcpipBind.txt" / "in the way", "");
+    TestSupport::WriteFile(working_ / "TcpipBind.txt" / "in the way", "");
     status_ = TcpBind<3>().Collect(L"other", zip_);
     EXPECT_THAT(status_.errors, ElementsAre(AllOf(StartsWith("TcpBind failed: "), HasSubstr("remove"))));
     EXPECT_THAT(log_.Text(), HasSubstr("TcpBind failed: "));
-    EXPECT_EQ(TcpBindSource(), "HKLM\\SYSTEM\\CurrentControlSet\\services\\Tcpip\\Linkage\\Bind");
 }
 
 TEST_F(RegistryCollectors, TheConfigurationSetIsInOrder) {
     std::string rows;
     for (const CollectorRow& row : ConfigurationSet()) {
-        rows += row.name + " <- " + row.origin() + "\n";
+        rows += row.origin() + " <- " + row.name + "\n";
     }
-    EXPECT_EQ(rows,
-              "HKLM\\SOFTWARE\\Velqor\\Portavo and HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Authentication\\"
-              "Credential Provider Filters <- HKLM\\SOFTWARE\\Velqor\\Portavo\n"
-              "SOFTWARE\\Velqor\\OXM <- HKLM\\SOFTWARE\\Velqor\\OXM\n"
-              "SOFTWARE\\Velqor\\OXM\\Config <- HKLM\\SOFTWARE\\Velqor\\OXM\\Config\n"
-              "SOFTWARE\\Velqor\\Lumora Access Agent <- HKLM\\SOFTWARE\\Velqor\\Lumora Access Agent\n");
+    EXPECT_EQ(rows, R"(HKLM\SOFTWARE\Velqor\Portavo <- HKLM\SOFTWARE\Velqor\Portavo and )"
+                    R"(HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\Authentication\Credential Provider Filters
+HKLM\SOFTWARE\Velqor\OXM <- SOFTWARE\Velqor\OXM
+HKLM\SOFTWARE\Velqor\OXM\Config <- SOFTWARE\Velqor\OXM\Config
+HKLM\SOFTWARE\Velqor\Lumora Access Agent <- SOFTWARE\Velqor\Lumora Access Agent
+)");
 }
 
 // Whatever the registry holds, a collector archives valid UTF-8 or says why it did not.
@@ -239,10 +208,7 @@ TEST_F(RegistryCollectors, SurviveHostileValues) {
             hive.SetRaw(keys[below(std::size(keys))], text(30), below(12), data);
         }
         hive.SetRaw(linkage, L"Bind", REG_MULTI_SZ, Raw(text(40)));
-        const std::optional<std::string> texts[] = {
-            Collect<Oxm>("registry-oxm.txt"), Collect<Lumora>("lumora-access-agent.txt"),
-            Collect<PVRegistryValues<4>>("regval.txt"), Collect<TcpBind<3>>("TcpipBind.txt")};
-        for (const auto& one : texts) {
+        for (const auto& one : {CollectOxm(), CollectLumora(), CollectReport(), CollectBindings()}) {
             if (one) {
                 ++archived;
                 EXPECT_EQ(Shared::Util::SanitiseUtf8(*one), *one);

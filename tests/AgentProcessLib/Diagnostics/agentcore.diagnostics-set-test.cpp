@@ -4,7 +4,7 @@
 
 #include "agentcore.diagnostics-manifest.h"
 #include "agentcore.diagnostics-set.h"
-#include "test-support.h"
+#include "diagnostics-test.h"
 
 namespace AgentCore::Diagnostics {
 
@@ -14,19 +14,10 @@ using Shared::FileZip::ZipArchiveWrapper;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-class SetTest : public testing::Test {
-protected:
-    SetTest() { zip_.Open(); }
-
-    TestSupport::WorkingFolder folder_;
-    TestSupport::CapturedLog log_;
-    ZipArchiveWrapper zip_{L"out.zip"};
-};
+using SetTest = TestSupport::DiagnosticsTest;
 
 TEST_F(SetTest, FoldersTakeTheFirstNumberThatNoNameContains) {
-    TestSupport::WriteFile(folder_.Path() / L"a.txt", "a");
-    const auto next = [this] { return UniqueEntryFolder(logType, zip_); };
-    EXPECT_EQ(next(), L"DIAGNOSTIC_TYPE_LOG_ALL_0");
+    TestSupport::WriteFile(working_ / L"a.txt", "a");
     const std::pair<const char*, const wchar_t*> steps[] = {
         {"DIAGNOSTIC_TYPE_CRASH_REPORT_ALL_0/a", L"DIAGNOSTIC_TYPE_LOG_ALL_0"},
         {"DIAGNOSTIC_TYPE_LOG_ALL_0/a", L"DIAGNOSTIC_TYPE_LOG_ALL_1"},
@@ -37,7 +28,7 @@ TEST_F(SetTest, FoldersTakeTheFirstNumberThatNoNameContains) {
     };
     for (const auto& [entry, folder] : steps) {
         ASSERT_TRUE(zip_.AddFile(entry, L"a.txt")) << entry;
-        EXPECT_EQ(next(), folder) << entry;
+        EXPECT_EQ(UniqueEntryFolder(logType, zip_), folder) << entry;
     }
 }
 
@@ -66,10 +57,10 @@ TEST_F(SetTest, ARowIsOneStatusAndOneManifestEntryWhateverItsCollectorsSay) {
     EXPECT_EQ(statuses[0].diagnostic.archive_path(), "DIAGNOSTIC_TYPE_SAMPLE_ALL_0");
     EXPECT_THAT(statuses[1].errors, ElementsAre("Collector second failed: unruly"));
     WriteManifest(statuses, zip_);
-    const std::string manifest = zip_.Entries().front().readAsText();
+    const std::string manifest = Text("manifest.json").value_or("");
     EXPECT_THAT(manifest, HasSubstr("\"not \xEF\xBF\xBD UTF-8\""));
     EXPECT_LT(manifest.find("first"), manifest.find("second"));
-    EXPECT_FALSE(std::filesystem::exists(L"manifest.json"));
+    EXPECT_TRUE(std::filesystem::is_empty(working_.Path()));
 }
 
 }  // namespace

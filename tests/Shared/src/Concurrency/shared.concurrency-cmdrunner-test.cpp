@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "shared.concurrency-cmdrunner.h"
+#include "shared.concurrency-event.h"
 #include "shared.concurrency-pipe.h"
 #include "shared.util-handle.h"
 #include "test-support.h"
@@ -21,6 +22,8 @@ namespace {
 using namespace testing;
 using namespace std::chrono_literals;
 using namespace Shared::Concurrency;
+using Shared::Exception::RuntimeException;
+using Shared::Exception::Win32Exception;
 
 constexpr std::chrono::milliseconds ample = 30s;
 constexpr std::chrono::milliseconds brief = 1500ms;
@@ -33,15 +36,18 @@ std::wstring ChildLine(const std::wstring& steps) {
     return fmt::format(L"\"{}\" {}", TestSupport::ChildProgram().native(), steps);
 }
 
+CmdRunStatus RunChild(const std::wstring& steps, std::chrono::milliseconds timeout) {
+    return Execute<EmptyParser>(ChildLine(steps), timeout);
+}
+
 std::string Pattern(std::size_t count) {
     std::string bytes(count, '\0');
-    std::ranges::generate(bytes, [index = std::size_t{0}]() mutable { return static_cast<char>(index++ % 251); });
+    std::ranges::generate(bytes, [index = 0]() mutable { return static_cast<char>(index++ % 251); });
     return bytes;
 }
 
 TEST(CmdRunner, EveryRunEndsWithItsCodeAndOutput) {
     struct Case {
-        const char* name;
         std::wstring command;
         std::chrono::milliseconds timeout;
         Matcher<std::uint32_t> exitCode;
@@ -49,21 +55,21 @@ TEST(CmdRunner, EveryRunEndsWithItsCodeAndOutput) {
     };
     const Matcher<std::uint32_t> terminated = AnyOf(258U, 259U);
     const Case cases[] = {
-        {"both streams", ChildLine(L"out one err two exit 7"), ample, 7U, "onetwo"},
-        {"nothing", ChildLine(L"exit 0"), ample, 0U, ""},
-        {"many chunks", ChildLine(L"bytes 100001"), ample, 0U, Pattern(100001)},
-        {"slow but steady", ChildLine(L"out a sleep 1500 out b sleep 1500 out c"), 2500ms, 0U, "abc"},
-        {"crash", ChildLine(L"out before crash"), ample, 0xC0000005U, StartsWith("before")},
-        {"stops writing", ChildLine(L"bytes 5000 sleep 60000"), brief, terminated, Pattern(5000)},
-        {"closes its output", ChildLine(L"out x close sleep 60000"), brief, terminated, "x"},
-        {"waits for input", ChildLine(L"out x read"), brief, terminated, "x"},
-        {"quoting", L"echo \"a  b\" & exit /b 5", ample, 5U, "\"a  b\" \r\n"},
-        {"missing command", L"agentcli-no-such-command", ample, Ne(0U), Not("")},
+        {ChildLine(L"out one err two exit 7"), ample, 7U, "onetwo"},
+        {ChildLine(L"exit 0"), ample, 0U, ""},
+        {ChildLine(L"bytes 100001"), ample, 0U, Pattern(100001)},
+        {ChildLine(L"out a sleep 1500 out b sleep 1500 out c"), 2500ms, 0U, "abc"},
+        {ChildLine(L"out before crash"), ample, 0xC0000005U, StartsWith("before")},
+        {ChildLine(L"bytes 5000 sleep 60000"), brief, terminated, Pattern(5000)},
+        {ChildLine(L"out x close sleep 60000"), brief, terminated, "x"},
+        {ChildLine(L"out x read"), brief, terminated, "x"},
+        {L"echo \"a  b\" & exit /b 5", ample, 5U, "\"a  b\" \r\n"},
+        {L"agentcli-no-such-command", ample, Ne(0U), Not("")},
     };
     // What is opened once, for the first command and the first exception.
-    (void)Execute<EmptyParser>(ChildLine(L"out x sleep 60000"), 10ms);
+    (void)RunChild(L"out x sleep 60000", 10ms);
     for (const Case& run : cases) {
-        SCOPED_TRACE(run.name);
+        SCOPED_TRACE(testing::PrintToString(run.command));
         const unsigned handles = TestSupport::HandleCount();
         const ULONGLONG start = GetTickCount64();
         const CmdRunStatus status = Execute<EmptyParser>(run.command, run.timeout);
@@ -76,11 +82,9 @@ TEST(CmdRunner, EveryRunEndsWithItsCodeAndOutput) {
 }
 
 TEST(CmdRunner, TerminatesAGrandchildThatOutlivesTheInterpreter) {
-    for (const auto& [steps, timeout] :
-         {std::pair(L"grandchild 60000 exit 0", brief), std::pair(L"grandchild 60000 sleep 60000", brief)}) {
-        const CmdRunStatus status = Execute<EmptyParser>(ChildLine(steps), timeout);
-        const DWORD id = std::stoul(status.output);
-        const Shared::Util::KernelHandle process(OpenProcess(SYNCHRONIZE, FALSE, id));
+    for (const wchar_t* steps : {L"grandchild 60000 exit 0", L"grandchild 60000 sleep 60000"}) {
+        const CmdRunStatus status = RunChild(steps, brief);
+        const Shared::Util::KernelHandle process(OpenProcess(SYNCHRONIZE, FALSE, std::stoul(status.output)));
         EXPECT_TRUE(!process || WaitForSingleObject(process.Get(), 0) == WAIT_OBJECT_0) << status.output;
     }
 }
@@ -93,8 +97,7 @@ TEST(CmdRunner, AFloodCostsItsSizeAFewTimes) {
         return counters.PeakWorkingSetSize;
     };
     const std::size_t before = peak();
-    const CmdRunStatus status = Execute<EmptyParser>(ChildLine(fmt::format(L"bytes {}", size)), ample);
-    EXPECT_EQ(status.output.size(), size);
+    EXPECT_EQ(RunChild(fmt::format(L"bytes {}", size), ample).output.size(), size);
     EXPECT_LT(peak() - before, 3 * size);
 }
 
@@ -105,25 +108,7 @@ TEST(CmdRunner, TheChildInheritsItsStandardHandlesAlone) {
                                                     CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
     ASSERT_TRUE(ours);
     const auto number = reinterpret_cast<std::uintptr_t>(ours.Get());
-    EXPECT_EQ(Execute<EmptyParser>(ChildLine(fmt::format(L"probe {}", number)), ample).output, "closed");
-}
-
-TEST(CmdRunner, FailuresCarryTheirTextsAndLeakNothing) {
-    EXPECT_THAT([] { (void)Execute<EmptyParser>(L"", ample); },
-                Throws<Shared::Exception::RuntimeException>(What("Please specify a cmd command.")));
-    const TestSupport::TemporaryFolder folder;
-    const auto notAProgram = folder / "tool.exe";
-    TestSupport::WriteFile(notAProgram, "no program");
-    unsigned handles = 0;
-    for (int turn = 0; turn < 3; ++turn) {
-        const Pipe in = CreateInputPipe();
-        const Pipe out = CreateOutputPipe();
-        EXPECT_THAT([&] { (void)CreateChildProcess(notAProgram, L"tool", in.read.Get(), out.write.Get()); },
-                    Throws<Shared::Exception::Win32Exception>(What("CreateProcessW() failed")));
-        // What the first failure loads stays open.
-        handles = turn == 0 ? TestSupport::HandleCount() : handles;
-        EXPECT_EQ(TestSupport::HandleCount(), handles);
-    }
+    EXPECT_EQ(RunChild(fmt::format(L"probe {}", number), ample).output, "closed");
 }
 
 TEST(ReadFromPipe, GivesWhatItHasWhenTheWriterPauses) {
@@ -133,13 +118,27 @@ TEST(ReadFromPipe, GivesWhatItHasWhenTheWriterPauses) {
     EXPECT_THAT([&] { (void)ReadFromPipe(pipe.read.Get(), 50ms); },
                 Throws<ReadTimeout>(What("CMD IO operation timed out.")));
     ASSERT_TRUE(WriteFile(pipe.write.Get(), "after", 5, &written, nullptr));
-    try {
-        (void)ReadFromPipe(pipe.read.Get(), 50ms);
-    } catch (ReadTimeout& timedOut) {
-        EXPECT_EQ(timedOut.Output(), "after") << "the cancelled read must not have taken it";
-    }
+    EXPECT_THAT([&] { (void)ReadFromPipe(pipe.read.Get(), 50ms); },
+                Throws<ReadTimeout>(ResultOf([](ReadTimeout late) { return late.Output(); }, "after")))
+        << "the cancelled read must not have taken it";
     pipe.write.Reset();
     EXPECT_EQ(ReadFromPipe(pipe.read.Get(), 50ms), "");
+}
+
+TEST(Event, SignalsUntilResetAndNamesItsFailures) {
+    Event event(L"agentcli-test-event");
+    Event same(L"agentcli-test-event");
+    EXPECT_THAT([&] { (void)event.WaitOnEvent(0, false); }, Throws<RuntimeException>(What("No Event to wait on")));
+    EXPECT_THAT([&] { event.Reset(); }, Throws<RuntimeException>(What("No Event to reset")));
+    EXPECT_THAT([&] { event.InternalCreate(true, false, L"no SDDL"); },
+                Throws<Win32Exception>(What("Failed to convert security descriptor")));
+    event.InternalCreate(true, true, L"D:P(A;;GA;;;WD)");
+    same.InternalCreate(true, false, {});
+    EXPECT_THAT([&] { same.InternalCreate(true, true, {}); },
+                Throws<Win32Exception>(What("Failed to create or open event")));
+    SetEvent(event.Handle());
+    EXPECT_TRUE(same.WaitOnEvent(0, true));
+    EXPECT_FALSE(event.WaitOnEvent(1, false));
 }
 
 }  // namespace

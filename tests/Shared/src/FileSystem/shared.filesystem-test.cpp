@@ -1,0 +1,242 @@
+#include <gmock/gmock.h>
+
+#include <set>
+#include <string>
+#include <utility>
+
+#include "shared.exception.h"
+#include "shared.filesystem-confinedfolder.h"
+#include "shared.filesystem-generatedfile.h"
+#include "shared.filesystem-longpath.h"
+#include "shared.filesystem-removal.h"
+#include "shared.filesystem-scan.h"
+#include "shared.filesystem-status.h"
+#include "shared.util-handle.h"
+#include "test-support.h"
+
+namespace Shared::FileSystem {
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace testing;
+using TestSupport::CapturedLog;
+using TestSupport::ReadFile;
+using TestSupport::SymbolicLink;
+using TestSupport::TemporaryFolder;
+using TestSupport::WriteFile;
+
+std::multiset<std::wstring> Names(const fs::path& folder, Depth depth) {
+    std::multiset<std::wstring> names;
+    EXPECT_TRUE(ForEachEntry(folder, depth, [&](const DirectoryEntry& entry) {
+                    names.insert(entry.path.native().substr(folder.native().size() + 1));
+                }).empty());
+    return names;
+}
+
+TEST(QueryStatus, FollowsLinksAndTakesLongPaths) {
+    const TemporaryFolder folder;
+    const fs::path deep = folder / std::wstring(150, L'd') / std::wstring(150, L'f');
+    CreateDirectoryW(LongForm(deep.parent_path()).c_str(), nullptr);
+    ASSERT_NE(CopyFileW(TestSupport::ChildProgram().c_str(), LongForm(deep).c_str(), TRUE), FALSE);
+    WriteFile(folder / L"target" / L"a.txt", "abc");
+    const SymbolicLink fileLink(folder / L"target" / L"a.txt", folder / L"file-link");
+    const SymbolicLink folderLink(folder / L"target", folder / L"folder-link");
+
+    EXPECT_EQ(QueryStatus(deep, "status").kind, FileKind::Regular);
+    EXPECT_EQ(QueryStatus(deep, "status").size, fs::file_size(TestSupport::ChildProgram()));
+    EXPECT_EQ(QueryStatus(folder / L"file-link", "status").size, 3U);
+    EXPECT_EQ(QueryStatus(folder / L"folder-link", "status").kind, FileKind::Directory);
+    EXPECT_EQ(QueryStatus(folder / L"none", "status").kind, FileKind::NotFound);
+    EXPECT_EQ(QueryStatus(folder / L"target" / L"a.txt" / L"below-a-file", "status").kind, FileKind::NotFound);
+}
+
+TEST(IsLink, TellsNameSurrogatesFromOrdinaryReparsePoints) {
+    constexpr DWORD reparse = FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY;
+    for (const DWORD tag : {IO_REPARSE_TAG_SYMLINK, IO_REPARSE_TAG_MOUNT_POINT, DWORD{0xA000001D} /* Linux link */}) {
+        EXPECT_TRUE(IsLink(reparse, tag));
+        EXPECT_FALSE(IsLink(FILE_ATTRIBUTE_DIRECTORY, tag));
+    }
+    for (const DWORD tag : {IO_REPARSE_TAG_DEDUP, IO_REPARSE_TAG_WOF, DWORD{0x9000601A} /* cloud */}) {
+        EXPECT_FALSE(IsLink(reparse, tag));
+    }
+}
+
+TEST(ForEachEntry, ListsTreesThatLoopAndFoldersThatGo) {
+    const TemporaryFolder folder;
+    WriteFile(folder / L"sub" / L"x.log", "");
+    WriteFile(folder / L"sub" / L"inner" / L"y.log", "");
+    WriteFile(folder / L"z.log", "");
+    const SymbolicLink loop(folder.Path(), folder / L"sub" / L"loop");
+    EXPECT_THAT(Names(folder.Path(), Depth::Folder), UnorderedElementsAre(L"sub", L"z.log"));
+    EXPECT_THAT(Names(folder.Path(), Depth::Tree),
+                UnorderedElementsAre(L"sub", L"z.log", LR"(sub\x.log)", LR"(sub\inner)", LR"(sub\inner\y.log)",
+                                     LR"(sub\loop)"));
+
+    int visited = 0;
+    EXPECT_TRUE(ForEachEntry(folder.Path(), Depth::Tree, [&](const DirectoryEntry& entry) {
+                    ++visited;
+                    if (entry.Name() == L"inner") {
+                        fs::remove_all(entry.path);
+                    }
+                }).empty());
+    EXPECT_EQ(visited, 5);
+}
+
+TEST(ForEachEntry, NamesTheOperationThatFailed) {
+    const TemporaryFolder folder;
+    WriteFile(folder / L"file", "");
+    for (const wchar_t* name : {L"none", L"file"}) {
+        EXPECT_THAT([&] { ForEachEntry(folder / name, Depth::Tree, [](const auto&) {}); },
+                    ThrowsMessage<fs::filesystem_error>(HasSubstr("directory_iterator::directory_iterator")));
+    }
+    EXPECT_THAT([] { ThrowFileSystemError("status", L"C:\\\xD800.log", ERROR_ACCESS_DENIED); },
+                ThrowsMessage<fs::filesystem_error>(ContainsRegex("status: .*C:\\\\\xEF\xBF\xBD.log")));
+}
+
+TEST(ConfinedFolder, OpensOnlyWhatLiesInTheFolder) {
+    const TemporaryFolder machine;
+    const fs::path profile = machine / L"bob";
+    WriteFile(profile / L"own" / L"a.log", "own");
+    WriteFile(machine / L"bobby" / L"a.log", "not bob's");
+    const SymbolicLink toFile(machine / L"bobby" / L"a.log", profile / L"file-link.log");
+    const SymbolicLink toFolder(machine / L"bobby", profile / L"folder-link");
+    const SymbolicLink toOwn(profile / L"own", profile / L"own-link");
+    ASSERT_NE(CreateHardLinkW((profile / L"hard.log").c_str(), (machine / L"bobby" / L"a.log").c_str(), nullptr),
+              FALSE);
+
+    const std::pair<std::wstring, FileKind> cases[] = {
+        {LR"(own\a.log)", FileKind::Regular},
+        {LR"(OWN\A.LOG)", FileKind::Regular},
+        {L"own", FileKind::Directory},
+        {LR"(own\none)", FileKind::NotFound},
+        {LR"(none\a.log)", FileKind::NotFound},
+        {L"file-link.log", FileKind::Foreign},
+        {L"folder-link", FileKind::Foreign},
+        {LR"(folder-link\a.log)", FileKind::Foreign},
+        {LR"(own-link\a.log)", FileKind::Foreign},
+        {L"hard.log", FileKind::Foreign},
+    };
+    // A profile that was moved is reached through a link, and its contents are the user's all the same.
+    const SymbolicLink moved(profile, machine / L"moved");
+    for (const fs::path& root : {profile, machine / L"moved"}) {
+        const ConfinedFolder folder(root);
+        for (const auto& [name, kind] : cases) {
+            const auto opened = folder.Open(name);
+            ASSERT_TRUE(opened);
+            EXPECT_EQ(opened->status.kind, kind) << root << name;
+        }
+        const auto outside = folder.Open(LR"(..\bobby\a.log)");
+        EXPECT_FALSE(outside && outside->status.kind == FileKind::Regular);
+    }
+    EXPECT_EQ(ConfinedFolder(machine / L"nobody").Open(L"a.log")->status.kind, FileKind::NotFound);
+}
+
+TEST(ConfinedFolder, HoldsTheCheckedFile) {
+    const TemporaryFolder profile;
+    const fs::path file = profile / L"sub" / L"a.log";
+    WriteFile(file, "checked");
+    const unsigned handles = TestSupport::HandleCount();
+    {
+        const auto opened = ConfinedFolder(profile.Path()).Open(LR"(sub\a.log)");
+        ASSERT_TRUE(opened);
+        EXPECT_EQ(opened->status.size, 7U);
+        EXPECT_EQ(DeleteFileW(file.c_str()), FALSE);
+        EXPECT_EQ(MoveFileW(file.c_str(), (profile / L"b.log").c_str()), FALSE);
+        WriteFile(file, "its owner writes on");
+        EXPECT_EQ(TestSupport::ReadFile(opened->path), "its owner writes on");
+    }
+    EXPECT_EQ(TestSupport::HandleCount(), handles);
+
+    const Util::FileHandle locked(
+        CreateFileW(file.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    const auto refused = ConfinedFolder(profile.Path()).Open(LR"(sub\a.log)");
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+}
+
+TEST(GeneratedFile, HoldsTextAndBytesAndGoesAway) {
+    const TestSupport::WorkingFolder folder;
+    WriteFile(folder / L"target.txt", "precious, and longer than what comes now");
+    ASSERT_NE(CreateHardLinkW(L"out.txt", L"target.txt", nullptr), FALSE);
+    {
+        GeneratedFile file(L"out.txt");
+        file.WriteText("a\n\nb\n");
+        file.WriteBytes(std::string_view("raw\n\0\xFF", 6));
+        EXPECT_EQ(ReadFile(L"out.txt"), std::string("a\r\n\r\nb\r\nraw\n\0\xFF", 14));
+        EXPECT_EQ(DeleteFileW(L"out.txt"), FALSE) << "others must not take the name away";
+        const Util::FileHandle writer(CreateFileW(L"out.txt", GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                                  nullptr, OPEN_EXISTING, 0, nullptr));
+        EXPECT_FALSE(writer) << "others must not write";
+    }
+    EXPECT_FALSE(fs::exists(L"out.txt"));
+    EXPECT_EQ(ReadFile(L"target.txt"), "precious, and longer than what comes now");
+
+    WriteFile(folder / L"out.txt" / L"inside.txt", "x");
+    EXPECT_THROW(GeneratedFile(L"out.txt"), Exception::Win32Exception);
+    EXPECT_TRUE(fs::exists(folder / L"out.txt" / L"inside.txt"));
+}
+
+bool Exists(const fs::path& path) {
+    return GetFileAttributesW(LongForm(path).c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+TEST(LongForm, MakesAbsoluteVerbatimPaths) {
+    const std::pair<std::wstring, std::wstring> cases[] = {
+        {LR"(C:\a\b.log)", LR"(\\?\C:\a\b.log)"},
+        {LR"(C:/a/./b/../c.log)", LR"(\\?\C:\a\c.log)"},
+        {LR"(C:\a\trailing. )", LR"(\\?\C:\a\trailing. )"},
+        {LR"(C:\a\nul)", LR"(\\?\C:\a\nul)"},
+        {LR"(\\server\share\x)", LR"(\\?\UNC\server\share\x)"},
+        {LR"(\\?\C:\as\it\is)", LR"(\\?\C:\as\it\is)"},
+    };
+    for (const auto& [path, expected] : cases) {
+        EXPECT_EQ(LongForm(path).native(), expected);
+    }
+    EXPECT_EQ(LongForm(L"x.txt"), LongForm(fs::current_path() / L"x.txt"));
+}
+
+TEST(FileObjectRemover, RemovesFilesAndWholeFolders) {
+    const TemporaryFolder folder;
+    const fs::path tree = folder / L"tree";
+    WriteFile(tree / L"\x4e2d" / L"many.txt", "");
+    fs::path deep = LongForm(tree);
+    for (int level = 0; level < 12; ++level) {
+        deep /= std::wstring(40, L'd');
+        ASSERT_NE(CreateDirectoryW(deep.c_str(), nullptr), FALSE);
+    }
+    for (int number = 0; number < 300; ++number) {
+        WriteFile(tree / (std::wstring(60, L'n') + std::to_wstring(number)), "");
+    }
+    WriteFile(folder / L"single.txt", "b");
+    const CapturedLog log;
+    {
+        FileObjectRemover single(folder / L"single.txt");
+        FileObjectRemover moved(std::move(single));
+        FileObjectRemover(tree).Clear();
+        EXPECT_FALSE(Exists(tree));
+        EXPECT_TRUE(Exists(folder / L"single.txt"));
+        FileObjectRemover(folder / L"never-there").Clear();
+    }
+    EXPECT_FALSE(Exists(folder / L"single.txt"));
+    EXPECT_EQ(log.Text(), "");
+}
+
+TEST(FileObjectRemover, LogsWhatItCannotRemoveAndForgetsIt) {
+    const TemporaryFolder folder;
+    const fs::path file = folder / L"open.txt";
+    const Util::FileHandle open(
+        CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, CREATE_NEW, 0, nullptr));
+    const CapturedLog log;
+    FileObjectRemover remover(file);
+    remover.Clear();
+    remover.Clear();
+    EXPECT_THAT(log.Text(), ContainsRegex("warning.*Failed removing file .*open.txt: "));
+    EXPECT_EQ(log.Text().find("Failed"), log.Text().rfind("Failed"));
+    EXPECT_EQ(RemoveName(file), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+    EXPECT_EQ(RemoveName(folder.Path()), static_cast<DWORD>(ERROR_DIR_NOT_EMPTY));
+}
+
+}  // namespace
+
+}  // namespace Shared::FileSystem
