@@ -10,20 +10,15 @@
 #include "agentcore.diagnostics-logset.h"
 #include "agentcore.diagnostics-manifest.h"
 #include "agentcore.diagnostics-toolset.h"
+#include "diagnostics-test.h"
 #include "shared.util-functions.h"
-#include "shared.util-handle.h"
-#include "test-support.h"
 
 namespace AgentCore::Diagnostics {
 
 namespace {
 
 namespace fs = std::filesystem;
-using testing::Each;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::SizeIs;
+using namespace testing;
 
 constexpr std::size_t floodSize = std::size_t{100} << 20U;
 
@@ -32,35 +27,19 @@ std::wstring Flood() {
 }
 
 /// Whatever a collector meets, the run ends with an archive that opens and a manifest that says what happened.
-class HostileInput : public testing::Test {
+class HostileInput : public TestSupport::DiagnosticsTest {
 protected:
-    HostileInput() { zip_.Open(); }
-
     std::vector<CollectorStatus> Run(const std::vector<CollectorRow>& rows) {
         std::vector<CollectorStatus> statuses = RunSet(rows, zip_);
         WriteManifest(statuses, zip_);
         zip_.Close();
         zip_.Open();
         manifest_.Clear();
-        EXPECT_TRUE(google::protobuf::util::JsonStringToMessage(Text("manifest.json"), &manifest_).ok());
+        EXPECT_TRUE(google::protobuf::util::JsonStringToMessage(Text("manifest.json").value_or(""), &manifest_).ok());
         EXPECT_EQ(manifest_.diagnostics_size(), static_cast<int>(rows.size()));
         return statuses;
     }
 
-    std::string Text(const std::string& entryName) const {
-        for (const libzippp::ZipEntry& entry : zip_.Entries()) {
-            if (entry.getName() == entryName) {
-                return entry.readAsText();
-            }
-        }
-        return {};
-    }
-
-    TestSupport::WorkingFolder working_;
-    TestSupport::TemporaryFolder machine_;
-    TestSupport::ThrowAwayHive hive_;
-    TestSupport::CapturedLog log_;
-    Shared::FileZip::ZipArchiveWrapper zip_{machine_ / L"out.zip"};
     ::Diagnostics::DiagnosticResponse manifest_;
 };
 
@@ -70,7 +49,7 @@ TEST_F(HostileInput, AFloodOfAnyBytesIsArchivedWhole) {
           .origin = {},
           .collectors = {AsRun<Collectors::Cmd::CommandToFile<&Flood, "Flood.txt", sampleType>>()}}});
     EXPECT_TRUE(manifest_.diagnostics(0).success());
-    const std::string text = Text("DIAGNOSTIC_TYPE_SAMPLE_ALL_0/Flood.txt");
+    const std::string text = Text("DIAGNOSTIC_TYPE_SAMPLE_ALL_0/Flood.txt").value_or("");
     const std::size_t start = text.find("Output:\r\n") + 9;
     ASSERT_EQ(text.size() - start, floodSize + 2);
     for (std::size_t index = 0; index < floodSize; index += 9973) {
@@ -126,9 +105,7 @@ TEST_F(HostileInput, InstallPathsOfAnyKindEndInRows) {
         hive_.SetRaw(LR"(SOFTWARE\Velqor\OXM)", L"Path", type,
                      {reinterpret_cast<const char*>(path.data()), (path.size() * 2) - (path.empty() ? 0 : parity)});
         std::vector<CollectorRow> rows = LogSet({});
-        for (const CollectorRow& row : CrashReportSet({})) {
-            rows.push_back(row);
-        }
+        std::ranges::move(CrashReportSet({}), std::back_inserter(rows));
         rows.push_back(ToolSet().at(3));
         EXPECT_THAT(Run(rows), SizeIs(expected));
         EXPECT_TRUE(fs::is_empty(working_.Path()));
@@ -147,26 +124,6 @@ TEST_F(HostileInput, TwentyThousandFilesAreTenAndAMessageEach) {
     EXPECT_THAT(statuses[0].errors, Each(HasSubstr("as extension copier reached copyable limit.")));
     EXPECT_EQ(manifest_.diagnostics(0).errors_size(), 19990);
     EXPECT_THAT(zip_.Entries(), SizeIs(1 + 10 + 1));
-}
-
-TEST_F(HostileInput, AProfileWithoutAccessCostsNoOther) {
-    const auto folder = [this](const wchar_t* user) {
-        return machine_ / user / LR"(AppData\Local\Velqor\OXM\Viewpane)";
-    };
-    TestSupport::WriteFile(folder(L"closed") / L"c.txt", "closed");
-    TestSupport::WriteFile(folder(L"open") / L"o.txt", "open");
-    // Wine's programs may read everything, except what somebody holds open for himself.
-    const Shared::Util::FileHandle held(CreateFileW(folder(L"closed").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
-                                                    FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    ASSERT_TRUE(held);
-    const std::vector<fs::path> profiles{machine_ / L"closed", machine_ / L"open"};
-    std::vector<CollectorRow> rows = LogSet(profiles);
-    rows.erase(rows.begin(), rows.end() - 8);
-    const auto statuses = Run(rows);
-    EXPECT_THAT(statuses[3].errors, ElementsAre(HasSubstr("Viewpane")));
-    EXPECT_FALSE(statuses[3].success);
-    EXPECT_THAT(statuses[7].errors, IsEmpty());
-    EXPECT_TRUE(statuses[7].success);
 }
 
 }  // namespace
