@@ -25,7 +25,7 @@ struct CollectorRow {
 
 /// A collector as a row's member.
 template <Collector T>
-[[nodiscard]] CollectorRow::Run AsRun(T collector = {}) {
+[[nodiscard]] CollectorRow::Run AsRun(const T& collector = {}) {
     return [collector](const std::filesystem::path& entryDir, Shared::FileZip::ZipArchiveWrapper& zip) {
         return collector.Collect(entryDir, zip);
     };
