@@ -111,7 +111,7 @@ CollectorStatus RunRow(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapp
             std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
         status.diagnostic.set_duration_ms(
             static_cast<std::uint32_t>(std::min<std::int64_t>(duration, std::numeric_limits<std::uint32_t>::max())));
-    } catch (...) {
+    } catch (...) {  // NOLINT(bugprone-empty-catch)
         // Out of memory: what the status holds so far is all that can be said.
     }
     return status;

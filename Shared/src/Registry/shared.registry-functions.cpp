@@ -115,7 +115,8 @@ std::wstring RegGetDefault(HKEY key) {
     if (!text) {
         ThrowRegError(text.error(), L"Cannot read default string from registry", key, L"", L"(default)");
     }
-    if (!text->empty()) {
+    // The call sees to a terminator, but not every system counts one that it has added.
+    if (text->ends_with(L'\0')) {
         text->pop_back();
     }
     return *std::move(text);
