@@ -34,7 +34,7 @@ GeneratedFile::~GeneratedFile() {
 
 void GeneratedFile::WriteText(std::string_view text) {
     std::string translated;
-    translated.reserve(text.size() + text.size() / 32);
+    translated.reserve(text.size() + (text.size() / 32));
     for (const char character : text) {
         if (character == '\n') {
             translated += '\r';
