@@ -24,7 +24,7 @@ void Write(DWORD stream, std::string_view text) {
     while (!text.empty()) {
         DWORD written = 0;
         if (WriteFile(GetStdHandle(stream), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) == FALSE) {
-            std::exit(99);
+            ExitProcess(99);
         }
         text.remove_prefix(written);
     }
@@ -51,8 +51,8 @@ void StartGrandchild(const std::string& milliseconds) {
 }
 
 void Hold(const std::string& path, const std::string& milliseconds) {
-    const HANDLE file = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                                    FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE file = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                              FILE_ATTRIBUTE_NORMAL, nullptr);
     Write(STD_OUTPUT_HANDLE, file != INVALID_HANDLE_VALUE ? "held\r\n" : "failed\r\n");
     Sleep(static_cast<DWORD>(std::stoul(milliseconds)));
 }
@@ -66,7 +66,7 @@ int Export(const std::string& name) {
     if (kind == std::string_view("link")) {
         return CreateHardLinkA(name.c_str(), "secret", nullptr) != FALSE ? 0 : 1;
     }
-    const HANDLE file = CreateFileA(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    HANDLE file = CreateFileA(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
     constexpr std::string_view text = "10.20.0.7 files.example.com\r\n10.20.0.9 mail.example.com\r\n";
     DWORD written = 0;
     return WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) != FALSE ? 0 : 1;
@@ -118,7 +118,8 @@ int main(int count, char** arguments) {
             CloseHandle(GetStdHandle(STD_ERROR_HANDLE));
         } else if (step == "probe") {
             DWORD flags = 0;
-            const auto handle = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(std::stoull(next())));
+            // NOLINTNEXTLINE(performance-no-int-to-ptr): a handle is a number that others tell
+            auto* const handle = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(std::stoull(next())));
             Write(STD_OUTPUT_HANDLE, GetHandleInformation(handle, &flags) != FALSE ? "open" : "closed");
         } else if (step == "grandchild") {
             StartGrandchild(next());
@@ -126,7 +127,7 @@ int main(int count, char** arguments) {
             const std::string path = next();
             Hold(path, next());
         } else if (step == "crash") {
-            *reinterpret_cast<volatile int*>(std::uintptr_t{16}) = 1;
+            RaiseException(EXCEPTION_ACCESS_VIOLATION, 0, 0, nullptr);
         } else if (step == "exit") {
             return std::stoi(next());
         } else {
