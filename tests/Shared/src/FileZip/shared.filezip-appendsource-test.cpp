@@ -143,7 +143,7 @@ TEST(AppendInPlaceSourceTest, AFailingWriteIsUndoneAndTheNextAddWorks) {
                 const bool added = Add(disk, "new", data);
                 const bool reached = !disk.failing || *disk.failing == 0;
                 disk.failing.reset();
-                if (!added && !lasting && before.size() != 0) {
+                if (!added && !lasting && !before.empty()) {
                     EXPECT_TRUE(*disk.file == *start);
                 }
                 ASSERT_TRUE(Add(disk, "next", "next"));
