@@ -16,7 +16,8 @@ struct FixedString {
     // NOLINTNEXTLINE(google-explicit-constructor): template arguments are written as plain literals
     consteval FixedString(const Char (&literal)[N + 1]) { std::copy_n(literal, N, characters); }
 
-    constexpr operator View() const noexcept { return View(characters, characters + N); }  // NOLINT(google-explicit-constructor)
+    // NOLINTNEXTLINE(google-explicit-constructor): it serves wherever its view does
+    constexpr operator View() const noexcept { return View(characters, characters + N); }
     explicit constexpr operator String() const { return String(characters, characters + N); }
     [[nodiscard]] constexpr View ToView() const noexcept { return *this; }
     [[nodiscard]] constexpr String ToString() const { return String(*this); }
