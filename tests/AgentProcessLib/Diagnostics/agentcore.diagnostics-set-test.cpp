@@ -2,8 +2,13 @@
 
 #include <stdexcept>
 
+#include "agentcore.diagnostics-configurationset.h"
+#include "agentcore.diagnostics-crashset.h"
+#include "agentcore.diagnostics-logset.h"
 #include "agentcore.diagnostics-manifest.h"
+#include "agentcore.diagnostics-sampleset.h"
 #include "agentcore.diagnostics-set.h"
+#include "agentcore.diagnostics-toolset.h"
 #include "diagnostics-test.h"
 
 namespace AgentCore::Diagnostics {
@@ -61,6 +66,18 @@ TEST_F(SetTest, ARowIsOneStatusAndOneManifestEntryWhateverItsCollectorsSay) {
     EXPECT_THAT(manifest, HasSubstr("\"not \xEF\xBF\xBD UTF-8\""));
     EXPECT_LT(manifest.find("first"), manifest.find("second"));
     EXPECT_TRUE(std::filesystem::is_empty(working_.Path()));
+}
+
+TEST_F(SetTest, RunsOfAllSetsLeaveNoHandleOpen) {
+    unsigned handles = 0;
+    for (const bool isFirst : {true, false}) {
+        for (const auto& rows : {LogSet(), ConfigurationSet(), SampleSet(), ToolSet(), CrashReportSet()}) {
+            WriteManifest(RunSet(rows, zip_), zip_);
+        }
+        // What is opened once for good is opened by the first run.
+        handles = isFirst ? TestSupport::HandleCount() : handles;
+    }
+    EXPECT_EQ(TestSupport::HandleCount(), handles);
 }
 
 }  // namespace
