@@ -39,11 +39,13 @@ function(agentcli_program name)
   target_link_libraries(${name} PRIVATE ${ARG_LINK} agentcli-options)
   if(MINGW)
     target_link_libraries(${name} PRIVATE -lpthread)
-    # The image carries a content hash in place of a time stamp, and the PDB's bare name.
+    # The image carries a content hash in place of a time stamp, and the PDB's bare name; the PDB, whose hash is the
+    # image's id, records the linker's arguments, so they are relative to the build.
+    file(RELATIVE_PATH folder ${CMAKE_BINARY_DIR} ${CMAKE_CURRENT_BINARY_DIR})
     target_link_options(${name} PRIVATE
-      -Wl,--pdb=$<TARGET_FILE_DIR:${name}>/${name}.pdb
+      -Wl,--pdb=${folder}/${name}.pdb
       -Wl,-Xlink=/pdbaltpath:%_PDB%,-Xlink=/pdbsourcepath:.,-Xlink=/Brepro)
-    set_target_properties(${name} PROPERTIES ADDITIONAL_CLEAN_FILES $<TARGET_FILE_DIR:${name}>/${name}.pdb)
+    set_target_properties(${name} PROPERTIES ADDITIONAL_CLEAN_FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pdb)
   endif()
 endfunction()
 

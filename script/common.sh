@@ -44,14 +44,14 @@ dependency_prefix() {
 configure_and_build() { # configure_and_build PRESET [CMAKE TARGET...]
   local preset=$1 build=$root/build/$1
   shift
-  export AGENTCLI_PREFIX
-  AGENTCLI_PREFIX=$(dependency_prefix)
   mkdir -p "$build"
   # Another prefix means other libraries, another toolchain or both: nothing of the old configuration holds.
-  if [ "$(cat "$build/prefix" 2>/dev/null)" != "$AGENTCLI_PREFIX" ]; then
+  if [ ! -f "$build/build.ninja" ] || [ "$(readlink "$build/dependencies")" != "$(dependency_prefix)" ]; then
     say "configuring $preset"
+    # Through this link the linker is given paths relative to the build, which the program database records.
+    rm -f "$build/build.ninja"
+    ln -sfn "$(dependency_prefix)" "$build/dependencies"
     (cd "$root" && quietly "$build/configure.log" cmake --fresh --preset "$preset")
-    printf '%s\n' "$AGENTCLI_PREFIX" >"$build/prefix"
   fi
   say "building $preset"
   quietly "$build/build.log" cmake --build "$build" ${1:+--target "$@"}
