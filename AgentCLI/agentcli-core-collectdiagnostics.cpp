@@ -102,8 +102,10 @@ void MoveArchive(ZipArchiveWrapper& zip, const fs::path& destination) {
     const fs::path source = zip.Path();
     // Copying a file onto itself would empty it, and removing the source would lose it.
     if (!IsSameFile(source, destination)) {
-        // The archive takes the name itself, not what a link there points to.
-        if (Shared::FileSystem::LeadsElsewhere(destination)) {
+        // The archive takes the name itself, not what a link to a file points to. A folder stays, linked or not: the
+        // copy then fails, as it should.
+        const DWORD attributes = GetFileAttributesW(Shared::FileSystem::LongForm(destination).c_str());
+        if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0 && Shared::FileSystem::LeadsElsewhere(destination)) {
             RemoveFile(destination);
         }
         if (CopyFileW(Shared::FileSystem::LongForm(source).c_str(), Shared::FileSystem::LongForm(destination).c_str(),
@@ -117,6 +119,10 @@ void MoveArchive(ZipArchiveWrapper& zip, const fs::path& destination) {
 }
 
 fs::path Absolute(const fs::path& path) {
+    // Network and verbatim paths, which not every standard library takes for absolute.
+    if (fs::path whole = fs::path(path).make_preferred(); whole.native().starts_with(LR"(\\)")) {
+        return whole;
+    }
     std::error_code error;
     fs::path absolute = fs::absolute(path, error);
     if (error) {

@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "agentcli-core-console.h"
+#include "shared.exception-guardedlog.h"
 
 namespace AgentCLI::Core {
 
@@ -23,6 +24,7 @@ int Application::Run(int argc, const char* const* argv) {
         return app_.exit(error, std::cout, std::cerr);
     } catch (const std::exception& error) {
         Print("Unexpected error: {}", error.what());
+        Shared::Exception::LogError("{}", error.what());
         return 1;
     }
 }

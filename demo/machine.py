@@ -117,7 +117,8 @@ class Machine:
 
     def profiles(self):
         """The profile folders that count, in the order in which the system lists them."""
-        return sorted(path for path in (self.drive / "users").iterdir() if path.name not in ("Public", "Default User"))
+        return sorted((path for path in (self.drive / "users").iterdir() if path.name not in ("Public", "Default User")),
+                      key=lambda path: path.name.lower())
 
     def import_registry(self, file):
         copy = self.prefix / "import.reg"

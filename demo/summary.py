@@ -23,7 +23,7 @@ def main():
         errors = row.get("errors", [])
         if errors or not row.get("success"):
             print(f"  {row['archivePath']}: {row['name']}")
-            for line in errors or ["(the source is not there)"]:
+            for line in errors or ["(nothing there to collect)"]:
                 print(f"      {line.splitlines()[0]}")
     size = sum(entry.file_size for entry in files)
     print(f"\n{len(files)} files, {size / 1e6:.1f} MB, in {path}")

@@ -39,14 +39,35 @@ class FullRun(Case):
         self.check_generated(archive)
 
     def check_rows(self, archive):
-        self.assertEqual([row["name"] for row in archive.rows[:7]],
-                         ["*.log", "*.log, *.old, vq_pv_hrpt.xml, update_tmp.bat",
-                          "*.log, " + ", ".join(f"LumoraAccessAgentLog.etl.00{number}" for number in range(6)),
-                          "*.txt", "setupapi.log", "setupapi.dev*.log, setupapi.app*.log", "VqPlapApp.log"])
-        self.assertEqual([row["name"] for row in archive.rows[33:39]],
+        programs, data, registry = "C:\\Program Files\\Velqor\\", "C:\\ProgramData\\Velqor\\", "HKLM\\SOFTWARE\\Velqor\\"
+        access_log = ", ".join(f"LumoraAccessAgentLog.etl.00{number}" for number in range(6))
+        filters = "HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Authentication\\Credential Provider Filters"
+        users = [f"C:\\users\\{profile.name}" for profile in FULL.profiles()]
+        logs = [("*.log", programs + "OXM"), ("*.log, *.old, vq_pv_hrpt.xml, update_tmp.bat", programs + "Portavo"),
+                (f"*.log, {access_log}", data + "Lumora Access Agent\\Logs"), ("*.txt", data + "DLP\\logs"),
+                ("setupapi.log", "C:\\WINDOWS"), ("setupapi.dev*.log, setupapi.app*.log", "C:\\WINDOWS\\inf"),
+                ("VqPlapApp.log", "C:\\WINDOWS\\system32")]
+        for user in users:
+            local = user + "\\AppData\\Local\\Velqor\\"
+            logs += [("Logs", local + "Lumora Access Agent\\Logs"), ("VqPVA.log, VqPVA.log.old", local + "Portavo"),
+                     ("ViewpaneUI", local + "OXM\\ViewpaneUI"), ("Viewpane", local + "OXM\\Viewpane")]
+        configuration = [(f"{registry}Portavo and {filters}", registry + "Portavo"),
+                         *((f"SOFTWARE\\Velqor\\{key}", registry + key) for key in ("OXM", "OXM\\Config",
+                                                                                   "Lumora Access Agent"))]
+        dumps = [("VqPVS.dmp", programs + "Portavo"), ("*.dmp", programs + "OXM")]
+        for user in users:
+            dumps += [("VqPVS.dmp, VqPVA.dmp", user), ("VqPVA.dmp", user + "\\AppData\\Local\\Velqor\\Portavo")]
+        rows = [(row["name"], row["origin"]) for row in archive.rows]
+        self.assertEqual(rows[:23] + rows[39:], logs + configuration + dumps)
+        self.assertEqual([name for name, _ in rows[33:39]],
                          ["epm status", "status", "traffic log", "traffic rdns export", "traffic show", "tunnel"])
-        self.assertEqual(archive.row("tunnel")["origin"],
-                         '"C:\\Program Files\\Velqor\\Lumora Access Agent\\lacli.exe" tunnel')
+        self.assertEqual(rows[38][1], f'"{programs}Lumora Access Agent\\lacli.exe" tunnel')
+        # A user's rows hold that user's files.
+        for number, profile in enumerate(FULL.profiles()):
+            text = archive.text(f"{LOG}_{7 + 4 * number}/ui.log").encode()
+            self.assertEqual(text, (profile / "AppData/Local/Velqor/Lumora Access Agent/Logs/ui.log").read_bytes())
+            self.assertIn(f"{LOG}_{10 + 4 * number}/viewpane.log", archive.names)
+            self.assertIn(f"{CRASH}_{3 + 2 * number}/VqPVA.dmp", archive.names)
         for row in archive.rows:
             archived = [name for name in archive.names if name.startswith(row["archivePath"] + "/")]
             self.assertEqual(bool(archived), row.get("success", False), row)
@@ -110,6 +131,23 @@ class BareRun(Case):
         self.assertTrue(archive.text(SAMPLES[0]).startswith("Command: route print\r\nExit code: "))
 
 
+class Crowd(Case):
+    def test_twenty_thousand_logs_are_ten_and_a_message_each(self):
+        logs = BARE.drive / "ProgramData/Velqor/DLP/logs"
+        self.addCleanup(shutil.rmtree, logs.parent)
+        logs.mkdir(parents=True)
+        for number in range(20_000):
+            (logs / f"dlp.{number}.txt").touch()
+        start = time.monotonic()
+        self.collect("-l")
+        self.assertLess(time.monotonic() - start, 20)
+        row = Archive(self.zip).row("*.txt")
+        self.assertTrue(row["success"])
+        self.assertEqual(len(row["errors"]), 19_990)
+        for error in row["errors"]:
+            self.assertRegex(error, r"^Skipped file .* as extension copier reached copyable limit\.$")
+
+
 class Flags(Case):
     def test_flags_select_types_in_a_fixed_order(self):
         profiles = len(BARE.profiles())
@@ -135,9 +173,10 @@ class Path(Case):
         (self.folder / "old.zip").write_bytes(b"something else")
         os.link(self.folder / "old.zip", other / "second name.zip")
         for given, expected in (("out.zip", self.folder / "out.zip"), ("old.zip", self.folder / "old.zip"),
-                                (windows_path(other / "Müller 日本.zip"), other / "Müller 日本.zip")):
+                                (windows_path(other / "Müller 日本.zip"), other / "Müller 日本.zip"),
+                                ("\\\\?\\" + windows_path(other / "verbatim.zip"), other / "verbatim.zip")):
             with self.subTest(given):
-                self.assert_located(self.collect("-o", "-p", given), expected)
+                self.assert_located(self.collect("-o", "-p", given).replace("\\\\?\\", ""), expected)
                 self.assertEqual(Archive(expected).types(), [(CONFIG, 4)])
                 self.assertFalse(self.zip.exists())
         self.assertEqual((other / "second name.zip").read_bytes(), b"something else")
@@ -150,12 +189,14 @@ class Path(Case):
                 self.assertEqual(Archive(self.zip).types(), [(CONFIG, 4)])
 
     def test_leaves_the_archive_whole_where_it_cannot_be_moved(self):
-        for given in ("nowhere\\out.zip", windows_path(self.scratch)):
+        (self.scratch / "link").symlink_to(self.folder, target_is_directory=True)
+        for given in ("nowhere\\out.zip", windows_path(self.scratch), windows_path(self.scratch / "link")):
             with self.subTest(given):
                 printed = self.collect("-o", "-p", given, status=1)
                 self.assertTrue(printed.startswith("Unexpected error: "), printed)
                 self.assertFalse(printed.endswith("\n"))
                 self.assertEqual(Archive(self.zip).types(), [(CONFIG, 4)])
+                self.assertRegex((self.folder / "agent-cli.log").read_text(), "copy_file")
 
 
 class CommandLine(Case):
