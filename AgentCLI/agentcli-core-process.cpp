@@ -55,11 +55,20 @@ void PrepareProcess() noexcept {
     try {
         const std::wstring windows = Shared::System::GetWindowsPath().native();
         const std::wstring system = windows + L"\\System32";
-        SetEnvironmentVariableW(
-            L"PATH",
-            (system + L';' + windows + L';' + system + L"\\Wbem;" + system + L"\\WindowsPowerShell\\v1.0\\").c_str());
+        const std::pair<const wchar_t*, std::wstring> variables[] = {
+            {L"PATH", system + L';' + windows + L';' + system + L"\\Wbem;" + system + L"\\WindowsPowerShell\\v1.0\\"},
+            // The system's own registrations name files by these.
+            {L"SystemRoot", windows},
+            {L"windir", windows},
+            {L"SystemDrive", windows.substr(0, 2)},
+            {L"ComSpec", system + L"\\cmd.exe"},
+        };
+        for (const auto& [name, value] : variables) {
+            SetEnvironmentVariableW(name, value.c_str());
+        }
     } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
-        // The program goes on with the path it has; the command collectors report the missing directory themselves.
+        // The program goes on with the variables it has; the command collectors report the missing directory
+        // themselves.
     }
 }
 

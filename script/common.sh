@@ -79,7 +79,7 @@ make_machine() { # make_machine NAME [OPTIONS OF machine.py...]
   local machine=$root/build/wine/$1 recipe
   shift
   export AGENTCLI_WINEPREFIX=$machine
-  recipe=$(cat "$root"/demo/*.* "${@: -1}" 2>/dev/null | sha256sum)
+  recipe=$(cat "$root"/demo/*.* ${1:+"${@: -1}"} 2>/dev/null | sha256sum)
   [ "$(cat "$machine.recipe" 2>/dev/null)" = "$recipe" ] && return
   say "making the machine $machine"
   [ ! -d "$machine" ] || WINEPREFIX=$machine wineserver -k 2>/dev/null || true

@@ -100,12 +100,17 @@ Util::KernelHandle CreateChildJob() {
 // A running child; nothing of it is left when the object goes.
 class Child {
 public:
+    // Built on a whole object, so that the destructor ends the process should anything fail from there on.
     Child(const std::wstring& applicationName, const std::wstring& commandLine, HANDLE stdinRead, HANDLE stdoutWrite)
-        : job_(CreateChildJob()) {
+        : Child(CreateChildJob()) {
         const PROCESS_INFORMATION started =
             CreateChildProcess(applicationName, commandLine, stdinRead, stdoutWrite, job_.Get());
         process_.Reset(started.hProcess);
         thread_.Reset(started.hThread);
+        if (job_ && !IsInJob(process_.Get(), job_.Get()) &&
+            AssignProcessToJobObject(job_.Get(), process_.Get()) == FALSE) {
+            Exception::LogWarning("A command runs outside its job: {}", Exception::Win32Message(GetLastError()));
+        }
     }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
@@ -130,6 +135,8 @@ public:
     }
 
 private:
+    explicit Child(Util::KernelHandle job) : job_(std::move(job)) {}
+
     // Termination is only begun by the call that asks for it, and until it is done files stay open.
     void AwaitEnd() const noexcept {
         const ULONGLONG deadline = GetTickCount64() + endGraceMilliseconds;
@@ -241,9 +248,6 @@ PROCESS_INFORMATION CreateChildProcess(const std::wstring& applicationName, cons
     }
     if (error != ERROR_SUCCESS) {
         throw Exception::Win32Exception("CreateProcessW() failed", error);
-    }
-    if (job != nullptr && !IsInJob(process.hProcess, job) && AssignProcessToJobObject(job, process.hProcess) == FALSE) {
-        Exception::LogWarning("A command runs outside its job: {}", Exception::Win32Message(GetLastError()));
     }
     return process;
 }

@@ -39,8 +39,7 @@ private:
 /// finding the program to the command line. Both handles of the result are the caller's to close.
 ///
 /// With a job the process belongs to it from its first instruction on, so that nothing that it starts can escape.
-/// Where the system does not take a job at creation the process is assigned right after it; where it refuses even
-/// that (nested jobs) the process runs outside, which IsProcessInJob tells.
+/// Where the system does not take a job at creation the process starts outside, which IsProcessInJob tells.
 ///
 /// Throws Win32Exception "CreateProcessW() failed".
 [[nodiscard]] PROCESS_INFORMATION CreateChildProcess(const std::wstring& applicationName,

@@ -27,12 +27,13 @@ public:
 /// "HKEY_LOCAL_MACHINE" and its like; "(unknown superkey)" for what is not one of the five root keys.
 [[nodiscard]] std::wstring_view SuperkeyName(HKEY key) noexcept;
 
-/// The key's default value, without its terminator. "(value not set)" when there is none, when it is no REG_SZ and when
-/// it is empty. Throws InvalidArgumentException for a null key, RegistryException when the value cannot be read.
+/// The key's default value, without its terminator. "(value not set)" when there is none, when it is no text and when
+/// it is empty. As the call does, this takes a REG_EXPAND_SZ for a REG_SZ, with the variables of its text expanded.
+/// Throws InvalidArgumentException for a null key, RegistryException when the value cannot be read.
 [[nodiscard]] std::wstring RegGetDefault(HKEY key);
 
-/// A REG_SZ value up to its first terminator. Throws InvalidArgumentException for a null root, RegistryException when
-/// there is no such value or it is of another type.
+/// A REG_SZ value up to its first terminator, or a REG_EXPAND_SZ value expanded. Throws InvalidArgumentException for a
+/// null root, RegistryException when there is no such value or it is of another type.
 [[nodiscard]] std::wstring RegGetString(HKEY root, std::wstring_view subkey, std::wstring_view name);
 
 /// The strings of a REG_MULTI_SZ value, with the empty one before the terminator of the list: "a", "b" comes back as
