@@ -34,8 +34,8 @@ template <std::same_as<std::filesystem::path> Path>
     return ConvertStringType(text);
 }
 
-/// "{}T{}.{}Z" of date, time and milliseconds as three digits. Throws Win32Exception "GetDateFormatEx() failed" or
-/// "GetTimeFormatEx() failed".
+/// "{}T{}.{}Z" of date, time and milliseconds as three digits, in the calendar of the user's locale. Throws
+/// Win32Exception "GetDateFormatEx() failed" or "GetTimeFormatEx() failed".
 [[nodiscard]] std::wstring GetTimeAsUtcString2(const SYSTEMTIME& time);
 
 }  // namespace Shared::Util
