@@ -1,6 +1,7 @@
 // Stands in for the access agent's tool on the demo machine, and is the child that the tests run. Its arguments are
 // steps, done in order:
 //   out TEXT, err TEXT    write the text          bytes N      write N bytes of a fixed pattern
+//   noise SEED N          write N random bytes    line N       the same without a line's end
 //   sleep MS              wait                    read         read standard input to its end
 //   close                 close both outputs      probe N      say whether N is an open handle
 //   grandchild MS         start a process that waits, with our handles, and write its id and a blank
@@ -15,6 +16,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <string>
 #include <string_view>
 
@@ -30,13 +32,21 @@ void Write(DWORD stream, std::string_view text) {
     }
 }
 
-void WriteBytes(std::size_t count) {
+void WriteBytes(std::size_t count, char lineEnd) {
     std::string chunk(std::size_t{251} * 256, '\0');
     std::ranges::generate(chunk, [index = 0]() mutable { return static_cast<char>(index++ % 251); });
+    std::ranges::replace(chunk, '\n', lineEnd);
     for (; count > chunk.size(); count -= chunk.size()) {
         Write(STD_OUTPUT_HANDLE, chunk);
     }
     Write(STD_OUTPUT_HANDLE, std::string_view(chunk).substr(0, count));
+}
+
+void WriteNoise(unsigned seed, std::size_t count) {
+    std::mt19937 random(seed);
+    std::string noise(count, '\0');
+    std::ranges::generate(noise, [&] { return static_cast<char>(random()); });
+    Write(STD_OUTPUT_HANDLE, noise);
 }
 
 void StartGrandchild(const std::string& milliseconds) {
@@ -104,8 +114,11 @@ int main(int count, char** arguments) {
         const auto next = [&]() -> std::string { return index + 1 < count ? arguments[++index] : ""; };
         if (step == "out" || step == "err") {
             Write(step == "out" ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE, next());
-        } else if (step == "bytes") {
-            WriteBytes(std::stoull(next()));
+        } else if (step == "bytes" || step == "line") {
+            WriteBytes(std::stoull(next()), step == "bytes" ? '\n' : '\0');
+        } else if (step == "noise") {
+            const std::string seed = next();
+            WriteNoise(static_cast<unsigned>(std::stoul(seed)), std::stoull(next()));
         } else if (step == "sleep") {
             Sleep(static_cast<DWORD>(std::stoul(next())));
         } else if (step == "read") {

@@ -131,19 +131,6 @@ std::string ReadFile(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-void WriteNumberedFiles(const std::filesystem::path& folder, int count) {
-    const std::wstring last = L"a." + std::to_wstring(count) + L".log";
-    if (WineUnixFileName != nullptr) {
-        RunOnHost(LR"(Z:\bin\sh -c "seq -f \"$0/a.%g.log\" )" + std::to_wstring(count) + L" | xargs touch\"" +
-                      HostArgument(folder),
-                  folder / last, true);
-        return;
-    }
-    for (int number = 1; number <= count; ++number) {
-        WriteFile(folder / (L"a." + std::to_wstring(number) + L".log"), "");
-    }
-}
-
 SymbolicLink::SymbolicLink(const std::filesystem::path& target, const std::filesystem::path& link) : link_(link) {
     if (WineUnixFileName != nullptr) {
         RunOnHost(LR"(Z:\bin\ln -s)" + HostArgument(target) + HostArgument(link), link, true);

@@ -72,10 +72,6 @@ private:
 void WriteFile(const std::filesystem::path& path, std::string_view bytes);
 [[nodiscard]] std::string ReadFile(const std::filesystem::path& path);
 
-/// Makes empty files "a.1.log", "a.2.log", ... in an existing folder. (For Wine to make one takes as long as the folder
-/// is large; its host makes them.)
-void WriteNumberedFiles(const std::filesystem::path& folder, int count);
-
 /// A symbolic link to a file or folder, in a TemporaryFolder. Wine makes none, but shows those of its host: there the
 /// host's own programs make and remove it.
 class SymbolicLink {

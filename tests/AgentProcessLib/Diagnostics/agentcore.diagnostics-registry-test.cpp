@@ -1,13 +1,11 @@
 #include <gmock/gmock.h>
 
 #include <optional>
-#include <random>
 
 #include "agentcore.diagnostics-collectors-aoxmregistrykey.h"
 #include "agentcore.diagnostics-collectors-lumoraregistrykey.h"
 #include "agentcore.diagnostics-collectors-pvregistryvalues.h"
 #include "agentcore.diagnostics-collectors-tcpbind.h"
-#include "agentcore.diagnostics-configurationset.h"
 #include "diagnostics-test.h"
 #include "shared.util-functions.h"
 
@@ -172,51 +170,6 @@ TEST_F(RegistryCollectors, BindingsAreLinesOfANewFile) {
     status_ = TcpBind<3>().Collect(L"other", zip_);
     EXPECT_THAT(status_.errors, ElementsAre(AllOf(StartsWith("TcpBind failed: "), HasSubstr("remove"))));
     EXPECT_THAT(log_.Text(), HasSubstr("TcpBind failed: "));
-}
-
-TEST_F(RegistryCollectors, TheConfigurationSetIsInOrder) {
-    std::string rows;
-    for (const CollectorRow& row : ConfigurationSet()) {
-        rows += row.origin() + " <- " + row.name + "\n";
-    }
-    EXPECT_EQ(rows, R"(HKLM\SOFTWARE\Velqor\Portavo <- HKLM\SOFTWARE\Velqor\Portavo and )"
-                    R"(HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\Authentication\Credential Provider Filters
-HKLM\SOFTWARE\Velqor\OXM <- SOFTWARE\Velqor\OXM
-HKLM\SOFTWARE\Velqor\OXM\Config <- SOFTWARE\Velqor\OXM\Config
-HKLM\SOFTWARE\Velqor\Lumora Access Agent <- SOFTWARE\Velqor\Lumora Access Agent
-)");
-}
-
-// Whatever the registry holds, a collector archives valid UTF-8 or says why it did not.
-TEST_F(RegistryCollectors, SurviveHostileValues) {
-    std::mt19937 random(7);  // NOLINT(cert-msc51-cpp): the same cases in every run
-    const auto below = [&random](unsigned limit) { return random() % limit; };
-    const auto text = [&](unsigned limit) {
-        static constexpr wchar_t units[] = L"\0a=\\\r\n\x7C20\xE000\xFFFF\xD83D\xDE00";
-        std::wstring made(below(limit), L'\0');
-        std::ranges::generate(made, [&] { return units[below(std::size(units) - (below(99) == 0 ? 1 : 3))]; });
-        return made;
-    };
-    const std::wstring keys[] = {oxm, lumora, lumora + L"\\sub", portavo + L"\\Settings", portavo};
-    const unsigned handles = TestSupport::HandleCount();
-    unsigned archived = 0;
-    for (int turn = 0; turn < 40; ++turn) {
-        TestSupport::ThrowAwayHive hive;
-        for (int number = 0; number < 12; ++number) {
-            std::string data = Raw(text(below(6) == 0 ? 5000 : 12));
-            data.resize(data.size() - std::min<std::size_t>(data.size(), below(2)));
-            hive.SetRaw(keys[below(std::size(keys))], text(30), below(12), data);
-        }
-        hive.SetRaw(linkage, L"Bind", REG_MULTI_SZ, Raw(text(40)));
-        for (const auto& one : {CollectOxm(), CollectLumora(), CollectReport(), CollectBindings()}) {
-            if (one) {
-                ++archived;
-                EXPECT_EQ(Shared::Util::SanitiseUtf8(*one), *one);
-            }
-        }
-    }
-    EXPECT_GT(archived, 100U);
-    EXPECT_EQ(TestSupport::HandleCount(), handles);
 }
 
 }  // namespace
