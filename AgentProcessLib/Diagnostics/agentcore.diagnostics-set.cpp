@@ -20,12 +20,10 @@ namespace {
 
 using Shared::Util::SanitiseUtf8;
 
-// In the Gregorian calendar, whatever the user's own is.
 std::string UtcNow() {
     SYSTEMTIME now{};
     GetSystemTime(&now);
-    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", now.wYear, now.wMonth, now.wDay, now.wHour,
-                       now.wMinute, now.wSecond, now.wMilliseconds);
+    return Shared::Util::ConvertStringType(Shared::Util::GetTimeAsUtcString2(now));
 }
 
 void Merge(CollectorStatus& row, CollectorStatus&& run) {
@@ -103,7 +101,7 @@ CollectorStatus RunRow(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapp
         status.diagnostic.set_type(static_cast<::Diagnostics::DiagnosticType>(row.type));
         status.diagnostic.set_name(SanitiseUtf8(row.name));
         status.diagnostic.set_origin(SanitiseUtf8(OriginOf(row)));
-        status.diagnostic.set_started_at(UtcNow());
+        Guarded(row, status, [&] { status.diagnostic.set_started_at(UtcNow()); });
         Guarded(row, status, [&] { RunCollectors(row, zip, status); });
         status.diagnostic.set_success(status.success);
         for (const std::string& message : status.errors) {

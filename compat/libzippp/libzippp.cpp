@@ -150,7 +150,6 @@ ZipEntry ZipArchive::Describe(libzippp_uint64 index, State state) const {
     entry.name_ = stat.name;
     entry.index_ = index;
     entry.size_ = stat.size;
-    entry.compressedSize_ = stat.comp_size;
     entry.time_ = stat.mtime;
     entry.crc_ = static_cast<int>(stat.crc);
     entry.method_ = static_cast<CompressionMethod>(stat.comp_method);

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <shlobj.h>
 #include <userenv.h>
+#include <winternl.h>
 
 #include <algorithm>
 #include <chrono>
@@ -45,7 +46,7 @@ struct Plan {
 
 void* Find(const char* function) {
     FARPROC found = nullptr;
-    for (const char* module : {"kernel32", "advapi32", "bcrypt", "shell32", "userenv"}) {
+    for (const char* module : {"kernel32", "advapi32", "bcrypt", "ntdll", "shell32", "userenv"}) {
         found = found != nullptr ? found : GetProcAddress(LoadLibraryA(module), function);
     }
     return reinterpret_cast<void*>(found);  // the compiler warns of the direct cast
@@ -86,24 +87,25 @@ struct Fault<function, result, R(Args...)> {
 #define EACH(...) RESCAN(EACH_STEP(__VA_ARGS__))
 
 // What each function returns when it fails.
-#define FAULTS(X)                                                                                             \
-    EACH(X, ERROR_NOACCESS, RegEnumKeyExW, RegEnumValueW, RegGetValueW, RegOpenKeyExW, RegQueryInfoKeyW,      \
-         RegQueryValueExW)                                                                                    \
-    EACH(X, -1, CreateFileW, CreateNamedPipeW, FindFirstFileExW, GetFileAttributesW, WaitForSingleObject,     \
-         WaitForSingleObjectEx)                                                                               \
-    EACH(X, 0, CompareStringOrdinal, CreateEventW, CreateJobObjectW, CreatePipe, CreateProcessW, DeleteFileW, \
-         FileTimeToSystemTime, FindNextFileW, GetBinaryTypeW, GetExitCodeProcess, GetFileAttributesExW,       \
-         GetFileInformationByHandle, GetFileInformationByHandleEx, GetFileSizeEx, GetFileType,                \
-         GetFinalPathNameByHandleW, GetFullPathNameW, GetOverlappedResult, GetProfilesDirectoryW,             \
-         GetWindowsDirectoryW, InitializeProcThreadAttributeList, IsProcessInJob, MultiByteToWideChar,        \
-         QueryInformationJobObject, ReadFile, ResetEvent, SetFileInformationByHandle, SetHandleInformation,   \
-         SetInformationJobObject, TerminateJobObject, TerminateProcess, UpdateProcThreadAttribute,            \
+#define FAULTS(X)                                                                                                    \
+    EACH(X, ERROR_NOACCESS, RegEnumKeyExW, RegEnumValueW, RegGetValueW, RegOpenKeyExW, RegQueryInfoKeyW,             \
+         RegQueryValueExW)                                                                                           \
+    EACH(X, -1, CreateFileW, CreateNamedPipeW, FindFirstFileExW, GetFileAttributesW, WaitForSingleObject,            \
+         WaitForSingleObjectEx)                                                                                      \
+    EACH(X, 0, CompareStringOrdinal, CreateEventW, CreateJobObjectW, CreatePipe, CreateProcessW, DeleteFileW,        \
+         FileTimeToSystemTime, FindNextFileW, GetBinaryTypeW, GetDateFormatEx, GetExitCodeProcess,                   \
+         GetFileAttributesExW, GetFileInformationByHandle, GetFileInformationByHandleEx, GetFileSizeEx, GetFileType, \
+         GetFinalPathNameByHandleW, GetFullPathNameW, GetOverlappedResult, GetProfilesDirectoryW, GetTimeFormatEx,   \
+         GetWindowsDirectoryW, InitializeProcThreadAttributeList, IsProcessInJob, MultiByteToWideChar,               \
+         QueryInformationJobObject, ReadFile, ResetEvent, SetFileInformationByHandle, SetHandleInformation,          \
+         SetInformationJobObject, TerminateJobObject, TerminateProcess, UpdateProcThreadAttribute,                   \
          WideCharToMultiByte, WriteFile)
 
 #define FAULT_OF(function, result) Fault<#function, result, decltype(function)>
 
 // These are declared as if they were in the program.
 using KnownFolderFault = FAULT_OF(SHGetKnownFolderPath, E_ACCESSDENIED);
+using OpenFault = FAULT_OF(NtOpenFile, static_cast<NTSTATUS>(0xC0000022));
 using RandomFault = FAULT_OF(BCryptGenRandom, static_cast<NTSTATUS>(0xC0000001));
 
 // NOLINTBEGIN(bugprone-reserved-identifier,bugprone-macro-parentheses,readability-inconsistent-declaration-parameter-name):
@@ -113,6 +115,10 @@ extern "C" {
 FAULTS(TAKE_PLACE)
 HRESULT WINAPI SHGetKnownFolderPath(const GUID& id, DWORD flags, HANDLE token, PWSTR* path) {
     return KnownFolderFault::Call(id, flags, token, path);
+}
+NTSTATUS WINAPI NtOpenFile(PHANDLE file, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes, PIO_STATUS_BLOCK status,
+                           ULONG share, ULONG options) {
+    return OpenFault::Call(file, access, attributes, status, share, options);
 }
 NTSTATUS WINAPI BCryptGenRandom(BCRYPT_ALG_HANDLE algorithm, PUCHAR bytes, ULONG size, ULONG flags) {
     return RandomFault::Call(algorithm, bytes, size, flags);
@@ -131,6 +137,7 @@ struct Function {
 #define ROW(function, result) {#function, FAULT_OF(function, result)::calls},
 const Function functions[] = {
     FAULTS(ROW){"SHGetKnownFolderPath", KnownFolderFault::calls},
+    {"NtOpenFile", OpenFault::calls},
     {"BCryptGenRandom", RandomFault::calls},
 };
 

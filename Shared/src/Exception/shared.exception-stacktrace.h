@@ -20,8 +20,6 @@ public:
     /// Safe to call from any thread; serialised inside because DbgHelp is not.
     [[nodiscard]] std::string ToString() const;
 
-    [[nodiscard]] std::size_t FrameCount() const noexcept { return count_; }
-
 private:
     static constexpr std::size_t maxFrames = 62;
     std::array<void*, maxFrames> frames_{};

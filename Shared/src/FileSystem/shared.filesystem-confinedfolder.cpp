@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
+#include <limits>
 #include <optional>
 #include <vector>
 
@@ -16,11 +17,15 @@ namespace Shared::FileSystem {
 namespace {
 
 constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+// Of a verbatim path; the system's own form of it begins with another one of that length.
+constexpr std::size_t prefixLength = 4;
 constexpr DWORD notThroughLink = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT;
 
 // FileHardLinkInformation of the documented file information classes; the user-mode header has only the first few.
 constexpr auto hardLinkInformation = static_cast<FILE_INFORMATION_CLASS>(46);
 constexpr NTSTATUS bufferOverflow = static_cast<NTSTATUS>(0x80000005);
+// The file was opened, but whoever holds an oplock on it has yet to give way: reading would wait for that.
+constexpr auto oplockBreakInProgress = static_cast<NTSTATUS>(0x108);
 struct LinkEntry {
     ULONG nextEntryOffset;
     LONGLONG parentFileId;
@@ -66,7 +71,6 @@ std::wstring Below(std::wstring folder, std::wstring_view name) {
 
 // Messages show paths; the prefix of a drive's path is not for readers.
 std::wstring Readable(const std::wstring& path) {
-    constexpr std::size_t prefixLength = 4;
     return path.size() > prefixLength + 1 && path[prefixLength + 1] == L':' ? path.substr(prefixLength) : path;
 }
 
@@ -74,6 +78,42 @@ bool IsLinkHandle(HANDLE handle) {
     FILE_ATTRIBUTE_TAG_INFO tag{};
     return GetFileInformationByHandleEx(handle, FileAttributeTagInfo, &tag, sizeof tag) == FALSE ||
            IsLink(tag.FileAttributes, tag.ReparseTag);
+}
+
+// Opens a verbatim path for reading. Without delete sharing: that is what fastens the name to the file. A user who
+// never gives up an oplock on his file must not keep the program waiting: he counts as one who has locked it. Scanners
+// give theirs up within moments.
+DWORD OpenForReading(const std::wstring& verbatim, Util::FileHandle& file) {
+    std::wstring path = LR"(\??\)" + verbatim.substr(prefixLength);
+    if (path.size() * sizeof(wchar_t) > std::numeric_limits<USHORT>::max()) {
+        return ERROR_FILENAME_EXCED_RANGE;
+    }
+    const auto length = static_cast<USHORT>(path.size() * sizeof(wchar_t));
+    UNICODE_STRING text{.Length = length, .MaximumLength = length, .Buffer = path.data()};
+    OBJECT_ATTRIBUTES attributes{};
+    InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    constexpr int attempts = 20;
+    constexpr DWORD pause = 50;
+    for (int attempt = 1;; ++attempt) {
+        IO_STATUS_BLOCK status{};
+        HANDLE handle = INVALID_HANDLE_VALUE;
+        const NTSTATUS result =
+            NtOpenFile(&handle, FILE_GENERIC_READ, &attributes, &status, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                       FILE_OPEN_REPARSE_POINT | FILE_OPEN_FOR_BACKUP_INTENT | FILE_SYNCHRONOUS_IO_NONALERT |
+                           FILE_COMPLETE_IF_OPLOCKED);
+        if (result < 0) {
+            return RtlNtStatusToDosError(result);
+        }
+        file.Reset(handle);
+        if (result != oplockBreakInProgress) {
+            return ERROR_SUCCESS;
+        }
+        file.Reset();
+        if (attempt == attempts) {
+            return ERROR_SHARING_VIOLATION;
+        }
+        Sleep(pause);
+    }
 }
 
 // The folders that hold the file's names, by their ids; nothing when the file system does not tell.
@@ -160,11 +200,7 @@ std::expected<ConfinedFile, DWORD> ConfinedFolder::Open(std::wstring_view name) 
     }
 
     const std::wstring expected = Below(root_, name);
-    // Without delete sharing: that is what fastens the name to the file.
-    file.handle.Reset(CreateFileW(expected.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                  OPEN_EXISTING, notThroughLink, nullptr));
-    if (!file.handle) {
-        const DWORD error = GetLastError();
+    if (const DWORD error = OpenForReading(expected, file.handle); error != ERROR_SUCCESS) {
         if (!IsNotFound(error)) {
             return std::unexpected(error);
         }

@@ -23,7 +23,8 @@ GeneratedFile::GeneratedFile(std::filesystem::path path) : path_(std::move(path)
     file_.Reset(CreateFileW(LongForm(path_).c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_NEW,
                             FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     if (!file_) {
-        throw Exception::Win32Exception("Cannot create the file " + Util::ToUtf8(path_), GetLastError());
+        const DWORD error = GetLastError();
+        throw Exception::Win32Exception("Cannot create the file " + Util::ToUtf8(path_), error);
     }
 }
 
@@ -49,7 +50,8 @@ void GeneratedFile::WriteBytes(std::string_view bytes) {
         const auto chunk = static_cast<DWORD>(std::min<std::size_t>(bytes.size(), 1U << 20U));
         DWORD written = 0;
         if (::WriteFile(file_.Get(), bytes.data(), chunk, &written, nullptr) == FALSE) {
-            throw Exception::Win32Exception("Cannot write the file " + Util::ToUtf8(path_), GetLastError());
+            const DWORD error = GetLastError();
+            throw Exception::Win32Exception("Cannot write the file " + Util::ToUtf8(path_), error);
         }
         bytes.remove_prefix(written);
     }

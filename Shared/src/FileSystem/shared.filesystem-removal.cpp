@@ -22,6 +22,26 @@ bool IsMissing(DWORD error) {
     return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
 }
 
+constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+constexpr DWORD linkItself = FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS;
+
+// FileDispositionInfoEx, which not every header has under its name.
+constexpr auto dispositionInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(21);
+
+DWORD Delete(HANDLE handle) {
+    // Read-only files as well, without changing the attribute, which a file's further names share; and at once, though
+    // others have the file open. File systems that do not know this know the plain form.
+    FILE_DISPOSITION_INFO_EX thorough{};
+    thorough.Flags = FILE_DISPOSITION_FLAG_DELETE | FILE_DISPOSITION_FLAG_POSIX_SEMANTICS |
+                     FILE_DISPOSITION_FLAG_IGNORE_READONLY_ATTRIBUTE;
+    FILE_DISPOSITION_INFO plain{};
+    plain.DeleteFile = TRUE;
+    return SetFileInformationByHandle(handle, dispositionInfoEx, &thorough, sizeof thorough) != FALSE ||
+                   SetFileInformationByHandle(handle, FileDispositionInfo, &plain, sizeof plain) != FALSE
+               ? ERROR_SUCCESS
+               : GetLastError();
+}
+
 DWORD RemoveLongName(const std::wstring& name) {
     const DWORD attributes = GetFileAttributesW(name.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES) {
@@ -32,11 +52,14 @@ DWORD RemoveLongName(const std::wstring& name) {
     if ((folder ? RemoveDirectoryW(name.c_str()) : DeleteFileW(name.c_str())) != FALSE) {
         return ERROR_SUCCESS;
     }
-    const DWORD error = GetLastError();
+    DWORD error = GetLastError();
+    if (error == ERROR_ACCESS_DENIED && (attributes & FILE_ATTRIBUTE_READONLY) != 0) {
+        const Util::FileHandle entry(
+            CreateFileW(name.c_str(), DELETE, shareAll, nullptr, OPEN_EXISTING, linkItself, nullptr));
+        error = entry ? Delete(entry.Get()) : GetLastError();
+    }
     return IsMissing(error) ? ERROR_SUCCESS : error;
 }
-
-constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 constexpr ACCESS_MASK removalAccess = DELETE | FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | SYNCHRONIZE;
 
@@ -64,14 +87,6 @@ bool IsRealFolder(HANDLE handle) {
     return GetFileInformationByHandle(handle, &information) != FALSE &&
            (information.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) ==
                FILE_ATTRIBUTE_DIRECTORY;
-}
-
-DWORD Delete(HANDLE handle) {
-    FILE_DISPOSITION_INFO disposition{};
-    disposition.DeleteFile = TRUE;
-    return SetFileInformationByHandle(handle, FileDispositionInfo, &disposition, sizeof disposition) != FALSE
-               ? ERROR_SUCCESS
-               : GetLastError();
 }
 
 DWORD ListChildren(HANDLE folder, std::vector<std::wstring>& names) {
@@ -112,8 +127,8 @@ DWORD RemoveTree(const std::wstring& root) {
         levels.push_back({.folder = std::move(entry), .names = {}});
         return ListChildren(levels.back().folder.Get(), levels.back().names);
     };
-    Util::FileHandle top(CreateFileW(root.c_str(), removalAccess, shareAll, nullptr, OPEN_EXISTING,
-                                     FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    Util::FileHandle top(
+        CreateFileW(root.c_str(), removalAccess, shareAll, nullptr, OPEN_EXISTING, linkItself, nullptr));
     DWORD error = top ? removeOrDescend(std::move(top)) : GetLastError();
     while (error == ERROR_SUCCESS && !levels.empty()) {
         Level& level = levels.back();

@@ -27,7 +27,9 @@ AppendInPlaceSource::AppendInPlaceSource(std::unique_ptr<ArchiveFile> file) : fi
 FileResult<void> AppendInPlaceSource::OpenExisting() {
     readAhead_.clear();
     size_ = 0;
-    if (auto opened = file_->Open(); !opened) {
+    auto opened = file_->Open();
+    missing_ = !opened && opened.error() == ERROR_FILE_NOT_FOUND;
+    if (!opened) {
         return opened;
     }
     const auto size = file_->Size();
@@ -41,10 +43,7 @@ FileResult<void> AppendInPlaceSource::OpenExisting() {
 FileResult<void> AppendInPlaceSource::Prepare() {
     ClearFailure();
     if (auto opened = OpenExisting(); !opened) {
-        if (opened.error() == ERROR_FILE_NOT_FOUND) {
-            return {};
-        }
-        return opened;
+        return missing_ ? FileResult<void>() : opened;
     }
     if (size_ == 0) {
         return {};
@@ -128,6 +127,7 @@ zip_int64_t AppendInPlaceSource::Dispatch(void* data, zip_uint64_t length, zip_s
             return Done(Rollback(), ZIP_ER_WRITE);
         case ZIP_SOURCE_REMOVE:
             size_ = 0;
+            missing_ = true;
             return Done(file_->Remove(), ZIP_ER_REMOVE);
         default:
             zip_error_set(&error_, ZIP_ER_OPNOTSUPP, 0);
@@ -159,7 +159,7 @@ zip_int64_t AppendInPlaceSource::Stat(void* data, zip_uint64_t length) {
         return Fail(ZIP_ER_INVAL, ERROR_INVALID_PARAMETER);
     }
     if (const auto opened = OpenExisting(); !opened) {
-        if (opened.error() != ERROR_FILE_NOT_FOUND) {
+        if (!missing_) {
             return Fail(ZIP_ER_OPEN, opened.error());
         }
         // The pair by which libzip knows that there is no archive yet.
@@ -233,7 +233,7 @@ FileResult<void> AppendInPlaceSource::Begin() {
     if (!found) {
         return std::unexpected(found.error());
     }
-    if (found->end == FileEnd::Tail && found->tail.entryCount == 0) {
+    if (found->end == FileEnd::Tail && found->tail.directorySize == 0) {
         StartInPlace(std::move(found->tail));
         return {};
     }
@@ -247,15 +247,16 @@ FileResult<void> AppendInPlaceSource::Begin() {
 }
 
 FileResult<void> AppendInPlaceSource::CreateEmpty() {
-    if (auto opened = file_->Open(); !opened) {
-        if (opened.error() == ERROR_FILE_NOT_FOUND) {
-            opened = file_->Create();
-            created_ = opened.has_value();
-        }
-        if (!opened) {
-            return opened;
-        }
+    auto ready = missing_ ? file_->Create() : file_->Open();
+    if (!ready && ready.error() == ERROR_FILE_EXISTS) {
+        // Put there since it was looked for: it would stay its owner's, and open to him.
+        ready = file_->Remove();
+        ready = ready ? file_->Create() : ready;
     }
+    if (!ready) {
+        return ready;
+    }
+    created_ = missing_;
     ArchiveTail tail = EmptyTail();
     if (auto written = file_->Write(0, tail.records); !written) {
         [[maybe_unused]] const auto emptied = file_->Truncate(0);
@@ -378,6 +379,7 @@ FileResult<void> AppendInPlaceSource::Commit() {
         replacement_.reset();
     }
     size_ = writeEnd_;
+    missing_ = false;
     inPlace_ = false;
     created_ = false;
     buffer_.clear();

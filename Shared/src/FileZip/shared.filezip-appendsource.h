@@ -79,6 +79,7 @@ private:
 
     std::unique_ptr<ArchiveFile> file_;
     std::uint64_t size_ = 0;
+    bool missing_ = false;
     zip_error_t error_{};
     DWORD failure_ = ERROR_SUCCESS;
 

@@ -180,8 +180,12 @@ FileResult<void> Win32ArchiveFile::ReplaceBy(ArchiveFile& sibling) {
     other.Close();
     Close();
     auto replaced = ResultOf(PatientlyDo([&]() -> DWORD {
-        return MoveFileExW(other.path_.c_str(), path_.c_str(), MOVEFILE_REPLACE_EXISTING) == FALSE ? GetLastError()
-                                                                                                   : ERROR_SUCCESS;
+        if (MoveFileExW(other.path_.c_str(), path_.c_str(), MOVEFILE_REPLACE_EXISTING) != FALSE) {
+            return ERROR_SUCCESS;
+        }
+        // What says that somebody has the file open that is to be replaced.
+        const DWORD code = GetLastError();
+        return code == ERROR_ACCESS_DENIED ? ERROR_SHARING_VIOLATION : code;
     }));
     if (replaced) {
         other.temporary_ = false;

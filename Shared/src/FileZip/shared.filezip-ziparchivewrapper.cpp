@@ -166,10 +166,11 @@ std::string ZipArchiveWrapper::Reopen() {
     if (const auto prepared = source_->Prepare(); !prepared) {
         reason = Win32Reason(prepared.error());
     } else if (zip_source_t* source = source_->NewSource(); source != nullptr) {
-        zip_source_keep(source);
         archive_.reset(libzippp::ZipArchive::fromSource(source, libzippp::ZipArchive::Write));
-        reason = archive_ ? std::string() : OpeningFailure(*source_, source);
-        zip_source_free(source);
+        if (!archive_) {
+            reason = OpeningFailure(*source_, source);
+            zip_source_free(source);
+        }
     } else {
         reason = Win32Reason(ERROR_NOT_ENOUGH_MEMORY);
     }
@@ -215,9 +216,9 @@ ZipArchiveWrapper::AddResult ZipArchiveWrapper::AddFile(const std::string& entry
 ZipArchiveWrapper::AddResult ZipArchiveWrapper::AddToOpenArchive(const std::string& entryName,
                                                                  const std::filesystem::path& source) {
     const std::filesystem::path longForm = FileSystem::LongForm(source);
-    // Held open from here on, so that the size is that of the very file which the library reads.
-    const Util::FileHandle file(CreateFileW(longForm.c_str(), GENERIC_READ,
-                                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+    // Held open from here on, and kept from being renamed, so that the size is that of the very file which the library
+    // reads.
+    const Util::FileHandle file(CreateFileW(longForm.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                             OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
     if (!file) {
         return std::unexpected(NotArchived(source, Win32Reason(GetLastError())));
@@ -250,14 +251,15 @@ ZipArchiveWrapper::AddResult ZipArchiveWrapper::AddToOpenArchive(const std::stri
 ZipArchiveWrapper::AddResult ZipArchiveWrapper::CheckAdded(const std::string& entryName,
                                                            const std::filesystem::path& source,
                                                            std::uint64_t sizeBefore, std::uint64_t sizeAfter) {
-    const std::uint64_t archived = archive_->getEntry(entryName).getSize();
-    if (archived < sizeBefore) {
-        return std::unexpected(NotArchived(source, Shrank(sizeBefore, archived)) + Remove(entryName));
-    }
     if (maxArchiveSize_ != 0 && source_->FileSize() > maxArchiveSize_) {
         return std::unexpected(fmt::format("Excluded file {} ({}) as it exceeds the maximum archive size ({}).",
                                            Util::ToUtf8(source), FormatSize(sizeBefore), FormatSize(maxArchiveSize_)) +
                                Remove(entryName));
+    }
+    const std::uint64_t archived = archive_->getEntry(entryName).getSize();
+    if (archived < sizeBefore) {
+        return std::unexpected(
+            fmt::format("File {}: {}; what was read is archived", Util::ToUtf8(source), Shrank(sizeBefore, archived)));
     }
     if (sizeAfter > archived) {
         return std::unexpected(

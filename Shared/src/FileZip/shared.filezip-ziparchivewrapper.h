@@ -19,13 +19,14 @@ class AppendInPlaceSource;
 /// The output archive: owns the zip file on disk and the open library archive on it. After every add the archive is
 /// closed and opened again, so that the file on disk always holds what has been added.
 ///
-/// An add costs only the file it is asked to add: when the source vanishes, is locked, shrinks or cannot be read to its
-/// end, or when the disk is full, the add returns a message that names the file and the reason, the archive stays valid
-/// and open, and every earlier entry is still there. Where even the re-opening fails, the message says so, and the next
-/// add tries again.
+/// An add costs only the file it is asked to add: when the source vanishes, is locked or cannot be read to its end, or
+/// when the disk is full, the add returns a message that names the file and the reason, the archive stays valid and
+/// open, and every earlier entry is still there. Where even the re-opening fails, the message says so, and the next add
+/// tries again.
 ///
 /// Adding writes what is added, not what is there (see AppendInPlaceSource, which also says what a kill leaves).
-/// Replacing an entry and taking out one that is over the limit cost the whole archive.
+/// Replacing an entry and taking out one that is over the limit cost the whole archive; an entry whose replacement is
+/// over the limit is gone.
 class ZipArchiveWrapper {
 public:
     using AddResult = std::expected<void, std::string>;
@@ -51,8 +52,8 @@ public:
 
     /// Adds the file under the entry name (UTF-8, forward slashes), replacing an entry of that name. The entry keeps
     /// the file's modification time. The source may be open elsewhere, also for writing; of a file that grows meanwhile
-    /// the part is archived that was there at first, and the result says so. Otherwise an error means that the file
-    /// was not archived. Does not throw.
+    /// the part is archived that was there at first, of one that shrinks what could be read, and the result is an error
+    /// that says so. Otherwise an error means that the file was not archived. Does not throw.
     AddResult AddFile(const std::string& entryName, const std::filesystem::path& source);
 
     /// As AddFile, under the folder joined with the source file's own name. A name that has no exact UTF-8 form never

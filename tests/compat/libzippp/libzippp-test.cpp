@@ -14,12 +14,8 @@ TEST(LibzipppTest, ChangesCountWhenTheArchiveIsClosed) {
     const std::string file = Shared::Util::ToUtf8(folder / L"\u00e9.log");
     TestSupport::WriteFile(folder / L"\u00e9.log", "file");
     ZipArchive archive(Shared::Util::ToUtf8(folder / L"\u00e4rchive.zip"));
-    EXPECT_FALSE(archive.open(ZipArchive::ReadOnly));
-    EXPECT_EQ(archive.deleteEntry("x"), LIBZIPPP_ERROR_NOT_OPEN);
     ASSERT_TRUE(archive.open(ZipArchive::Write));
     EXPECT_TRUE(archive.addFile("a/b/\u00e9.log", file) && archive.addData("ab", "data\0binary", 11));
-    EXPECT_FALSE(archive.addFile("none", "missing") || archive.addFile("folder/", file));
-    EXPECT_TRUE(archive.getEntry("ab").setDate(1000000000));
     ASSERT_EQ(archive.close(), LIBZIPPP_OK);
 
     ASSERT_TRUE(archive.open(ZipArchive::Write));
@@ -39,11 +35,7 @@ TEST(LibzipppTest, ChangesCountWhenTheArchiveIsClosed) {
 
     ASSERT_TRUE(archive.open(ZipArchive::ReadOnly, true));
     EXPECT_EQ(archive.getNbEntries(), 1);
-    const libzippp::ZipEntry entry = archive.getEntry("ab");
-    EXPECT_EQ(entry.readAsText(), std::string("data\0binary", 11));
-    EXPECT_EQ(entry.getDate(), 1000000000);
-    EXPECT_FALSE(archive.addData("b", "b", 1));
-    EXPECT_EQ(archive.deleteEntry("ab"), LIBZIPPP_ERROR_NOT_ALLOWED);
+    EXPECT_EQ(archive.getEntry("ab").readAsText(), std::string("data\0binary", 11));
 }
 
 }  // namespace

@@ -43,9 +43,8 @@ public:
     [[nodiscard]] const std::string& getName() const { return name_; }
     [[nodiscard]] libzippp_uint64 getIndex() const { return index_; }
     [[nodiscard]] std::time_t getDate() const { return time_; }
-    /// The size of the uncompressed data, and of the compressed data.
+    /// The size of the uncompressed data.
     [[nodiscard]] libzippp_uint64 getSize() const { return size_; }
-    [[nodiscard]] libzippp_uint64 getInflatedSize() const { return compressedSize_; }
     [[nodiscard]] int getCRC() const { return crc_; }
     [[nodiscard]] CompressionMethod getCompressionMethod() const { return method_; }
     [[nodiscard]] bool isDirectory() const { return name_.ends_with('/'); }
@@ -65,7 +64,6 @@ private:
     std::string name_;
     libzippp_uint64 index_ = 0;
     libzippp_uint64 size_ = 0;
-    libzippp_uint64 compressedSize_ = 0;
     std::time_t time_ = 0;
     int crc_ = 0;
     CompressionMethod method_ = CompressionMethod::DEFAULT;
@@ -99,7 +97,6 @@ public:
 
     [[nodiscard]] bool isOpen() const { return handle_ != nullptr; }
     [[nodiscard]] bool isMutable() const { return isOpen() && (mode_ == Write || mode_ == New); }
-    [[nodiscard]] const std::string& getPath() const { return path_; }
 
     [[nodiscard]] libzippp_int64 getNbEntries(State state = Current) const;
     [[nodiscard]] std::vector<ZipEntry> getEntries(State state = Current) const;

@@ -18,6 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::AllOf;
 using testing::HasSubstr;
+using testing::Pair;
 using TestSupport::Contents;
 using TestSupport::Noise;
 
@@ -112,9 +113,9 @@ TEST_F(ZipArchiveWrapperTest, AFileThatChangesItsSizeMeanwhileIsReported) {
         return ErrorOf(zip_.AddFile(name, source));
     };
     EXPECT_THAT(addWhile("shrinking", 1000), AllOf(HasSubstr("shrinking"), HasSubstr("it shrank from 25165824 to ")));
-    EXPECT_EQ(OnDisk(path_), (Contents{{"kept", "kept"}}));
+    EXPECT_THAT(OnDisk(path_), testing::ElementsAre(Pair("kept", "kept"), Pair("shrinking", HasSubstr(" bytes "))));
     EXPECT_THAT(addWhile("growing", data.size() + 1), AllOf(HasSubstr("growing"), HasSubstr("grew to 25165825 bytes")));
-    EXPECT_EQ(OnDisk(path_), (Contents{{"kept", "kept"}, {"growing", TestSupport::Brief(data)}}));
+    EXPECT_THAT(OnDisk(path_), testing::Contains(Pair("growing", TestSupport::Brief(data))));
 }
 
 TEST_F(ZipArchiveWrapperTest, TheLimitIsForTheFileOnDisk) {
@@ -167,6 +168,7 @@ TEST_F(ZipArchiveWrapperTest, OnlyAnArchiveOfItsOwnIsOpened) {
         ZipArchiveWrapper passing({}, 0, true);
         passing.SetPath(folder_ / L"passing.zip");
         passing.Open();
+        fs::copy_file(path_, passing.Path());  // what others put there later is not taken over
         EXPECT_TRUE(passing.AddFile("kept", folder_ / L"kept"));
         EXPECT_EQ(OnDisk(passing.Path()), (Contents{{"kept", "kept"}}));
     }
