@@ -6,7 +6,6 @@
 #include <optional>
 
 #include "shared.concurrency-cmdrunner.h"
-#include "shared.exception-guardedlog.h"
 #include "shared.exception.h"
 #include "shared.filesystem-generatedfile.h"
 #include "shared.util-functions.h"
@@ -19,9 +18,7 @@ using Shared::Concurrency::CmdRunStatus;
 using Shared::FileSystem::GeneratedFile;
 
 std::string Failure(std::string_view fileName, std::string_view reason) {
-    std::string message = fmt::format("Collector {} failed: {}", fileName, reason);
-    Shared::Exception::LogError("{}", message);
-    return message;
+    return Logged(fmt::format("Collector {} failed: {}", fileName, reason));
 }
 
 // The output goes to the file without a copy: it can be huge.

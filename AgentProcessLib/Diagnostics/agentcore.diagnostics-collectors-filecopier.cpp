@@ -4,7 +4,6 @@
 
 #include <utility>
 
-#include "shared.exception-guardedlog.h"
 #include "shared.filesystem-status.h"
 
 namespace AgentCore::Diagnostics::Collectors::FileSystem {
@@ -25,9 +24,7 @@ CollectorStatus CopyNamedFile(FolderProvider provider, std::string_view name, st
             return FromAdd(zip.AddFileToFolder(archiveFolder, source));
         },
         [&](std::string_view reason) {
-            std::string message = fmt::format("FileCopier failed copying file {}: {}", name, reason);
-            Shared::Exception::LogError("{}", message);
-            return message;
+            return Logged(fmt::format("FileCopier failed copying file {}: {}", name, reason));
         });
 }
 

@@ -8,7 +8,6 @@
 #include "agentcore.diagnostics-collectors-commandtofile.h"
 #include "agentcore.diagnostics-lacli.h"
 #include "shared.concurrency-cmdrunner.h"
-#include "shared.exception-guardedlog.h"
 #include "shared.exception.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-removal.h"
@@ -35,13 +34,6 @@ FileHandle Open(const std::filesystem::path& path) {
     return file;
 }
 
-bool IsPlainFile(const FileHandle& file) {
-    BY_HANDLE_FILE_INFORMATION information{};
-    return GetFileType(file.Get()) == FILE_TYPE_DISK && GetFileInformationByHandle(file.Get(), &information) != FALSE &&
-           (information.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == 0 &&
-           information.nNumberOfLinks == 1;
-}
-
 CollectorStatus ExportAndAdd(const std::filesystem::path& entryDir, Shared::FileZip::ZipArchiveWrapper& zip) {
     using Shared::FileSystem::FileKind;
     if (Shared::FileSystem::QueryStatus(Shared::PV::GetLacliPath(), "exists").kind == FileKind::NotFound) {
@@ -60,7 +52,7 @@ CollectorStatus ExportAndAdd(const std::filesystem::path& entryDir, Shared::File
     if (!file) {
         return Unsuccessful();
     }
-    if (!IsPlainFile(file)) {
+    if (Shared::FileSystem::ObjectionTo(file.Get()) != ERROR_SUCCESS) {
         throw Shared::Exception::RuntimeException(
             fmt::format("The file '{}' is not a regular file.", Shared::Util::ToUtf8(path)));
     }
@@ -71,13 +63,11 @@ CollectorStatus ExportAndAdd(const std::filesystem::path& entryDir, Shared::File
 
 CollectorStatus CollectRdnsExport(const std::filesystem::path& entryDir,
                                   Shared::FileZip::ZipArchiveWrapper& zip) noexcept {
-    return WithinBoundary([&] { return ExportAndAdd(entryDir, zip); },
-                          [](std::string_view reason) {
-                              std::string message =
-                                  fmt::format("Collector{} failed: {}", Shared::Util::ToUtf8(rdnsFileName), reason);
-                              Shared::Exception::LogError("{}", message);
-                              return message;
-                          });
+    return WithinBoundary(
+        [&] { return ExportAndAdd(entryDir, zip); },
+        [](std::string_view reason) {
+            return Logged(fmt::format("Collector{} failed: {}", Shared::Util::ToUtf8(rdnsFileName), reason));
+        });
 }
 
 }  // namespace AgentCore::Diagnostics::Collectors::Cmd

@@ -214,11 +214,7 @@ CollectorStatus CollectPVRegistryValues(const std::filesystem::path& entryDir,
             file.WriteText(report.view());
             return FromAdd(zip.AddFileToFolder(entryDir, file.Path()));
         },
-        [](std::string_view error) {
-            std::string message = fmt::format("PVRegistryValues failed: {}", error);
-            Shared::Exception::LogError("{}", message);
-            return message;
-        });
+        [](std::string_view error) { return Logged(fmt::format("PVRegistryValues failed: {}", error)); });
 }
 
 }  // namespace AgentCore::Diagnostics::Collectors::Registry

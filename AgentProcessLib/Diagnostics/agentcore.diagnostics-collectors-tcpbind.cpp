@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "agentcore.diagnostics-keydump.h"
-#include "shared.exception-guardedlog.h"
 #include "shared.filesystem-generatedfile.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-removal.h"
@@ -65,11 +64,7 @@ CollectorStatus CollectTcpBind(const std::filesystem::path& entryDir,
             file.WriteText(text);
             return FromAdd(zip.AddFileToFolder(entryDir, file.Path()));
         },
-        [](std::string_view error) {
-            std::string message = fmt::format("TcpBind failed: {}", error);
-            Shared::Exception::LogError("{}", message);
-            return message;
-        });
+        [](std::string_view error) { return Logged(fmt::format("TcpBind failed: {}", error)); });
 }
 
 }  // namespace AgentCore::Diagnostics::Collectors::Registry

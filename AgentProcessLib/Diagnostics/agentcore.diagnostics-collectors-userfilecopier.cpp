@@ -6,7 +6,6 @@
 #include <exception>
 #include <iterator>
 
-#include "shared.exception-guardedlog.h"
 #include "shared.exception-messages.h"
 #include "shared.filesystem-scan.h"
 
@@ -20,9 +19,7 @@ using Shared::FileSystem::FileKind;
 using Shared::Util::ToUtf8;
 
 std::string FailedCopying(const std::filesystem::path& file, const std::exception& error) {
-    std::string message = fmt::format("UserFileCopier failed copying the file {}: {}", ToUtf8(file), error.what());
-    Shared::Exception::LogError("{}", message);
-    return message;
+    return Logged(fmt::format("UserFileCopier failed copying the file {}: {}", ToUtf8(file), error.what()));
 }
 
 }  // namespace
@@ -52,11 +49,7 @@ CollectorStatus ProfileCopier::Collect(std::string_view relativePath, const std:
             }
             return Unsuccessful(fmt::format("{} is neither a directory or a valid file to copy", ToUtf8(source)));
         },
-        [](std::string_view reason) {
-            std::string message = fmt::format("User based collector failed: {}", reason);
-            Shared::Exception::LogError("{}", message);
-            return message;
-        });
+        [](std::string_view reason) { return Logged(fmt::format("User based collector failed: {}", reason)); });
 }
 
 CollectorStatus ProfileCopier::CopyFile(const std::filesystem::path& source, const std::filesystem::path& archiveFolder,

@@ -5,6 +5,7 @@
 #include <concepts>
 #include <exception>
 #include <filesystem>
+#include <source_location>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -38,6 +39,13 @@ concept Collector =
     requires(const T& collector, const std::filesystem::path& entryDir, Shared::FileZip::ZipArchiveWrapper& zip) {
         { collector.Collect(entryDir, zip) } noexcept -> std::same_as<CollectorStatus>;
     };
+
+/// Logs a failure, with the place of the call, and hands its message on.
+[[nodiscard]] inline std::string Logged(std::string message,
+                                        const std::source_location& where = std::source_location::current()) {
+    Shared::Exception::LogError(Shared::Exception::LogFormat("{}", where), message);
+    return message;
+}
 
 /// An unsuccessful status with one message, or with none.
 [[nodiscard]] inline CollectorStatus Unsuccessful() {

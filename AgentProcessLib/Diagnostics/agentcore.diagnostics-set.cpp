@@ -11,7 +11,6 @@
 #include <unordered_set>
 #include <utility>
 
-#include "shared.exception-guardedlog.h"
 #include "shared.util-functions.h"
 
 namespace AgentCore::Diagnostics {
@@ -48,8 +47,7 @@ void Guarded(const CollectorRow& row, CollectorStatus& status, Step&& step) {
     try {
         std::forward<Step>(step)();
     } catch (const std::exception& error) {
-        status.errors.push_back(fmt::format("Collector {} failed: {}", row.name, error.what()));
-        Shared::Exception::LogError("{}", status.errors.back());
+        status.errors.push_back(Logged(fmt::format("Collector {} failed: {}", row.name, error.what())));
     }
 }
 

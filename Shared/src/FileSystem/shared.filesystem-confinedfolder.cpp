@@ -62,13 +62,6 @@ bool IsAtOrBelow(std::wstring_view path, std::wstring_view folder) {
            (path.size() == folder.size() || folder.ends_with(L'\\') || path[folder.size()] == L'\\');
 }
 
-std::wstring Below(std::wstring folder, std::wstring_view name) {
-    if (!folder.ends_with(L'\\')) {
-        folder += L'\\';
-    }
-    return folder.append(name);
-}
-
 // Messages show paths; the prefix of a drive's path is not for readers.
 std::wstring Readable(const std::wstring& path) {
     return path.size() > prefixLength + 1 && path[prefixLength + 1] == L':' ? path.substr(prefixLength) : path;
@@ -173,7 +166,7 @@ ConfinedFolder::ConfinedFolder(const std::filesystem::path& folder) {
 FileKind ConfinedFolder::LookAlong(std::wstring_view name) const {
     for (std::size_t end = 0; end != std::wstring_view::npos;) {
         end = name.find(L'\\', end + 1);
-        const std::wstring path = Below(root_, name.substr(0, end));
+        const std::wstring path = NameBelow(root_, name.substr(0, end));
         const Util::FileHandle level(
             CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, shareAll, nullptr, OPEN_EXISTING, notThroughLink, nullptr));
         if (!level) {
@@ -199,7 +192,7 @@ std::expected<ConfinedFile, DWORD> ConfinedFolder::Open(std::wstring_view name) 
         return file;
     }
 
-    const std::wstring expected = Below(root_, name);
+    const std::wstring expected = NameBelow(root_, name);
     if (const DWORD error = OpenForReading(expected, file.handle); error != ERROR_SUCCESS) {
         if (!IsNotFound(error)) {
             return std::unexpected(error);

@@ -2,9 +2,6 @@
 
 #include <windows.h>
 
-#include <string>
-#include <string_view>
-
 #include "shared.exception.h"
 
 namespace Shared::FileSystem {
@@ -43,6 +40,13 @@ std::filesystem::path LongForm(const std::filesystem::path& path) {
         return std::wstring(LR"(\\?\UNC)") + full.substr(1);
     }
     return std::wstring(prefix) + full;
+}
+
+std::wstring NameBelow(std::wstring folder, std::wstring_view name) {
+    if (!folder.ends_with(L'\\')) {
+        folder += L'\\';
+    }
+    return folder.append(name);
 }
 
 }  // namespace Shared::FileSystem

@@ -8,24 +8,12 @@
 
 namespace Shared::FileSystem {
 
-namespace {
-
-// Joined as text: to the path class a name that holds a colon would be a path of its own.
-std::wstring Join(std::wstring folder, std::wstring_view name) {
-    if (!folder.ends_with(L'\\')) {
-        folder += L'\\';
-    }
-    return folder.append(name);
-}
-
-}  // namespace
-
 bool DirectoryEntry::IsRealDirectory() const noexcept {
     return IsDirectory() && !IsLink(attributes, reparseTag);
 }
 
 DirectoryListing::DirectoryListing(std::filesystem::path folder) : folder_(std::move(folder)) {
-    const std::wstring pattern = Join(LongForm(folder_).native(), L"*");
+    const std::wstring pattern = NameBelow(LongForm(folder_).native(), L"*");
     HANDLE handle = FindFirstFileExW(pattern.c_str(), FindExInfoBasic, &data_, FindExSearchNameMatch, nullptr,
                                      FIND_FIRST_EX_LARGE_FETCH);
     if (handle != INVALID_HANDLE_VALUE) {
@@ -53,7 +41,7 @@ const DirectoryEntry* DirectoryListing::Next(const char* operation) {
             break;
         }
     }
-    entry_.path = Join(folder_.native(), data_.cFileName);
+    entry_.path = NameBelow(folder_.native(), data_.cFileName);
     entry_.attributes = data_.dwFileAttributes;
     entry_.reparseTag = (data_.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 ? data_.dwReserved0 : 0;
     return &entry_;

@@ -82,16 +82,29 @@ bool IsLink(DWORD attributes, DWORD reparseTag) noexcept {
            (IsReparseTagNameSurrogate(reparseTag) || reparseTag == IO_REPARSE_TAG_RESERVED_ZERO);
 }
 
+DWORD ObjectionTo(HANDLE file) noexcept {
+    if (GetFileType(file) != FILE_TYPE_DISK) {
+        return ERROR_BAD_FILE_TYPE;
+    }
+    BY_HANDLE_FILE_INFORMATION information{};
+    if (GetFileInformationByHandle(file, &information) == FALSE) {
+        return GetLastError();
+    }
+    if ((information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+        return ERROR_CANT_RESOLVE_FILENAME;
+    }
+    if ((information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+        return ERROR_DIRECTORY;
+    }
+    return information.nNumberOfLinks > 1 ? ERROR_TOO_MANY_LINKS : ERROR_SUCCESS;
+}
+
 bool LeadsElsewhere(const std::filesystem::path& path) {
     const Util::FileHandle file(CreateFileW(
         LongForm(path).c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
         OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    BY_HANDLE_FILE_INFORMATION information{};
-    if (!file || GetFileInformationByHandle(file.Get(), &information) == FALSE) {
-        return false;
-    }
-    return (information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 ||
-           ((information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 && information.nNumberOfLinks > 1);
+    const DWORD objection = file ? ObjectionTo(file.Get()) : DWORD{ERROR_SUCCESS};
+    return objection == ERROR_CANT_RESOLVE_FILENAME || objection == ERROR_TOO_MANY_LINKS;
 }
 
 void ThrowFileSystemError(const char* operation, const std::filesystem::path& path, DWORD code) {

@@ -32,6 +32,12 @@ struct FileStatus {
 /// Deduplicated, compressed and cloud-backed files are reparse points as well, and are ordinary files.
 [[nodiscard]] bool IsLink(DWORD attributes, DWORD reparseTag) noexcept;
 
+/// Why an open file may be another one than its name says, so that writing to it or passing it on as ours must not be:
+/// ERROR_CANT_RESOLVE_FILENAME of a link, ERROR_DIRECTORY, ERROR_TOO_MANY_LINKS of a file with further names,
+/// ERROR_BAD_FILE_TYPE of what is on no disk, or why it cannot be told. ERROR_SUCCESS of a plain file. Judged by the
+/// handle, so that no name can be swapped meanwhile.
+[[nodiscard]] DWORD ObjectionTo(HANDLE file) noexcept;
+
 /// Whether to write under the name would write elsewhere as well: it is a link, or one of several names of a file.
 /// False when nothing has the name, or nobody can tell.
 [[nodiscard]] bool LeadsElsewhere(const std::filesystem::path& path);

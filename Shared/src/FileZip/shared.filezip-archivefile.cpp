@@ -7,6 +7,7 @@
 
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-removal.h"
+#include "shared.filesystem-status.h"
 
 namespace Shared::FileZip {
 
@@ -40,21 +41,6 @@ Util::FileHandle OpenFile(const std::filesystem::path& path, DWORD disposition) 
                                         disposition, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
 }
 
-/// Why a file that was there must not be written to; judged by the handle, so that no name can be swapped meanwhile.
-DWORD Objection(HANDLE file) {
-    BY_HANDLE_FILE_INFORMATION information{};
-    if (GetFileType(file) != FILE_TYPE_DISK) {
-        return ERROR_BAD_FILE_TYPE;
-    }
-    if (GetFileInformationByHandle(file, &information) == FALSE) {
-        return GetLastError();
-    }
-    if ((information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
-        return ERROR_CANT_RESOLVE_FILENAME;
-    }
-    return information.nNumberOfLinks > 1 ? ERROR_TOO_MANY_LINKS : ERROR_SUCCESS;
-}
-
 OVERLAPPED At(std::uint64_t offset) {
     OVERLAPPED position{};
     position.Offset = static_cast<DWORD>(offset & std::numeric_limits<DWORD>::max());
@@ -85,7 +71,7 @@ FileResult<void> Win32ArchiveFile::Open() {
         if (!file) {
             return GetLastError();
         }
-        if (const DWORD objection = Objection(file.Get()); objection != ERROR_SUCCESS) {
+        if (const DWORD objection = FileSystem::ObjectionTo(file.Get()); objection != ERROR_SUCCESS) {
             return objection;
         }
         handle_ = std::move(file);
