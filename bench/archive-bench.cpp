@@ -35,7 +35,7 @@ void ByWrapper(const std::string& archive, const std::vector<std::string>& files
     zip.Open();
     for (const std::string& file : files) {
         const auto added = zip.AddFile("LOGS_0/" + file, Shared::Util::PathFromUtf8(file));
-        Require(added.has_value(), added ? "" : added.error());
+        Require(added.has_value(), added ? "" : added.error().message);
     }
     zip.Close();
 }

@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <exception>
+#include <iterator>
 #include <set>
 #include <unordered_map>
 #include <utility>
@@ -42,11 +44,11 @@ public:
             Report(fmt::format("Skipped file {} as extension copier reached copyable limit.", ToUtf8(file.path)));
         } else if (CheckResult check = FileChecksPass(file.path, scan_.maxSize); !check) {
             Report(std::move(check.error().message));
-        } else if (auto added = zip_.AddFileToFolder(archiveFolder_, file.path); !added) {
-            Report(std::move(added.error()));
         } else {
-            ++copied;
-            status_.success = true;
+            CollectorStatus added = FromAdd(zip_.AddFileToFolder(archiveFolder_, file.path));
+            copied += added.success ? 1 : 0;
+            status_.success = status_.success || added.success;
+            std::ranges::move(added.errors, std::back_inserter(status_.errors));
         }
     }
 

@@ -59,11 +59,11 @@ concept Collector =
 
 /// What an add to the archive makes of a collector that adds one file.
 [[nodiscard]] inline CollectorStatus FromAdd(Shared::FileZip::ZipArchiveWrapper::AddResult result) {
-    if (!result) {
-        return Unsuccessful(std::move(result.error()));
-    }
     CollectorStatus status;
-    status.success = true;
+    status.success = result.has_value() || result.error().isArchived;
+    if (!result) {
+        status.errors.push_back(std::move(result.error().message));
+    }
     return status;
 }
 

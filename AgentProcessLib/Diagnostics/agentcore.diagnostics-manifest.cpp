@@ -13,8 +13,8 @@ void WriteManifest(std::span<const CollectorStatus> statuses, Shared::FileZip::Z
     const std::string json = Shared::Protobuf::GenerateJSONFrom(response);
     Shared::FileSystem::GeneratedFile file(L"manifest.json");
     file.WriteText(json);
-    if (const auto added = zip.AddFile("manifest.json", file.Path()); !added) {
-        throw Shared::Exception::RuntimeException(added.error());
+    if (const auto added = zip.AddFile("manifest.json", file.Path()); !added && !added.error().isArchived) {
+        throw Shared::Exception::RuntimeException(added.error().message);
     }
 }
 

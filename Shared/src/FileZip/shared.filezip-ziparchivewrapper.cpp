@@ -28,6 +28,10 @@ std::string NotArchived(const std::filesystem::path& source, std::string_view re
     return fmt::format("Cannot archive file {}: {}", Util::ToUtf8(source), reason);
 }
 
+std::unexpected<ZipArchiveWrapper::AddFailure> Failed(std::string message, bool isArchived = false) {
+    return std::unexpected(ZipArchiveWrapper::AddFailure{.message = std::move(message), .isArchived = isArchived});
+}
+
 std::string Win32Reason(DWORD code) {
     switch (code) {
         case ERROR_CANT_RESOLVE_FILENAME:
@@ -203,13 +207,13 @@ ZipArchiveWrapper::AddResult ZipArchiveWrapper::AddFile(const std::string& entry
                                                         const std::filesystem::path& source) {
     try {
         if (const std::string trouble = archive_ ? std::string() : TryOpen(); !trouble.empty()) {
-            return std::unexpected(NotArchived(source, trouble));
+            return Failed(NotArchived(source, trouble));
         }
         return AddToOpenArchive(EntryName(entryName), source);
     } catch (const std::exception& failure) {
         Exception::LogError("{}", failure.what());
         const std::string trouble = source_ ? DropChanges() : std::string();
-        return std::unexpected(NotArchived(source, "it could not be added, see the log") + trouble);
+        return Failed(NotArchived(source, "it could not be added, see the log") + trouble);
     }
 }
 
@@ -221,12 +225,12 @@ ZipArchiveWrapper::AddResult ZipArchiveWrapper::AddToOpenArchive(const std::stri
     const Util::FileHandle file(CreateFileW(longForm.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                             OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
     if (!file) {
-        return std::unexpected(NotArchived(source, Win32Reason(GetLastError())));
+        return Failed(NotArchived(source, Win32Reason(GetLastError())));
     }
     const std::uint64_t size = SizeOf(file);
     const std::optional<std::string> libraryPath = LibraryPath(longForm);
     if (!libraryPath) {
-        return std::unexpected(NotArchived(source, "its name is not valid UTF-16"));
+        return Failed(NotArchived(source, "its name is not valid UTF-16"));
     }
 
     // An entry that is replaced in place would keep the library's default compression.
@@ -240,10 +244,10 @@ ZipArchiveWrapper::AddResult ZipArchiveWrapper::AddToOpenArchive(const std::stri
     if (!prepared || archive_->close() != LIBZIPPP_OK) {
         const std::string reason =
             source_->LastFailure() != ERROR_SUCCESS ? WritingFailure() : ReadingFailure(file, size);
-        return std::unexpected(NotArchived(source, reason) + DropChanges());
+        return Failed(NotArchived(source, reason) + DropChanges());
     }
     if (const std::string trouble = Reopen(); !trouble.empty()) {
-        return std::unexpected(fmt::format("File {} was archived, but then: {}", Util::ToUtf8(source), trouble));
+        return Failed(fmt::format("File {} was archived, but then: {}", Util::ToUtf8(source), trouble), true);
     }
     return CheckAdded(entryName, source, size, SizeOf(file));
 }
@@ -252,19 +256,20 @@ ZipArchiveWrapper::AddResult ZipArchiveWrapper::CheckAdded(const std::string& en
                                                            const std::filesystem::path& source,
                                                            std::uint64_t sizeBefore, std::uint64_t sizeAfter) {
     if (maxArchiveSize_ != 0 && source_->FileSize() > maxArchiveSize_) {
-        return std::unexpected(fmt::format("Excluded file {} ({}) as it exceeds the maximum archive size ({}).",
-                                           Util::ToUtf8(source), FormatSize(sizeBefore), FormatSize(maxArchiveSize_)) +
-                               Remove(entryName));
+        return Failed(fmt::format("Excluded file {} ({}) as it exceeds the maximum archive size ({}).",
+                                  Util::ToUtf8(source), FormatSize(sizeBefore), FormatSize(maxArchiveSize_)) +
+                      Remove(entryName));
     }
     const std::uint64_t archived = archive_->getEntry(entryName).getSize();
     if (archived < sizeBefore) {
-        return std::unexpected(
-            fmt::format("File {}: {}; what was read is archived", Util::ToUtf8(source), Shrank(sizeBefore, archived)));
+        return Failed(
+            fmt::format("File {}: {}; what was read is archived", Util::ToUtf8(source), Shrank(sizeBefore, archived)),
+            true);
     }
     if (sizeAfter > archived) {
-        return std::unexpected(
-            fmt::format("File {} grew to {} bytes while it was read: its first {} bytes are archived",
-                        Util::ToUtf8(source), sizeAfter, archived));
+        return Failed(fmt::format("File {} grew to {} bytes while it was read: its first {} bytes are archived",
+                                  Util::ToUtf8(source), sizeAfter, archived),
+                      true);
     }
     return {};
 }

@@ -29,7 +29,15 @@ class AppendInPlaceSource;
 /// over the limit is gone.
 class ZipArchiveWrapper {
 public:
-    using AddResult = std::expected<void, std::string>;
+    /// What went wrong with an add.
+    struct AddFailure {
+        /// Names the file and the reason.
+        std::string message;
+        /// Whether the archive holds the file all the same: a part of one that changed its size, or the whole of one
+        /// after which the archive could not be opened again.
+        bool isArchived = false;
+    };
+    using AddResult = std::expected<void, AddFailure>;
 
     /// `maxArchiveSize` 0 means no limit; otherwise the largest size in bytes that the zip file may have after an add.
     explicit ZipArchiveWrapper(std::filesystem::path path, std::uint64_t maxArchiveSize = 0,
@@ -52,8 +60,8 @@ public:
 
     /// Adds the file under the entry name (UTF-8, forward slashes), replacing an entry of that name. The entry keeps
     /// the file's modification time. The source may be open elsewhere, also for writing; of a file that grows meanwhile
-    /// the part is archived that was there at first, of one that shrinks what could be read, and the result is an error
-    /// that says so. Otherwise an error means that the file was not archived. Does not throw.
+    /// the part is archived that was there at first, of one that shrinks what could be read, and the failure says so.
+    /// Does not throw.
     AddResult AddFile(const std::string& entryName, const std::filesystem::path& source);
 
     /// As AddFile, under the folder joined with the source file's own name. A name that has no exact UTF-8 form never
