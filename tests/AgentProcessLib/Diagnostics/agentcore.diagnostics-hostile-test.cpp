@@ -158,15 +158,16 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
         std::vector<std::string> wanted;
         for (int number = 0; number < 60; ++number) {
             const auto& [folder, ending] = folders[any.Below(std::size(folders))];
-            const std::wstring name = std::wstring(nameStarts[any.Below(std::size(nameStarts))]) +
-                                      any.Text(8, nameUnits) +
-                                      any.Text(any.Below(20) == 0 ? 210 : 1, nameUnits.substr(0, 8)) + ending;
+            std::wstring name(nameStarts[any.Below(std::size(nameStarts))]);
+            name.append(any.Text(8, nameUnits));
+            name.append(any.Text(any.Below(20) == 0 ? 210 : 1, nameUnits.substr(0, 8))).append(ending);
             fs::create_directories(root + folder);
-            const Shared::Util::FileHandle made(CreateFileW(Shared::FileSystem::LongForm(root + folder + name).c_str(),
-                                                            GENERIC_WRITE, 0, nullptr, CREATE_NEW,
-                                                            FILE_ATTRIBUTE_NORMAL, nullptr));
+            std::wstring file = root;
+            file.append(folder).append(name);
+            const Shared::Util::FileHandle made(CreateFileW(Shared::FileSystem::LongForm(file).c_str(), GENERIC_WRITE,
+                                                            0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
             if (made && name != ending) {  // ".log" has no extension
-                wanted.push_back(Shared::Util::ToUtf8(root + folder + name));
+                wanted.push_back(Shared::Util::ToUtf8(file));
                 ++cases;
             }
         }
@@ -225,7 +226,7 @@ TEST_F(HostileInput, TextsOfAnyBytesComeOutAsUtf8) {
 TEST_F(HostileInput, OutputOfAnyBytesIsArchivedWhole) {
     for (unsigned seed = 0; seed < 20; ++seed) {
         std::mt19937 random(seed);
-        std::string noise(seed * 100, '\0');
+        std::string noise(std::size_t{100} * seed, '\0');
         std::ranges::generate(noise, [&] { return static_cast<char>(random()); });
         childSteps = L"noise " + std::to_wstring(seed) + L' ' + std::to_wstring(noise.size());
         Run(command_);
