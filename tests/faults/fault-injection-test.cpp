@@ -230,7 +230,10 @@ protected:
         for (const CollectorRow& row : rows) {
             const std::size_t before = log.Text().size();
             const CollectorStatus& status = statuses.emplace_back(RunRow(row, zip));
-            names[status.diagnostic.archive_path()] = row.name;
+            // A row that archives nothing leaves its folder's name to the next one.
+            if (status.success) {
+                names[status.diagnostic.archive_path()] = row.name;
+            }
             outcome.rows[row.name] = {.success = status.success,
                                       .saysWhy = !status.errors.empty() || HasWarning(log.Text().substr(before))};
         }
