@@ -30,6 +30,7 @@
 #include "diagnostics-test.h"
 #include "shared.concurrency-cmdrunner.h"
 #include "shared.exception.h"
+#include "shared.filesystem-generatedfile.h"
 #include "shared.util-fixedstring.h"
 
 namespace {
@@ -277,6 +278,15 @@ TEST(Interpreter, IsNotStartedWhereItIsNoFile) {
     plan = {"GetFileAttributesW", 0, ~0U, 0, FILE_ATTRIBUTE_DIRECTORY};
     EXPECT_THROW((void)run(), Shared::Exception::Win32Exception);
     plan = {};
+}
+
+TEST(GeneratedFile, TakesOverNothingThatStaysUnderItsName) {
+    const TestSupport::WorkingFolder folder;
+    TestSupport::WriteFile(folder / L"out.txt", "somebody's");
+    plan = {"DeleteFileW", 0, ~0U, 0, TRUE};
+    EXPECT_THROW(Shared::FileSystem::GeneratedFile(L"out.txt"), Shared::Exception::Win32Exception);
+    plan = {};
+    EXPECT_EQ(TestSupport::ReadFile(folder / L"out.txt"), "somebody's");
 }
 
 /// Whatever a faulty run lacks, its row says that something went wrong.
