@@ -3,6 +3,8 @@ set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 export LANG=C.UTF-8 LC_ALL=C.UTF-8
+# The compiler would search the folders that a machine names in these, and the program database would name them.
+unset LIBRARY_PATH COMPILER_PATH CPATH C_INCLUDE_PATH CPLUS_INCLUDE_PATH
 cache=${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/agentcli
 
 say() { printf '== %s\n' "$*"; }
