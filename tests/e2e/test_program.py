@@ -192,6 +192,7 @@ class Path(Case):
         (self.scratch / "link").symlink_to(self.folder, target_is_directory=True)
         for given in ("nowhere\\out.zip", windows_path(self.scratch), windows_path(self.scratch / "link")):
             with self.subTest(given):
+                (self.folder / "agent-cli.log").unlink(missing_ok=True)
                 printed = self.collect("-o", "-p", given, status=1)
                 self.assertTrue(printed.startswith("Unexpected error: "), printed)
                 self.assertFalse(printed.endswith("\n"))

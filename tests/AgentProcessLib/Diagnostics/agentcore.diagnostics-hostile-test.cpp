@@ -159,8 +159,11 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
         for (int number = 0; number < 60; ++number) {
             const auto& [folder, ending] = folders[any.Below(std::size(folders))];
             std::wstring name(nameStarts[any.Below(std::size(nameStarts))]);
-            name.append(any.Text(8, nameUnits));
-            name.append(any.Text(any.Below(20) == 0 ? 210 : 1, nameUnits.substr(0, 8))).append(ending);
+            // The longest names that there are; Wine's host counts bytes, and cuts off what is too long.
+            const bool isLongest = any.Below(20) == 0;
+            name.append(any.Text(8, isLongest ? nameUnits.substr(0, 8) : nameUnits));
+            name.resize(isLongest ? 255 - ending.size() : name.size(), L'x');
+            name.append(ending);
             fs::create_directories(root + folder);
             std::wstring file = root;
             file.append(folder).append(name);
