@@ -13,21 +13,17 @@
 #include <utility>
 
 #include "agentcli-core-console.h"
-#include "agentcli-core-process.h"
-#include "agentcore.diagnostics-configurationset.h"
-#include "agentcore.diagnostics-crashset.h"
-#include "agentcore.diagnostics-logset.h"
+#include "agentcli-core-log.h"
 #include "agentcore.diagnostics-manifest.h"
-#include "agentcore.diagnostics-sampleset.h"
 #include "agentcore.diagnostics-set.h"
-#include "agentcore.diagnostics-toolset.h"
+#include "agentcore.diagnostics-sets.h"
 #include "shared.exception-guardedlog.h"
 #include "shared.exception.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-removal.h"
 #include "shared.filesystem-status.h"
+#include "shared.system-installpaths.h"
 #include "shared.util-functions.h"
-#include "shared.util-handle.h"
 
 namespace AgentCLI::Core::Commands::Agent {
 
@@ -39,12 +35,6 @@ using Shared::FileZip::ZipArchiveWrapper;
 namespace {
 
 constexpr const wchar_t* archiveName = L"diagnostics.zip";
-
-void RemoveFile(const fs::path& path) {
-    if (const DWORD error = Shared::FileSystem::RemoveName(path); error != ERROR_SUCCESS) {
-        Shared::FileSystem::ThrowFileSystemError("remove", path, error);
-    }
-}
 
 void Append(std::vector<CollectorStatus>& statuses, const std::vector<CollectorRow>& rows, ZipArchiveWrapper& zip) {
     std::ranges::move(AgentCore::Diagnostics::RunSet(rows, zip), std::back_inserter(statuses));
@@ -79,49 +69,30 @@ std::string ProblemReport(std::span<const CollectorStatus> statuses) {
     return report;
 }
 
-std::optional<BY_HANDLE_FILE_INFORMATION> Identity(const fs::path& path) {
-    const Shared::Util::FileHandle file(CreateFileW(Shared::FileSystem::LongForm(path).c_str(), FILE_READ_ATTRIBUTES,
-                                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                                    OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    BY_HANDLE_FILE_INFORMATION information{};
-    if (!file || GetFileInformationByHandle(file.Get(), &information) == FALSE) {
-        return std::nullopt;
-    }
-    return information;
-}
-
-bool IsSameFile(const fs::path& left, const fs::path& right) {
-    const auto one = Identity(left);
-    const auto other = Identity(right);
-    return one && other && one->dwVolumeSerialNumber == other->dwVolumeSerialNumber &&
-           one->nFileIndexHigh == other->nFileIndexHigh && one->nFileIndexLow == other->nFileIndexLow;
-}
-
 void MoveArchive(ZipArchiveWrapper& zip, const fs::path& destination) {
     zip.Close();
     const fs::path source = zip.Path();
     // Copying a file onto itself would empty it, and removing the source would lose it.
-    if (!IsSameFile(source, destination)) {
+    if (!Shared::FileSystem::IsSameFile(source, destination)) {
         // The archive takes the name itself, not what a link to a file points to. A folder stays, linked or not: the
         // copy then fails, as it should.
         const DWORD attributes = GetFileAttributesW(Shared::FileSystem::LongForm(destination).c_str());
-        if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0 && Shared::FileSystem::LeadsElsewhere(destination)) {
-            RemoveFile(destination);
+        if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0 && Shared::FileSystem::IsLinkOrHardLinked(destination)) {
+            Shared::FileSystem::FreeName(destination);
         }
         if (CopyFileW(Shared::FileSystem::LongForm(source).c_str(), Shared::FileSystem::LongForm(destination).c_str(),
                       FALSE) == FALSE) {
             Shared::FileSystem::ThrowFileSystemError("copy_file", destination, GetLastError());
         }
-        RemoveFile(source);
+        Shared::FileSystem::FreeName(source);
     }
     zip.SetPath(destination);
     zip.Open();
 }
 
 fs::path Absolute(const fs::path& path) {
-    // Network and verbatim paths, which not every standard library takes for absolute.
-    if (fs::path whole = fs::path(path).make_preferred(); whole.native().starts_with(LR"(\\)")) {
-        return whole;
+    if (Shared::FileSystem::IsAbsolute(path)) {
+        return fs::path(path).make_preferred();
     }
     std::error_code error;
     fs::path absolute = fs::absolute(path, error);
@@ -168,7 +139,7 @@ void CollectDiagnostics::RunCollectorSets(const CollectDiagnosticsOptions& optio
 }
 
 void CollectDiagnostics::Run(const CollectDiagnosticsOptions& options) {
-    RemoveFile(archiveName);
+    Shared::FileSystem::FreeName(archiveName);
     ZipArchiveWrapper zip{archiveName};
     zip.Open();
 
@@ -188,7 +159,7 @@ void CollectDiagnostics::Run(const CollectDiagnosticsOptions& options) {
     if (!options.path.empty()) {
         MoveArchive(zip, Shared::Util::PathFromUtf8(options.path));
     }
-    Print("Diagnostics zip located at: {}\n", Shared::Util::ToUtf8(Absolute(zip.Path())));
+    Print("Diagnostics zip located at: {}\n", Shared::Util::ToUtf8Lossy(Absolute(zip.Path())));
 }
 
 }  // namespace AgentCLI::Core::Commands::Agent

@@ -3,30 +3,20 @@
 #include <windows.h>
 
 #include <shellapi.h>
-#include <spdlog/sinks/rotating_file_sink.h>
-#include <spdlog/spdlog.h>
 
 #include <algorithm>
 #include <bit>
-#include <chrono>
-#include <cstddef>
-#include <filesystem>
 #include <iterator>
 #include <string_view>
 #include <utility>
 
-#include "shared.filesystem-removal.h"
-#include "shared.filesystem-status.h"
 #include "shared.system-functions.h"
 #include "shared.util-functions.h"
+#include "shared.util-handle.h"
 
 namespace AgentCLI::Core {
 
 namespace {
-
-constexpr std::size_t maxLogSize = 10240;
-constexpr std::size_t rotatedLogs = 1;
-constexpr std::chrono::seconds flushInterval{5};
 
 // Keeps the process from following junctions that non-administrators made (Windows 11 and late Windows 10).
 void RefuseRedirection() noexcept {
@@ -72,32 +62,13 @@ void PrepareProcess() noexcept {
     }
 }
 
-void SetUpLog() {
-    for (const wchar_t* name : {L"agent-cli.log", L"agent-cli.1.log"}) {
-        if (Shared::FileSystem::LeadsElsewhere(name)) {
-            Shared::FileSystem::FileObjectRemover(name).Clear();
-        }
-    }
-    auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(SPDLOG_FILENAME_T("agent-cli.log"), maxLogSize,
-                                                                       rotatedLogs);
-    ProcessLogger() = std::make_shared<spdlog::logger>("default", std::move(sink));
-    spdlog::set_default_logger(ProcessLogger());
-    spdlog::set_level(spdlog::level::info);
-    spdlog::flush_every(flushInterval);
-}
-
-std::shared_ptr<spdlog::logger>& ProcessLogger() noexcept {
-    static std::shared_ptr<spdlog::logger> logger;
-    return logger;
-}
-
 Utf8Arguments::Utf8Arguments(int count, const char* const* values) {
     int wideCount = 0;
-    const std::unique_ptr<LPWSTR, decltype(&LocalFree)> wide(CommandLineToArgvW(GetCommandLineW(), &wideCount),
-                                                             &LocalFree);
-    if (wide) {
-        std::transform(wide.get(), wide.get() + wideCount, std::back_inserter(texts_),
-                       [](const wchar_t* text) { return Shared::Util::ToUtf8(std::wstring_view(text)); });
+    LPWSTR* const wide = CommandLineToArgvW(GetCommandLineW(), &wideCount);
+    const Shared::Util::LocalMemory memory(wide);
+    if (wide != nullptr) {
+        std::transform(wide, wide + wideCount, std::back_inserter(texts_),
+                       [](const wchar_t* text) { return Shared::Util::ToUtf8Lossy(std::wstring_view(text)); });
     } else {
         texts_.assign(values, values + count);
     }

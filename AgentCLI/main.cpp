@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "agentcli-core-log.h"
 #include "agentcli-core-process.h"
 #include "agentcli-core.h"
 #include "shared.exception-guardedlog.h"
@@ -18,8 +19,7 @@ int main(int argc, const char* argv[]) try {
     spdlog::shutdown();
     return result;
 } catch (const std::exception& error) {
-    // Support finds this line by its place: keep it on line 23.
-    using Shared::Exception::LogError;
+    using Shared::Exception::LogError;  // support finds the next line by its number: keep it on line 23
     LogError("CLI failed with error: {}", error.what());
     spdlog::shutdown();
     return 1;

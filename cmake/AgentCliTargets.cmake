@@ -23,11 +23,12 @@ else()
   endif()
 endif()
 
-# agentcli_library(NAME SOURCES file... [LINK target...]): the static library of one folder.
+# agentcli_library(NAME [FOLDERS folder...] SOURCES file... [LINK target...]): the static library of one folder, with its
+# subfolders.
 function(agentcli_library name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "FOLDERS;SOURCES;LINK" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
-  target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
+  target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR} ${ARG_FOLDERS})
   target_link_libraries(${name} PUBLIC ${ARG_LINK} PRIVATE agentcli-options)
 endfunction()
 

@@ -3,6 +3,8 @@
 #include <diagnostics.pb.h>
 
 #include <concepts>
+#include <cstddef>
+#include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <source_location>
@@ -11,7 +13,6 @@
 #include <utility>
 #include <vector>
 
-#include "shared.exception-guardedlog.h"
 #include "shared.filesystem-generatedfile.h"
 #include "shared.filezip-ziparchivewrapper.h"
 
@@ -36,36 +37,34 @@ struct CollectorStatus {
 /// A collector puts one kind of evidence into the archive, under the folder that it is given, and never throws.
 template <class T>
 concept Collector =
-    requires(const T& collector, const std::filesystem::path& entryDir, Shared::FileZip::ZipArchiveWrapper& zip) {
-        { collector.Collect(entryDir, zip) } noexcept -> std::same_as<CollectorStatus>;
+    requires(const T& collector, const std::filesystem::path& archiveFolder, Shared::FileZip::ZipArchiveWrapper& zip) {
+        { collector.Collect(archiveFolder, zip) } noexcept -> std::same_as<CollectorStatus>;
     };
 
-/// Logs a failure, with the place of the call, and hands its message on.
-[[nodiscard]] inline std::string Logged(std::string message,
-                                        const std::source_location& where = std::source_location::current()) {
-    Shared::Exception::LogError(Shared::Exception::LogFormat("{}", where), message);
-    return message;
-}
+/// A folder in the open archive, where a collector puts its files.
+struct Destination {
+    const std::filesystem::path& folder;
+    Shared::FileZip::ZipArchiveWrapper& zip;
+
+    /// Adds a file under its own name. Successful when the archive holds the file, or a part of it; what went wrong is
+    /// the one message.
+    [[nodiscard]] CollectorStatus Add(const std::filesystem::path& file) const;
+
+    /// The number of files below the folder.
+    [[nodiscard]] std::size_t CountFiles() const;
+
+    /// Adds a generated file under the name that it was asked for.
+    [[nodiscard]] CollectorStatus Add(const Shared::FileSystem::GeneratedFile& file) const;
+};
 
 /// An unsuccessful status with one message, or with none.
-[[nodiscard]] inline CollectorStatus Unsuccessful() {
-    return {};
-}
-[[nodiscard]] inline CollectorStatus Unsuccessful(std::string message) {
-    CollectorStatus status;
-    status.errors.push_back(std::move(message));
-    return status;
-}
+[[nodiscard]] CollectorStatus Unsuccessful();
+[[nodiscard]] CollectorStatus Unsuccessful(std::string message);
 
-/// What an add to the archive makes of a collector that adds one file.
-[[nodiscard]] inline CollectorStatus FromAdd(Shared::FileZip::ZipArchiveWrapper::AddResult result) {
-    CollectorStatus status;
-    status.success = result.has_value() || result.error().isArchived;
-    if (!result) {
-        status.errors.push_back(std::move(result.error().message));
-    }
-    return status;
-}
+/// Logs a message as an error with the place of the call, or as a warning, and returns it.
+[[nodiscard]] std::string LogErrorAndReturn(std::string message,
+                                            const std::source_location& where = std::source_location::current());
+[[nodiscard]] std::string LogWarningAndReturn(std::string message);
 
 /// The boundary of a collector: runs the body and turns an exception into the status whose one message is made by
 /// `describe(text of the exception)`. Never throws; without memory for a message the status has none.

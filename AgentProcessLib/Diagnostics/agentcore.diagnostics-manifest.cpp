@@ -11,7 +11,7 @@ void WriteManifest(std::span<const CollectorStatus> statuses, Shared::FileZip::Z
         *response.add_diagnostics() = status.diagnostic;
     }
     const std::string json = Shared::Protobuf::GenerateJSONFrom(response);
-    Shared::FileSystem::GeneratedFile file(L"manifest.json");
+    auto file = Shared::FileSystem::GeneratedFile::Unique(L"manifest.json");
     file.WriteText(json);
     if (const auto added = zip.AddFile("manifest.json", file.Path()); !added && !added.error().isArchived) {
         throw Shared::Exception::RuntimeException(added.error().message);

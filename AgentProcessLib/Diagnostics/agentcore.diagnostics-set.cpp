@@ -8,9 +8,11 @@
 #include <chrono>
 #include <iterator>
 #include <limits>
+#include <string_view>
 #include <unordered_set>
 #include <utility>
 
+#include "shared.filesystem-heldfile.h"
 #include "shared.util-functions.h"
 
 namespace AgentCore::Diagnostics {
@@ -19,10 +21,28 @@ namespace {
 
 using Shared::Util::SanitiseUtf8;
 
+// ISO 8601, whatever the user's locale.
 std::string UtcNow() {
     SYSTEMTIME now{};
     GetSystemTime(&now);
-    return Shared::Util::ConvertStringType(Shared::Util::GetTimeAsUtcString2(now));
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", now.wYear, now.wMonth, now.wDay, now.wHour,
+                       now.wMinute, now.wSecond, now.wMilliseconds);
+}
+
+// A candidate's number is taken when some name contains the candidate: of the digits behind the stem every leading part
+// is a taken number.
+void AddNumbers(std::string_view behindStem, std::unordered_set<std::uint64_t>& taken) {
+    std::uint64_t number = 0;
+    for (const char digit : behindStem) {
+        if (digit < '0' || digit > '9' || number > std::numeric_limits<std::uint32_t>::max()) {
+            return;
+        }
+        number = number * 10 + static_cast<std::uint64_t>(digit - '0');
+        taken.insert(number);
+        if (behindStem.front() == '0') {
+            return;
+        }
+    }
 }
 
 void Merge(CollectorStatus& row, CollectorStatus&& run) {
@@ -38,16 +58,15 @@ void RunCollectors(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapper& 
     for (const CollectorRow::Run& run : row.collectors) {
         Merge(status, run(folder, zip));
     }
-    status.diagnostic.set_archive_path(Shared::Util::ToUtf8(folder));
+    status.diagnostic.set_archive_path(Shared::Util::ToUtf8Lossy(folder));
 }
 
-// Failures of the driver itself; the collectors have boundaries of their own.
-template <class Step>
-void Guarded(const CollectorRow& row, CollectorStatus& status, Step&& step) {
+// Collectors have boundaries of their own: what is caught here is a failure of the driver.
+void RunWithinBoundary(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapper& zip, CollectorStatus& status) {
     try {
-        std::forward<Step>(step)();
+        RunCollectors(row, zip, status);
     } catch (const std::exception& error) {
-        status.errors.push_back(Logged(fmt::format("Collector {} failed: {}", row.name, error.what())));
+        status.errors.push_back(LogErrorAndReturn(fmt::format("Collector {} failed: {}", row.name, error.what())));
     }
 }
 
@@ -68,21 +87,11 @@ const std::string& TypeName(int type) {
 
 std::filesystem::path UniqueEntryFolder(int type, const Shared::FileZip::ZipArchiveWrapper& zip) {
     const std::string stem = TypeName(type) + '_';
-    // A number is taken when some name contains it behind the stem: every leading part of the digits found there.
     std::unordered_set<std::uint64_t> taken;
     for (const auto& entry : zip.Entries()) {
         const std::string name = entry.getName();
         for (auto at = name.find(stem); at != std::string::npos; at = name.find(stem, at + 1)) {
-            const std::size_t digits = at + stem.size();
-            std::uint64_t number = 0;
-            for (std::size_t index = digits; index < name.size() && name[index] >= '0' && name[index] <= '9' &&
-                                             number <= std::numeric_limits<std::uint32_t>::max();
-                 ++index) {
-                number = number * 10 + static_cast<std::uint64_t>(name[index] - '0');
-                if (index == digits || name[digits] != '0') {
-                    taken.insert(number);
-                }
-            }
+            AddNumbers(std::string_view(name).substr(at + stem.size()), taken);
         }
     }
     std::uint64_t number = 0;
@@ -96,11 +105,12 @@ CollectorStatus RunRow(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapp
     CollectorStatus status;
     try {
         const auto start = std::chrono::steady_clock::now();
+        Shared::FileSystem::RenewSharedWait();
         status.diagnostic.set_type(static_cast<::Diagnostics::DiagnosticType>(row.type));
         status.diagnostic.set_name(SanitiseUtf8(row.name));
         status.diagnostic.set_origin(SanitiseUtf8(OriginOf(row)));
-        Guarded(row, status, [&] { status.diagnostic.set_started_at(UtcNow()); });
-        Guarded(row, status, [&] { RunCollectors(row, zip, status); });
+        status.diagnostic.set_started_at(UtcNow());
+        RunWithinBoundary(row, zip, status);
         status.diagnostic.set_success(status.success);
         for (const std::string& message : status.errors) {
             status.diagnostic.add_errors(SanitiseUtf8(message));

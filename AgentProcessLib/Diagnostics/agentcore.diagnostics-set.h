@@ -26,8 +26,8 @@ struct CollectorRow {
 /// A collector as a row's member.
 template <Collector T>
 [[nodiscard]] CollectorRow::Run AsRun(const T& collector = {}) {
-    return [collector](const std::filesystem::path& entryDir, Shared::FileZip::ZipArchiveWrapper& zip) {
-        return collector.Collect(entryDir, zip);
+    return [collector](const std::filesystem::path& archiveFolder, Shared::FileZip::ZipArchiveWrapper& zip) {
+        return collector.Collect(archiveFolder, zip);
     };
 }
 
@@ -38,7 +38,8 @@ template <Collector T>
 /// entry below number 10 also blocks number 1. One pass over the entries.
 [[nodiscard]] std::filesystem::path UniqueEntryFolder(int type, const Shared::FileZip::ZipArchiveWrapper& zip);
 
-/// Runs one row in a fresh folder and fills its manifest record.
+/// Runs one row in a fresh folder and fills its manifest record. Files that other processes hold cost the row at most a
+/// second.
 [[nodiscard]] CollectorStatus RunRow(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapper& zip) noexcept;
 
 /// Runs the rows of a set in order.

@@ -4,7 +4,6 @@
 
 #include <sddl.h>
 
-#include <memory>
 #include <utility>
 
 #include "shared.exception.h"
@@ -19,9 +18,9 @@ void Event::InternalCreate(bool manualReset, bool mustBeNew, const std::wstring&
                                            securityDescriptor.c_str(), SDDL_REVISION_1, &converted, nullptr) == FALSE) {
         throw Exception::Win32Exception("Failed to convert security descriptor", GetLastError());
     }
-    const std::unique_ptr<void, decltype(&LocalFree)> descriptor(converted, &LocalFree);
+    const Util::LocalMemory descriptor(converted);
     SECURITY_ATTRIBUTES attributes{
-        .nLength = sizeof attributes, .lpSecurityDescriptor = descriptor.get(), .bInheritHandle = FALSE};
+        .nLength = sizeof attributes, .lpSecurityDescriptor = descriptor.Get(), .bInheritHandle = FALSE};
 
     Util::KernelHandle created(
         CreateEventW(&attributes, manualReset ? TRUE : FALSE, FALSE, name_.empty() ? nullptr : name_.c_str()));

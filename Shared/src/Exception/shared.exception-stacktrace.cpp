@@ -27,20 +27,12 @@ struct Frame {
     DWORD line = 0;
 };
 
-// What runs before main: of no use to a reader, and different on every machine.
+// Functions that run before main: of no use to a reader, and different on every machine.
 constexpr std::array<std::string_view, 6> startUp{"invoke_main",       "ucrtbase",       "__scrt_common_main_seh",
                                                   "__tmainCRTStartup", "mainCRTStartup", "WinMainCRTStartup"};
 
 std::wstring FileNameOf(HMODULE module) {
-    std::wstring name(MAX_PATH, L'\0');
-    for (;;) {
-        const DWORD length = GetModuleFileNameW(module, name.data(), static_cast<DWORD>(name.size()));
-        if (length < name.size()) {
-            name.resize(length);
-            return name;
-        }
-        name.resize(name.size() * 2);
-    }
+    return TextOfAnyLength([module](wchar_t* buffer, DWORD size) { return GetModuleFileNameW(module, buffer, size); });
 }
 
 std::wstring_view WithoutExtension(std::wstring_view path) {
@@ -52,9 +44,9 @@ std::string NameOf(std::wstring_view path) {
     return Narrow(WithoutExtension(path.substr(path.find_last_of(L"\\/") + 1)));
 }
 
-// DbgHelp, for the one module whose symbols this program brings along. All other modules are left to the export-less
-// "module+offset" form: for a PDB that it does not find in the search path DbgHelp also tries the bare name, in the
-// current directory, which for this program is a folder that any user may fill.
+// DbgHelp, for the executable alone, whose PDB lies beside it. Frames of all other modules read "module+offset": for a
+// PDB that is not in the search path DbgHelp also tries the bare name in the current directory, to which unprivileged
+// users may be able to write.
 class Symbols {
 public:
     static Symbols& Instance() {
@@ -62,7 +54,7 @@ public:
         return symbols;
     }
 
-    // Frames of the executable are remembered; it stays at its place as long as the process lives.
+    // Frames of the executable are cached; its base address does not change while the process runs.
     Frame Resolve(const void* frame) {
         HMODULE module = nullptr;
         if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
@@ -89,7 +81,7 @@ private:
         const std::wstring path = FileNameOf(executable_);
         name_ = NameOf(path);
         const std::wstring folder = path.substr(0, path.find_last_of(L"\\/"));
-        // A semicolon would split the folder into search paths of somebody else's choice.
+        // A semicolon would split the folder into several search paths.
         if (folder.contains(L';') ||
             GetFileAttributesW((std::wstring(WithoutExtension(path)) + L".pdb").c_str()) == INVALID_FILE_ATTRIBUTES) {
             return;
@@ -157,7 +149,7 @@ std::string StackTrace::ToString() const {
             fmt::format_to(std::back_inserter(text), "\tSource file: {}:{}\n", frame.file, frame.line);
         }
         text += "\t------------------------------------\n";
-        // What calls main is the start-up as well, even where it comes without a name.
+        // The caller of main is start-up code as well, even where its name is not known.
         if (frame.description.contains("!main+")) {
             break;
         }

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,22 @@ public:
 private:
     DWORD code_;
 };
+
+/// Text of unknown length from a call that takes a buffer and its capacity in characters. `fill` returns the length of
+/// the text, or, when the capacity is too small, a number that is not below it; 0 is a failure, and the result is
+/// empty.
+template <class Fill>
+[[nodiscard]] std::wstring TextOfAnyLength(const Fill& fill) {
+    std::wstring text(MAX_PATH, L'\0');
+    for (;;) {
+        const DWORD length = fill(text.data(), static_cast<DWORD>(text.size()));
+        if (length < text.size()) {
+            text.resize(length);
+            return text;
+        }
+        text.resize(std::max<std::size_t>(text.size() * 2, length));
+    }
+}
 
 /// Text in a code page to UTF-16, faulty characters replaced. Empty, with GetLastError set, when that fails.
 [[nodiscard]] std::wstring Widen(std::string_view text, UINT codePage = CP_UTF8);

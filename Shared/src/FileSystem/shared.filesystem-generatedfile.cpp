@@ -3,35 +3,49 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <limits>
 #include <string>
 #include <utility>
 
+#include "shared.exception-guardedlog.h"
+#include "shared.exception-messages.h"
 #include "shared.exception.h"
-#include "shared.filesystem-longpath.h"
-#include "shared.filesystem-removal.h"
+#include "shared.filesystem-heldfile.h"
+#include "shared.filesystem-privatefile.h"
 #include "shared.util-functions.h"
 
 namespace Shared::FileSystem {
 
-GeneratedFile::GeneratedFile(std::filesystem::path path) : path_(std::move(path)) {
-    if (const DWORD error = RemoveName(path_); error != ERROR_SUCCESS) {
-        throw Exception::Win32Exception("Cannot remove the old file " + Util::ToUtf8(path_), error);
+namespace {
+
+constexpr DWORD access = GENERIC_WRITE;
+constexpr DWORD sharing = FILE_SHARE_READ;
+
+}  // namespace
+
+GeneratedFile::GeneratedFile(std::filesystem::path name) : name_(std::move(name)), path_(name_) {
+    const auto removed = RemoveName(path_);
+    auto created = removed ? RetryWhileHeld([this] { return CreatePrivateFile(path_, access, sharing); })
+                           : std::unexpected(removed.error());
+    if (created) {
+        file_ = *std::move(created);
+        remover_ = FileObjectRemover(path_);
+        return;
     }
-    // CREATE_NEW never opens what somebody has put under the name in the meantime, and the reparse-point flag keeps
-    // the call from following a link there.
-    file_.Reset(CreateFileW(LongForm(path_).c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_NEW,
-                            FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-    if (!file_) {
-        const DWORD error = GetLastError();
-        throw Exception::Win32Exception("Cannot create the file " + Util::ToUtf8(path_), error);
-    }
+    Exception::LogWarning("The name {} cannot be used: {}", Util::ToUtf8Lossy(name_),
+                          Exception::Win32Message(created.error()));
+    *this = Unique(name_);
 }
 
-GeneratedFile::~GeneratedFile() {
-    file_.Reset();
-    FileObjectRemover(path_).Clear();
+GeneratedFile GeneratedFile::Unique(std::filesystem::path name) {
+    auto created = CreateUniqueFile(name, access, sharing);
+    if (!created) {
+        throw Exception::Win32Exception("Cannot create the file " + Util::ToUtf8Lossy(name), created.error());
+    }
+    return {std::move(name), *std::move(created)};
 }
+
+GeneratedFile::GeneratedFile(std::filesystem::path name, NamedFile created)
+    : name_(std::move(name)), path_(std::move(created.path)), remover_(path_), file_(std::move(created.handle)) {}
 
 void GeneratedFile::WriteText(std::string_view text) {
     std::string translated;
@@ -51,7 +65,7 @@ void GeneratedFile::WriteBytes(std::string_view bytes) {
         DWORD written = 0;
         if (::WriteFile(file_.Get(), bytes.data(), chunk, &written, nullptr) == FALSE) {
             const DWORD error = GetLastError();
-            throw Exception::Win32Exception("Cannot write the file " + Util::ToUtf8(path_), error);
+            throw Exception::Win32Exception("Cannot write the file " + Util::ToUtf8Lossy(path_), error);
         }
         bytes.remove_prefix(written);
     }

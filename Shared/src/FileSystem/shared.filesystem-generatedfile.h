@@ -3,21 +3,23 @@
 #include <filesystem>
 #include <string_view>
 
+#include "shared.filesystem-privatefile.h"
+#include "shared.filesystem-removal.h"
 #include "shared.util-handle.h"
 
 namespace Shared::FileSystem {
 
-/// A text file that this program writes, archives and removes again. The file is always a new one: whatever held the
-/// name before is removed first (a link is removed, never its target), and no link is followed while it is created.
-/// Until the object goes, nobody else can write, rename or delete the file; everybody may read it. Destruction
-/// removes it in every case.
+/// A text file that this program writes, archives and removes again. It is always new and for the administrator alone;
+/// what existed under its name is removed before (of a link the link, not its target). When that name cannot be had,
+/// another one that no file has takes its place. While the object exists, other processes can neither write, rename nor
+/// delete the file. Destruction removes it.
 class GeneratedFile {
 public:
-    /// Throws Win32Exception when the name cannot be freed or the file cannot be created.
-    explicit GeneratedFile(std::filesystem::path path);
-    GeneratedFile(const GeneratedFile&) = delete;
-    GeneratedFile& operator=(const GeneratedFile&) = delete;
-    ~GeneratedFile();
+    /// Throws Win32Exception when no file can be created.
+    explicit GeneratedFile(std::filesystem::path name);
+
+    /// With a name that no file has, beginning with `name`: nothing that exists is removed.
+    [[nodiscard]] static GeneratedFile Unique(std::filesystem::path name);
 
     /// Appends text; each "\n" is written as CR LF. Throws Win32Exception when the file cannot be written.
     void WriteText(std::string_view text);
@@ -25,10 +27,18 @@ public:
     /// Appends bytes as they are. Throws Win32Exception when the file cannot be written.
     void WriteBytes(std::string_view bytes);
 
+    /// The name that the file was asked for, under which it is archived.
+    [[nodiscard]] const std::filesystem::path& Name() const noexcept { return name_; }
+    /// Where the file is.
     [[nodiscard]] const std::filesystem::path& Path() const noexcept { return path_; }
 
 private:
+    GeneratedFile(std::filesystem::path name, NamedFile created);
+
+    std::filesystem::path name_;
     std::filesystem::path path_;
+    /// Before the handle, which is closed first.
+    FileObjectRemover remover_;
     Util::FileHandle file_;
 };
 

@@ -2,44 +2,59 @@
 
 #include <windows.h>
 
+#include "shared.exception-text.h"
 #include "shared.exception.h"
 
 namespace Shared::FileSystem {
 
 namespace {
 
-constexpr std::wstring_view prefix = LR"(\\?\)";
+constexpr std::wstring_view longPrefix = LR"(\\?\)";
 constexpr std::wstring_view devicePrefix = LR"(\\.\)";
+constexpr std::wstring_view networkPrefix = LR"(\\)";
 
-std::wstring FullPath(const std::wstring& path) {
-    std::wstring full(MAX_PATH, L'\0');
-    for (;;) {
-        const DWORD length = GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-        if (length == 0) {
-            throw Exception::Win32Exception("GetFullPathNameW() failed", GetLastError());
-        }
-        const bool fits = length < full.size();
-        full.resize(length);
-        if (fits) {
-            return full;
-        }
-    }
+std::wstring Normal(const std::filesystem::path& path) {
+    return path.lexically_normal().make_preferred().native();
 }
 
 }  // namespace
 
-std::filesystem::path LongForm(const std::filesystem::path& path) {
-    const std::wstring& text = path.native();
-    if (text.starts_with(prefix) || text.starts_with(devicePrefix)) {
+bool IsAbsolute(const std::filesystem::path& path) {
+    const std::wstring text = std::filesystem::path(path).make_preferred().native();
+    return path.is_absolute() || text.starts_with(networkPrefix);
+}
+
+std::filesystem::path FullPath(const std::filesystem::path& path) {
+    if (path.native().starts_with(longPrefix)) {
         return path;
     }
-    // GetFullPathNameW would drop trailing dots and blanks, which are legal in names that other programs made, and
-    // turn device names into devices: an absolute path is only freed of its "." and "..".
-    const std::wstring full = path.is_absolute() ? path.lexically_normal().make_preferred().native() : FullPath(text);
-    if (full.starts_with(LR"(\\)")) {
-        return std::wstring(LR"(\\?\UNC)") + full.substr(1);
+    std::wstring full = Exception::TextOfAnyLength(
+        [&path](wchar_t* buffer, DWORD size) { return GetFullPathNameW(path.c_str(), size, buffer, nullptr); });
+    if (full.empty()) {
+        throw Exception::Win32Exception("GetFullPathNameW() failed", GetLastError());
     }
-    return std::wstring(prefix) + full;
+    return full;
+}
+
+std::filesystem::path LongForm(const std::filesystem::path& path) {
+    const std::wstring text = std::filesystem::path(path).make_preferred().native();
+    if (text.starts_with(longPrefix) || text.starts_with(devicePrefix)) {
+        return text;
+    }
+    // GetFullPathNameW would drop trailing dots and blanks, which are legal in names that other programs made, and
+    // turn device names into devices: in an absolute path only "." and ".." are resolved.
+    if (text.starts_with(networkPrefix)) {
+        return std::wstring(LR"(\\?\UNC\)") + Normal(text.substr(networkPrefix.size()));
+    }
+    if (path.is_absolute()) {
+        return std::wstring(longPrefix) + Normal(path);
+    }
+    return LongForm(FullPath(path));
+}
+
+std::wstring NativeForm(const std::filesystem::path& path) {
+    std::wstring native = LongForm(path).native();
+    return native.replace(0, longPrefix.size(), LR"(\??\)");
 }
 
 std::wstring NameBelow(std::wstring folder, std::wstring_view name) {

@@ -1,16 +1,16 @@
 #include "shared.filesystem-removal.h"
 
-#include <winternl.h>
-
-#include <array>
-#include <cstddef>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "shared.exception-guardedlog.h"
 #include "shared.exception-messages.h"
+#include "shared.filesystem-heldfile.h"
 #include "shared.filesystem-longpath.h"
+#include "shared.filesystem-open.h"
+#include "shared.filesystem-scan.h"
+#include "shared.filesystem-status.h"
 #include "shared.util-functions.h"
 #include "shared.util-handle.h"
 
@@ -18,156 +18,125 @@ namespace Shared::FileSystem {
 
 namespace {
 
-bool IsMissing(DWORD error) {
-    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
-}
+using Util::FileHandle;
+using Util::Win32Result;
 
-constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-constexpr DWORD linkItself = FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS;
+constexpr ACCESS_MASK removalAccess = DELETE | FILE_READ_ATTRIBUTES | SYNCHRONIZE;
 
 // FileDispositionInfoEx, which not every header has under its name.
 constexpr auto dispositionInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(21);
 
-DWORD Delete(HANDLE handle) {
-    // Read-only files as well, without changing the attribute, which a file's further names share; and at once, though
-    // others have the file open. File systems that do not know this know the plain form.
-    FILE_DISPOSITION_INFO_EX thorough{};
-    thorough.Flags = FILE_DISPOSITION_FLAG_DELETE | FILE_DISPOSITION_FLAG_POSIX_SEMANTICS |
-                     FILE_DISPOSITION_FLAG_IGNORE_READONLY_ATTRIBUTE;
+Win32Result<void> Delete(HANDLE handle) {
+    // At once, although other processes have the file open, and read-only files as well, without changing the
+    // attribute, which all hard links share. File systems that do not support this support the plain form.
+    FILE_DISPOSITION_INFO_EX posix{};
+    posix.Flags = FILE_DISPOSITION_FLAG_DELETE | FILE_DISPOSITION_FLAG_POSIX_SEMANTICS |
+                  FILE_DISPOSITION_FLAG_IGNORE_READONLY_ATTRIBUTE;
+    if (SetFileInformationByHandle(handle, dispositionInfoEx, &posix, sizeof posix) != FALSE) {
+        return {};
+    }
     FILE_DISPOSITION_INFO plain{};
     plain.DeleteFile = TRUE;
-    return SetFileInformationByHandle(handle, dispositionInfoEx, &thorough, sizeof thorough) != FALSE ||
-                   SetFileInformationByHandle(handle, FileDispositionInfo, &plain, sizeof plain) != FALSE
-               ? ERROR_SUCCESS
-               : GetLastError();
+    return Util::ResultOf(SetFileInformationByHandle(handle, FileDispositionInfo, &plain, sizeof plain));
 }
 
-DWORD RemoveLongName(const std::wstring& name) {
-    const DWORD attributes = GetFileAttributesW(name.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES) {
-        const DWORD error = GetLastError();
-        return IsMissing(error) ? ERROR_SUCCESS : error;
-    }
-    const bool folder = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    if ((folder ? RemoveDirectoryW(name.c_str()) : DeleteFileW(name.c_str())) != FALSE) {
-        return ERROR_SUCCESS;
-    }
-    DWORD error = GetLastError();
-    if (error == ERROR_ACCESS_DENIED && (attributes & FILE_ATTRIBUTE_READONLY) != 0) {
-        const Util::FileHandle entry(
-            CreateFileW(name.c_str(), DELETE, shareAll, nullptr, OPEN_EXISTING, linkItself, nullptr));
-        error = entry ? Delete(entry.Get()) : GetLastError();
-    }
-    return IsMissing(error) ? ERROR_SUCCESS : error;
+Win32Result<void> SucceedIfMissing(Win32Result<void> result) {
+    const bool missing = !result && (result.error() == ERROR_FILE_NOT_FOUND || result.error() == ERROR_PATH_NOT_FOUND);
+    return missing ? Win32Result<void>() : result;
 }
 
-constexpr ACCESS_MASK removalAccess = DELETE | FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | SYNCHRONIZE;
-
-// What bears the name in an open folder, never what a link points to. No path is walked, so that nobody can lead the
-// removal elsewhere by turning a folder above into a link.
-DWORD OpenChild(HANDLE folder, std::wstring& name, Util::FileHandle& child) {
-    const auto length = static_cast<USHORT>(name.size() * sizeof(wchar_t));
-    UNICODE_STRING text{.Length = length, .MaximumLength = length, .Buffer = name.data()};
-    OBJECT_ATTRIBUTES attributes{};
-    InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE, folder, nullptr);
-    IO_STATUS_BLOCK status{};
-    HANDLE handle = INVALID_HANDLE_VALUE;
-    const NTSTATUS result =
-        NtOpenFile(&handle, removalAccess, &attributes, &status, shareAll,
-                   FILE_OPEN_REPARSE_POINT | FILE_OPEN_FOR_BACKUP_INTENT | FILE_SYNCHRONOUS_IO_NONALERT);
-    if (result < 0) {
-        return RtlNtStatusToDosError(result);
-    }
-    child.Reset(handle);
-    return ERROR_SUCCESS;
+Win32Result<void> RemoveNative(const std::wstring& name) noexcept {
+    return SucceedIfMissing(RetryWhileHeld([&name]() -> Win32Result<void> {
+        const auto entry = OpenUntrusted(name, removalAccess, shareAll);
+        return entry ? Delete(entry->Get()) : std::unexpected(entry.error());
+    }));
 }
 
 bool IsRealFolder(HANDLE handle) {
     BY_HANDLE_FILE_INFORMATION information{};
     return GetFileInformationByHandle(handle, &information) != FALSE &&
-           (information.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) ==
-               FILE_ATTRIBUTE_DIRECTORY;
+           (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0 && !IsLink(handle);
 }
 
-DWORD ListChildren(HANDLE folder, std::vector<std::wstring>& names) {
-    alignas(FILE_ID_BOTH_DIR_INFO) std::array<std::byte, std::size_t{16} * 1024> buffer{};
-    while (GetFileInformationByHandleEx(folder, FileIdBothDirectoryInfo, buffer.data(),
-                                        static_cast<DWORD>(buffer.size())) != FALSE) {
-        const std::byte* at = buffer.data();
-        for (ULONG step = 0;; at += step) {
-            const auto* entry = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(at);
-            std::wstring name(entry->FileName, entry->FileNameLength / sizeof(wchar_t));
-            if (name != L"." && name != L"..") {
-                names.push_back(std::move(name));
+// Removes a folder tree through handles, without following a path twice: another process cannot redirect the removal by
+// replacing a folder with a link. Depth first with a stack of its own, since the depth of the tree is unbounded. Each
+// folder is listed once, so that files which are added meanwhile cannot keep the removal busy.
+class TreeRemoval {
+public:
+    Win32Result<void> Run(const std::wstring& root) {
+        Win32Result<void> result = Remove(root, nullptr);
+        while (result && !levels_.empty()) {
+            Level& level = levels_.back();
+            if (level.names.empty()) {
+                result = Delete(level.folder.Get());
+                levels_.pop_back();
+                continue;
             }
-            step = entry->NextEntryOffset;
-            if (step == 0) {
+            const std::wstring name = std::move(level.names.back());
+            level.names.pop_back();
+            result = SucceedIfMissing(Remove(name, level.folder.Get()));
+        }
+        return result;
+    }
+
+private:
+    // An open folder on the way down, and what is still to be removed from it.
+    struct Level {
+        FileHandle folder;
+        std::vector<std::wstring> names;
+    };
+
+    // Removes a file or link, and begins with the contents of a folder.
+    Win32Result<void> Remove(const std::wstring& name, HANDLE folder) {
+        auto entry = OpenUntrusted(name, removalAccess | FILE_LIST_DIRECTORY, shareAll, folder);
+        if (!entry) {
+            return std::unexpected(entry.error());
+        }
+        if (!IsRealFolder(entry->Get())) {
+            return Delete(entry->Get());
+        }
+        Level level{.folder = *std::move(entry), .names = {}};
+        FolderReader reader(level.folder.Get());
+        for (;;) {
+            const auto found = reader.Next();
+            if (!found) {
+                return std::unexpected(found.error());
+            }
+            if (*found == nullptr) {
                 break;
             }
+            level.names.emplace_back((*found)->FileName, (*found)->FileNameLength / sizeof(wchar_t));
         }
+        levels_.push_back(std::move(level));
+        return {};
     }
-    const DWORD error = GetLastError();
-    return error == ERROR_NO_MORE_FILES ? ERROR_SUCCESS : error;
-}
 
-// A folder on the way down, held open, and what is still to be removed from it.
-struct Level {
-    Util::FileHandle folder;
-    std::vector<std::wstring> names;
+    std::vector<Level> levels_;
 };
-
-// Depth first with a stack of its own: the depth of a folder tree is not ours to trust. Each folder is listed once, so
-// that nobody can keep the walk busy by filling it again.
-DWORD RemoveTree(const std::wstring& root) {
-    std::vector<Level> levels;
-    const auto removeOrDescend = [&levels](Util::FileHandle entry) {
-        if (!IsRealFolder(entry.Get())) {
-            return Delete(entry.Get());
-        }
-        levels.push_back({.folder = std::move(entry), .names = {}});
-        return ListChildren(levels.back().folder.Get(), levels.back().names);
-    };
-    Util::FileHandle top(
-        CreateFileW(root.c_str(), removalAccess, shareAll, nullptr, OPEN_EXISTING, linkItself, nullptr));
-    DWORD error = top ? removeOrDescend(std::move(top)) : GetLastError();
-    while (error == ERROR_SUCCESS && !levels.empty()) {
-        Level& level = levels.back();
-        if (level.names.empty()) {
-            error = Delete(level.folder.Get());
-            levels.pop_back();
-            continue;
-        }
-        std::wstring name = std::move(level.names.back());
-        level.names.pop_back();
-        Util::FileHandle child;
-        error = OpenChild(level.folder.Get(), name, child);
-        if (error == ERROR_SUCCESS) {
-            error = removeOrDescend(std::move(child));
-        } else if (IsMissing(error)) {
-            error = ERROR_SUCCESS;
-        }
-    }
-    return error;
-}
 
 }  // namespace
 
-DWORD RemoveName(const std::filesystem::path& path) noexcept {
-    try {
-        return RemoveLongName(LongForm(path).native());
-    } catch (...) {
-        return ERROR_BAD_PATHNAME;
+Util::Win32Result<void> RemoveName(const std::filesystem::path& path) {
+    return RemoveNative(NativeForm(path));
+}
+
+void FreeName(const std::filesystem::path& path) {
+    if (const auto removed = RemoveName(path); !removed) {
+        ThrowFileSystemError("remove", path, removed.error());
     }
 }
 
-FileObjectRemover::FileObjectRemover(std::filesystem::path path) noexcept : path_(std::move(path)) {}
+FileObjectRemover::FileObjectRemover(std::filesystem::path path)
+    : path_(std::move(path)), name_(path_.empty() ? std::wstring() : NativeForm(path_)) {}
 
-FileObjectRemover::FileObjectRemover(FileObjectRemover&& other) noexcept : path_(std::exchange(other.path_, {})) {}
+FileObjectRemover::FileObjectRemover(FileObjectRemover&& other) noexcept
+    : path_(std::move(other.path_)), name_(std::exchange(other.name_, {})) {}
 
 FileObjectRemover& FileObjectRemover::operator=(FileObjectRemover&& other) noexcept {
     if (this != &other) {
         Clear();
-        path_ = std::exchange(other.path_, {});
+        path_ = std::move(other.path_);
+        name_ = std::exchange(other.name_, {});
     }
     return *this;
 }
@@ -177,22 +146,25 @@ FileObjectRemover::~FileObjectRemover() {
 }
 
 void FileObjectRemover::Clear() noexcept {
-    const std::filesystem::path path = std::exchange(path_, {});
-    if (path.empty()) {
+    const std::wstring name = std::exchange(name_, {});
+    if (name.empty()) {
         return;
     }
     try {
-        const std::wstring name = LongForm(path).native();
-        DWORD error = RemoveLongName(name);
-        if (error == ERROR_DIR_NOT_EMPTY) {
-            error = RemoveTree(name);
+        Win32Result<void> removed = RemoveNative(name);
+        if (!removed && removed.error() == ERROR_DIR_NOT_EMPTY) {
+            removed = TreeRemoval().Run(name);
         }
-        if (error != ERROR_SUCCESS) {
-            Exception::LogWarning("Failed removing file {}: {}", Util::ToUtf8(path), Exception::Win32Message(error));
+        if (!removed) {
+            Exception::LogWarning("Failed removing file {}: {}", Util::ToUtf8Lossy(path_),
+                                  Exception::Win32Message(removed.error()));
         }
-    } catch (const std::exception& error) {
-        Exception::LogWarning("Failed removing file {}: {}", Util::ToUtf8(path), error.what());
+    } catch (...) {  // NOLINT(bugprone-empty-catch): without memory there is no message either
     }
+}
+
+void FileObjectRemover::Release() noexcept {
+    name_.clear();
 }
 
 }  // namespace Shared::FileSystem

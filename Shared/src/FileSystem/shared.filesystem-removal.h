@@ -3,18 +3,26 @@
 #include <windows.h>
 
 #include <filesystem>
+#include <string>
+
+#include "shared.util-win32result.h"
 
 namespace Shared::FileSystem {
 
-/// Removes what bears the name: a file, an empty folder, or a link (never what a link points to). Returns
-/// ERROR_SUCCESS also when there was nothing, else the Win32 code; ERROR_DIR_NOT_EMPTY for a folder with contents.
-[[nodiscard]] DWORD RemoveName(const std::filesystem::path& path) noexcept;
+/// Removes what exists at the path: a file, an empty folder, or a link (never its target), read-only or not. Waits up
+/// to a second while another process holds it. Succeeds also when there is nothing; ERROR_DIR_NOT_EMPTY for a folder
+/// with contents. Throws Win32Exception when the path cannot be made absolute.
+[[nodiscard]] Util::Win32Result<void> RemoveName(const std::filesystem::path& path);
+
+/// As RemoveName; throws std::filesystem::filesystem_error of the operation "remove".
+void FreeName(const std::filesystem::path& path);
 
 /// Holds at most one temporary file or folder and removes it when it is cleared or destroyed.
 class FileObjectRemover {
 public:
     FileObjectRemover() = default;
-    explicit FileObjectRemover(std::filesystem::path path) noexcept;
+    /// Throws Win32Exception when the path cannot be made absolute.
+    explicit FileObjectRemover(std::filesystem::path path);
     FileObjectRemover(const FileObjectRemover&) = delete;
     FileObjectRemover& operator=(const FileObjectRemover&) = delete;
     FileObjectRemover(FileObjectRemover&& other) noexcept;
@@ -22,12 +30,17 @@ public:
     ~FileObjectRemover();
 
     /// Removes the held path, a folder with its contents, and forgets it in every case. A failure is logged as a
-    /// warning, never thrown. Links inside a folder are removed, not followed, also those that somebody puts there
-    /// meanwhile.
+    /// warning, never thrown. Links inside a folder are removed and not followed, also those that another process
+    /// creates while the folder is removed.
     void Clear() noexcept;
+
+    /// Forgets the held path without removing it.
+    void Release() noexcept;
 
 private:
     std::filesystem::path path_;
+    /// The path in its native form: removal neither converts nor allocates, but for the names in a folder.
+    std::wstring name_;
 };
 
 }  // namespace Shared::FileSystem

@@ -4,9 +4,10 @@
 #include <system_error>
 
 #include "shared.exception-messages.h"
+#include "shared.exception-text.h"
 #include "shared.filesystem-longpath.h"
+#include "shared.filesystem-open.h"
 #include "shared.util-functions.h"
-#include "shared.util-handle.h"
 
 namespace Shared::FileSystem {
 
@@ -37,23 +38,20 @@ FileStatus StatusFrom(DWORD attributes, DWORD sizeHigh, DWORD sizeLow) {
 }  // namespace
 
 FileStatus QueryStatus(const std::filesystem::path& path, const char* operation) {
-    const std::filesystem::path name = LongForm(path);
     const auto failed = [&](DWORD code) {
         return IsNotFound(code) ? FileStatus{} : (ThrowFileSystemError(operation, path, code), FileStatus{});
     };
     WIN32_FILE_ATTRIBUTE_DATA data{};
-    if (GetFileAttributesExW(name.c_str(), GetFileExInfoStandard, &data) == FALSE) {
+    if (GetFileAttributesExW(LongForm(path).c_str(), GetFileExInfoStandard, &data) == FALSE) {
         return failed(GetLastError());
     }
     if ((data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
         return StatusFrom(data.dwFileAttributes, data.nFileSizeHigh, data.nFileSizeLow);
     }
-    const Util::FileHandle target(CreateFileW(name.c_str(), FILE_READ_ATTRIBUTES,
-                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                              OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    const auto target = OpenToQuery(path, Links::Follow);
     BY_HANDLE_FILE_INFORMATION information{};
-    if (!target || GetFileInformationByHandle(target.Get(), &information) == FALSE) {
-        return failed(GetLastError());
+    if (!target || GetFileInformationByHandle(target->Get(), &information) == FALSE) {
+        return failed(target ? GetLastError() : target.error());
     }
     return StatusFrom(information.dwFileAttributes, information.nFileSizeHigh, information.nFileSizeLow);
 }
@@ -76,42 +74,73 @@ bool IsNotFound(DWORD code) noexcept {
 }
 
 bool IsLink(DWORD attributes, DWORD reparseTag) noexcept {
-    // No file system gives the tag zero to a reparse point of its own: where it appears, the kind is unknown, and what
-    // is not known to be an ordinary file is not followed.
+    // No reparse point on a disk has the tag zero: where it is reported, the kind is unknown, and only what is known to
+    // be an ordinary file is treated as one.
     return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 &&
            (IsReparseTagNameSurrogate(reparseTag) || reparseTag == IO_REPARSE_TAG_RESERVED_ZERO);
 }
 
-DWORD ObjectionTo(HANDLE file) noexcept {
-    if (GetFileType(file) != FILE_TYPE_DISK) {
-        return ERROR_BAD_FILE_TYPE;
-    }
-    BY_HANDLE_FILE_INFORMATION information{};
-    if (GetFileInformationByHandle(file, &information) == FALSE) {
-        return GetLastError();
-    }
-    if ((information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
-        return ERROR_CANT_RESOLVE_FILENAME;
-    }
-    if ((information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-        return ERROR_DIRECTORY;
-    }
-    return information.nNumberOfLinks > 1 ? ERROR_TOO_MANY_LINKS : ERROR_SUCCESS;
+bool IsLink(HANDLE file) noexcept {
+    FILE_ATTRIBUTE_TAG_INFO tag{};
+    return GetFileInformationByHandleEx(file, FileAttributeTagInfo, &tag, sizeof tag) == FALSE ||
+           IsLink(tag.FileAttributes, tag.ReparseTag);
 }
 
-bool LeadsElsewhere(const std::filesystem::path& path) {
-    const Util::FileHandle file(CreateFileW(
-        LongForm(path).c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-        OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    const DWORD objection = file ? ObjectionTo(file.Get()) : DWORD{ERROR_SUCCESS};
-    return objection == ERROR_CANT_RESOLVE_FILENAME || objection == ERROR_TOO_MANY_LINKS;
+Util::Win32Result<void> CheckPlainFile(HANDLE file) noexcept {
+    const auto refused = [](DWORD code) { return std::unexpected(code); };
+    BY_HANDLE_FILE_INFORMATION information{};
+    if (GetFileType(file) != FILE_TYPE_DISK) {
+        return refused(ERROR_BAD_FILE_TYPE);
+    }
+    if (GetFileInformationByHandle(file, &information) == FALSE) {
+        return Util::LastError();
+    }
+    if (IsLink(file)) {
+        return refused(ERROR_CANT_RESOLVE_FILENAME);
+    }
+    if ((information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+        return refused(ERROR_DIRECTORY);
+    }
+    if (information.nNumberOfLinks > 1) {
+        return refused(ERROR_TOO_MANY_LINKS);
+    }
+    return {};
+}
+
+bool IsLinkOrHardLinked(const std::filesystem::path& path) {
+    const auto file = OpenToQuery(path, Links::Open);
+    const auto plain = file ? CheckPlainFile(file->Get()) : Util::Win32Result<void>();
+    return !plain && (plain.error() == ERROR_CANT_RESOLVE_FILENAME || plain.error() == ERROR_TOO_MANY_LINKS);
+}
+
+bool IsSameFile(const std::filesystem::path& left, const std::filesystem::path& right) {
+    const auto one = OpenToQuery(left, Links::Follow);
+    const auto other = OpenToQuery(right, Links::Follow);
+    const auto finalPath = [](const auto& file) { return file ? FinalPath(file->Get()).value_or(L"") : L""; };
+    const std::wstring path = finalPath(one);
+    return !path.empty() && IsSameName(path, finalPath(other));
+}
+
+Util::Win32Result<std::wstring> FinalPath(HANDLE file, DWORD volumeNameForm) {
+    std::wstring path = Exception::TextOfAnyLength([&](wchar_t* buffer, DWORD size) {
+        return GetFinalPathNameByHandleW(file, buffer, size, FILE_NAME_NORMALIZED | volumeNameForm);
+    });
+    if (path.empty()) {
+        return Util::LastError();
+    }
+    return path;
+}
+
+bool IsSameName(std::wstring_view left, std::wstring_view right) noexcept {
+    return CompareStringOrdinal(left.data(), static_cast<int>(left.size()), right.data(),
+                                static_cast<int>(right.size()), TRUE) == CSTR_EQUAL;
 }
 
 void ThrowFileSystemError(const char* operation, const std::filesystem::path& path, DWORD code) {
     static const Win32Category category;
     // The exception's constructor converts the path strictly; a name with an unpaired surrogate must not replace the
     // failure that is reported by another one.
-    throw std::filesystem::filesystem_error(operation, Util::PathFromUtf8(Util::ToUtf8(path)),
+    throw std::filesystem::filesystem_error(operation, Util::PathFromUtf8(Util::ToUtf8Lossy(path)),
                                             std::error_code(static_cast<int>(code), category));
 }
 

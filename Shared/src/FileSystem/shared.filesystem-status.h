@@ -5,13 +5,16 @@
 #include <cstdint>
 #include <filesystem>
 
+#include "shared.util-win32result.h"
+
 namespace Shared::FileSystem {
 
 enum class FileKind : std::uint8_t {
     NotFound,
     Regular,
     Directory,
-    Foreign,  ///< of ConfinedFolder only: reached through a link, or a file that other places hold as well
+    OutsideFolder,  ///< of ConfinedFolder only: reached through a link, or a file with a hard link elsewhere
+    NotStoredHere,  ///< of ConfinedFolder only: a file whose content is offline or in the cloud
     Other
 };
 
@@ -21,26 +24,39 @@ struct FileStatus {
     std::uint64_t size = 0;
 };
 
-/// What a path of any length leads to, links followed. Throws std::filesystem::filesystem_error, which names the
+/// What exists at a path of any length, links followed. Throws std::filesystem::filesystem_error, which names the
 /// operation, on any failure but "not found".
 [[nodiscard]] FileStatus QueryStatus(const std::filesystem::path& path, const char* operation);
 
-/// Whether the Win32 code says that there is nothing under the name.
+/// Whether the Win32 code says that nothing exists at the path.
 [[nodiscard]] bool IsNotFound(DWORD code) noexcept;
 
-/// Whether an entry stands for another place in the name space: a symbolic link, a junction, a mounted volume.
-/// Deduplicated, compressed and cloud-backed files are reparse points as well, and are ordinary files.
+/// Whether an entry is a symbolic link, a junction or a mount point. Deduplicated, compressed and cloud files are
+/// reparse points as well, but ordinary files.
 [[nodiscard]] bool IsLink(DWORD attributes, DWORD reparseTag) noexcept;
 
-/// Why an open file may be another one than its name says, so that writing to it or passing it on as ours must not be:
-/// ERROR_CANT_RESOLVE_FILENAME of a link, ERROR_DIRECTORY, ERROR_TOO_MANY_LINKS of a file with further names,
-/// ERROR_BAD_FILE_TYPE of what is on no disk, or why it cannot be told. ERROR_SUCCESS of a plain file. Judged by the
-/// handle, so that no name can be swapped meanwhile.
-[[nodiscard]] DWORD ObjectionTo(HANDLE file) noexcept;
+/// As above, of an open file; also true when that cannot be told.
+[[nodiscard]] bool IsLink(HANDLE file) noexcept;
 
-/// Whether to write under the name would write elsewhere as well: it is a link, or one of several names of a file.
-/// False when nothing has the name, or nobody can tell.
-[[nodiscard]] bool LeadsElsewhere(const std::filesystem::path& path);
+/// Succeeds for a file on a disk that is no link and has no further hard links, so that what is written to it, or read
+/// from it, is that file alone. Otherwise ERROR_CANT_RESOLVE_FILENAME (link), ERROR_DIRECTORY, ERROR_TOO_MANY_LINKS
+/// (hard links), ERROR_BAD_FILE_TYPE (not on a disk), or the code of the query that failed.
+[[nodiscard]] Util::Win32Result<void> CheckPlainFile(HANDLE file) noexcept;
+
+/// Whether writing at the path would write to another file as well: it is a link or a file with further hard links.
+/// False when nothing exists there, or that cannot be told.
+[[nodiscard]] bool IsLinkOrHardLinked(const std::filesystem::path& path);
+
+/// Whether two paths lead to one file, decided by their final paths: not every file system has file ids. False when
+/// one of them cannot be opened.
+[[nodiscard]] bool IsSameFile(const std::filesystem::path& left, const std::filesystem::path& right);
+
+/// The path of an open file with all links resolved, as a `\\?\` path. `volumeNameForm` is VOLUME_NAME_DOS or
+/// VOLUME_NAME_GUID.
+[[nodiscard]] Util::Win32Result<std::wstring> FinalPath(HANDLE file, DWORD volumeNameForm = VOLUME_NAME_DOS);
+
+/// Whether two names are one to the file system: equal without regard to case.
+[[nodiscard]] bool IsSameName(std::wstring_view left, std::wstring_view right) noexcept;
 
 /// Throws std::filesystem::filesystem_error of the operation, the path and the system's text for the Win32 code.
 [[noreturn]] void ThrowFileSystemError(const char* operation, const std::filesystem::path& path, DWORD code);

@@ -71,8 +71,8 @@ FileResult<void> Win32ArchiveFile::Open() {
         if (!file) {
             return GetLastError();
         }
-        if (const DWORD objection = FileSystem::ObjectionTo(file.Get()); objection != ERROR_SUCCESS) {
-            return objection;
+        if (const auto plain = FileSystem::CheckPlainFile(file.Get()); !plain) {
+            return plain.error();
         }
         handle_ = std::move(file);
         return ERROR_SUCCESS;
@@ -90,7 +90,7 @@ void Win32ArchiveFile::Close() noexcept {
 
 FileResult<void> Win32ArchiveFile::Remove() {
     Close();
-    return ResultOf(PatientlyDo([this] { return FileSystem::RemoveName(path_); }));
+    return FileSystem::RemoveName(path_);
 }
 
 FileResult<std::uint64_t> Win32ArchiveFile::Size() const {

@@ -25,7 +25,7 @@ namespace {
 constexpr libzippp::libzippp_uint32 deflateLevel = 6;
 
 std::string NotArchived(const std::filesystem::path& source, std::string_view reason) {
-    return fmt::format("Cannot archive file {}: {}", Util::ToUtf8(source), reason);
+    return fmt::format("Cannot archive file {}: {}", Util::ToUtf8Lossy(source), reason);
 }
 
 std::unexpected<ZipArchiveWrapper::AddFailure> Failed(std::string message, bool isArchived = false) {
@@ -138,9 +138,7 @@ ZipArchiveWrapper::~ZipArchiveWrapper() {
     }
     archive_.reset();
     if (deleteOnClose_ && !path_.empty()) {
-        if (const DWORD error = FileSystem::RemoveName(path_); error != ERROR_SUCCESS) {
-            Exception::LogWarning("Failed removing file {}: {}", Util::ToUtf8(path_), Exception::Win32Message(error));
-        }
+        FileSystem::FileObjectRemover(path_).Clear();
     }
 }
 
@@ -178,7 +176,7 @@ std::string ZipArchiveWrapper::Reopen() {
     } else {
         reason = Win32Reason(ERROR_NOT_ENOUGH_MEMORY);
     }
-    return reason.empty() ? reason : fmt::format("Cannot open archive {}: {}", Util::ToUtf8(path_), reason);
+    return reason.empty() ? reason : fmt::format("Cannot open archive {}: {}", Util::ToUtf8Lossy(path_), reason);
 }
 
 void ZipArchiveWrapper::Close() {
@@ -193,7 +191,7 @@ void ZipArchiveWrapper::Close() {
 
 std::string ZipArchiveWrapper::WritingFailure() const {
     const DWORD code = source_->LastFailure();
-    return fmt::format("archive {} could not be written: {}", Util::ToUtf8(path_),
+    return fmt::format("archive {} could not be written: {}", Util::ToUtf8Lossy(path_),
                        code == ERROR_SUCCESS ? "the library gave no reason" : Win32Reason(code));
 }
 
@@ -247,7 +245,7 @@ ZipArchiveWrapper::AddResult ZipArchiveWrapper::AddToOpenArchive(const std::stri
         return Failed(NotArchived(source, reason) + DropChanges());
     }
     if (const std::string trouble = Reopen(); !trouble.empty()) {
-        return Failed(fmt::format("File {} was archived, but then: {}", Util::ToUtf8(source), trouble), true);
+        return Failed(fmt::format("File {} was archived, but then: {}", Util::ToUtf8Lossy(source), trouble), true);
     }
     return CheckAdded(entryName, source, size, SizeOf(file));
 }
@@ -257,18 +255,18 @@ ZipArchiveWrapper::AddResult ZipArchiveWrapper::CheckAdded(const std::string& en
                                                            std::uint64_t sizeBefore, std::uint64_t sizeAfter) {
     if (maxArchiveSize_ != 0 && source_->FileSize() > maxArchiveSize_) {
         return Failed(fmt::format("Excluded file {} ({}) as it exceeds the maximum archive size ({}).",
-                                  Util::ToUtf8(source), FormatSize(sizeBefore), FormatSize(maxArchiveSize_)) +
+                                  Util::ToUtf8Lossy(source), FormatSize(sizeBefore), FormatSize(maxArchiveSize_)) +
                       Remove(entryName));
     }
     const std::uint64_t archived = archive_->getEntry(entryName).getSize();
     if (archived < sizeBefore) {
-        return Failed(
-            fmt::format("File {}: {}; what was read is archived", Util::ToUtf8(source), Shrank(sizeBefore, archived)),
-            true);
+        return Failed(fmt::format("File {}: {}; what was read is archived", Util::ToUtf8Lossy(source),
+                                  Shrank(sizeBefore, archived)),
+                      true);
     }
     if (sizeAfter > archived) {
         return Failed(fmt::format("File {} grew to {} bytes while it was read: its first {} bytes are archived",
-                                  Util::ToUtf8(source), sizeAfter, archived),
+                                  Util::ToUtf8Lossy(source), sizeAfter, archived),
                       true);
     }
     return {};
@@ -286,8 +284,8 @@ std::string ZipArchiveWrapper::Remove(const std::string& entryName) {
 ZipArchiveWrapper::AddResult ZipArchiveWrapper::AddFileToFolder(const std::filesystem::path& entryFolder,
                                                                 const std::filesystem::path& source) {
     const std::filesystem::path name = source.filename();
-    std::string entryName = EntryName(Util::ToUtf8(entryFolder / name));
-    if (Util::ConvertStringType(std::string_view(Util::ToUtf8(name))) != name.native()) {
+    std::string entryName = EntryName(Util::ToUtf8Lossy(entryFolder / name));
+    if (Util::ConvertStringType(std::string_view(Util::ToUtf8Lossy(name))) != name.native()) {
         // Faulty names look alike once they are UTF-8; none may replace another.
         const std::string first = entryName;
         for (int number = 2; archive_ && archive_->hasEntry(entryName); ++number) {

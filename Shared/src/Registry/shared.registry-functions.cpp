@@ -3,35 +3,34 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <expected>
 #include <utility>
 
 #include "shared.util-functions.h"
+#include "shared.util-win32result.h"
 
 namespace Shared::Registry {
 
 namespace {
 
 std::string FullName(HKEY parent, std::wstring_view path) {
-    return fmt::format("{}\\{}", Util::ToUtf8(SuperkeyName(parent)), Util::ToUtf8(path));
+    return fmt::format("{}\\{}", Util::ToUtf8Lossy(SuperkeyName(parent)), Util::ToUtf8Lossy(path));
 }
 
 // How often a value may outgrow its buffer between two calls before reading it is given up.
 constexpr int maxAttempts = 16;
 
-std::expected<std::size_t, std::uint32_t> TextSize(HKEY root, const wchar_t* subkey, const wchar_t* name,
-                                                   DWORD restriction) {
+Util::Win32Result<std::size_t> TextSize(HKEY root, const wchar_t* subkey, const wchar_t* name, DWORD restriction) {
     DWORD size = 0;
     const LSTATUS status = RegGetValueW(root, subkey, name, restriction, nullptr, nullptr, &size);
     if (status != ERROR_SUCCESS) {
-        return std::unexpected(static_cast<std::uint32_t>(status));
+        return std::unexpected(static_cast<DWORD>(status));
     }
     return size;
 }
 
 // All characters of a text value, terminators included.
-std::expected<std::wstring, std::uint32_t> ReadText(HKEY root, const wchar_t* subkey, const wchar_t* name,
-                                                    DWORD restriction, std::size_t size) {
+Util::Win32Result<std::wstring> ReadText(HKEY root, const wchar_t* subkey, const wchar_t* name, DWORD restriction,
+                                         std::size_t size) {
     for (int attempt = 0; attempt < maxAttempts; ++attempt) {
         // Never an empty buffer, which would turn the call into another query for the size. The spare characters are
         // for an odd byte and for the terminators that the call adds to a value without them.
@@ -43,11 +42,11 @@ std::expected<std::wstring, std::uint32_t> ReadText(HKEY root, const wchar_t* su
             return buffer;
         }
         if (status != ERROR_MORE_DATA) {
-            return std::unexpected(static_cast<std::uint32_t>(status));
+            return std::unexpected(static_cast<DWORD>(status));
         }
         size = std::max<std::size_t>(size * 2, bytes);
     }
-    return std::unexpected(std::uint32_t{ERROR_MORE_DATA});
+    return std::unexpected<DWORD>(ERROR_MORE_DATA);
 }
 
 std::wstring ReadValue(HKEY root, std::wstring_view subkey, std::wstring_view name, DWORD restriction,
@@ -115,7 +114,7 @@ std::wstring RegGetDefault(HKEY key) {
     if (!text) {
         ThrowRegError(text.error(), L"Cannot read default string from registry", key, L"", L"(default)");
     }
-    // The call sees to a terminator, but not every system counts one that it has added.
+    // The call adds a terminator where the value lacks one, but not every system counts an added one.
     if (text->ends_with(L'\0')) {
         text->pop_back();
     }
@@ -144,8 +143,8 @@ std::vector<std::wstring> RegGetMultiString(HKEY root, std::wstring_view subkey,
 void ThrowRegError(std::uint32_t code, std::wstring_view message, HKEY key, std::wstring_view subkey,
                    std::wstring_view name, const std::source_location& location) {
     throw RegistryException(
-        fmt::format("{}; key: {:#X}; subkey: {}; value name: {}", Util::ToUtf8(message),
-                    reinterpret_cast<std::uintptr_t>(key), Util::ToUtf8(subkey), Util::ToUtf8(name)),
+        fmt::format("{}; key: {:#X}; subkey: {}; value name: {}", Util::ToUtf8Lossy(message),
+                    reinterpret_cast<std::uintptr_t>(key), Util::ToUtf8Lossy(subkey), Util::ToUtf8Lossy(name)),
         code, location);
 }
 

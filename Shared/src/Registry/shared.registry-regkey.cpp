@@ -80,7 +80,7 @@ std::wstring RegKey::Value::ToWide() const {
         case REG_MULTI_SZ:
             return fmt::format(L"[Multistring] {} = {}", name, JoinedMultiString(data));
         default:
-            Exception::LogWarning("Ignored value name {} as it was of value type {}.", Util::ToUtf8(name), type);
+            Exception::LogWarning("Ignored value name {} as it was of value type {}.", Util::ToUtf8Lossy(name), type);
             return fmt::format(L"Value {} of type {} ignored", name, type);
     }
 }
@@ -122,7 +122,7 @@ std::expected<RegKey, std::string> RegKey::Open(HKEY rootKey, const std::wstring
         try {
             return RegKey(rootKey, path, accessMask);
         } catch (const std::exception& error) {
-            Exception::LogWarning("Failed opening {}: {}", Util::ToUtf8(path), error.what());
+            Exception::LogWarning("Failed opening {}: {}", Util::ToUtf8Lossy(path), error.what());
             return std::unexpected(std::string(error.what()));
         }
     } catch (...) {
@@ -237,7 +237,7 @@ std::vector<RegKey::Value> RegKey::GetAllValues() const noexcept {
         Exception::LogWarning(
             "Failed extracting all key values for {}. Will return what has been found, which may be incomplete. Error "
             "details: {}",
-            Util::ToUtf8(name), details);
+            Util::ToUtf8Lossy(name), details);
     };
     try {
         try {

@@ -25,7 +25,7 @@ std::filesystem::path GetProgramDataPath() {
         throw Exception::ComException("SHGetKnownFolderPath() failed", result);
     }
     std::filesystem::path path(buffer.get());
-    Exception::LogInfo("The ProgramData folder path is {}.", Util::ToUtf8(path));
+    Exception::LogInfo("The ProgramData folder path is {}.", Util::ToUtf8Lossy(path));
     return path;
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "shared.exception.h"
+#include "shared.filesystem-longpath.h"
 #include "shared.registry-functions.h"
 #include "shared.system-functions.h"
 #include "shared.util-functions.h"
@@ -17,16 +18,20 @@ std::filesystem::path AppSettings::GetAoxmInstallPath() {
     std::wstring text = Registry::RegGetString(HKEY_LOCAL_MACHINE, LR"(SOFTWARE\Velqor\OXM)", L"Path");
     text.erase(text.find_last_not_of(L'\\') + 1);
     std::filesystem::path path(text);
-    // This program runs elevated in a directory of the caller's choice: nothing may be looked up, or started, there.
-    // (The standard library here does not know the network's paths for absolute.)
-    if (!path.is_absolute() && !text.starts_with(LR"(\\)")) {
-        throw Exception::RuntimeException(fmt::format("The install path '{}' is not absolute.", Util::ToUtf8(path)));
+    // Nothing may be looked up, or started, in the current directory, to which unprivileged users may be able to write.
+    if (!FileSystem::IsAbsolute(path)) {
+        throw Exception::RuntimeException(
+            fmt::format("The install path '{}' is not absolute.", Util::ToUtf8Lossy(path)));
     }
     return path;
 }
 
 std::filesystem::path PV::GetPVInstallPath() {
     return AppSettings::GetAoxmInstallPath().parent_path() / L"Portavo";
+}
+
+std::filesystem::path PV::GetLacliPath() {
+    return AppSettings::GetAoxmInstallPath().parent_path() / L"Lumora Access Agent" / L"lacli.exe";
 }
 
 std::filesystem::path PV::GetLumoraAccessAgentLogPath() {

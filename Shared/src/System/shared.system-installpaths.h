@@ -4,7 +4,7 @@
 
 // Where the monitoring agent and the products beside it keep their files. The install folders come from the registry:
 // Registry::RegistryException when the agent's key or value is not there, RuntimeException "The install path '{}' is
-// not absolute." when the value would lead into whatever the current directory is.
+// not absolute." when the value is relative to the current directory.
 
 namespace Shared::AppSettings {
 
@@ -17,6 +17,9 @@ namespace Shared::PV {
 
 /// The VPN client's install folder, a neighbour of the agent's.
 [[nodiscard]] std::filesystem::path GetPVInstallPath();
+
+/// The access agent's command-line tool, in a folder beside the monitoring agent's; whether it exists is not asked.
+[[nodiscard]] std::filesystem::path GetLacliPath();
 
 /// The access agent's log folder. Throws ComException when there is no ProgramData folder.
 [[nodiscard]] std::filesystem::path GetLumoraAccessAgentLogPath();

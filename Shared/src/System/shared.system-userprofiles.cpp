@@ -8,16 +8,16 @@
 
 namespace Shared::System {
 
-std::vector<std::filesystem::path> ListUserProfiles(const std::filesystem::path& profilesDirectory) {
-    static constexpr std::array<std::wstring_view, 4> nobodys{L"Public", L"Default", L"All Users", L"Default User"};
-    std::vector<std::filesystem::path> profiles;
+void ForEachUserProfile(const std::filesystem::path& profilesDirectory,
+                        const std::function<void(const std::filesystem::path&)>& visit) {
+    static constexpr std::array<std::wstring_view, 4> excludedNames{L"Public", L"Default", L"All Users",
+                                                                    L"Default User"};
     FileSystem::DirectoryListing listing(profilesDirectory);
     while (const auto* entry = listing.Next()) {
-        if (entry->IsDirectory() && std::ranges::find(nobodys, entry->Name()) == nobodys.end()) {
-            profiles.push_back(entry->path);
+        if (entry->IsDirectory() && std::ranges::find(excludedNames, entry->Name()) == excludedNames.end()) {
+            visit(entry->path);
         }
     }
-    return profiles;
 }
 
 }  // namespace Shared::System

@@ -19,9 +19,6 @@ struct FixedString {
     // NOLINTNEXTLINE(google-explicit-constructor): it serves wherever its view does
     constexpr operator View() const noexcept { return View(characters, characters + N); }
     explicit constexpr operator String() const { return String(characters, characters + N); }
-    [[nodiscard]] constexpr View ToView() const noexcept { return *this; }
-    [[nodiscard]] constexpr String ToString() const { return String(*this); }
-    [[nodiscard]] constexpr bool Empty() const noexcept { return N == 0; }
 
     Char characters[N + 1]{};
 };

@@ -98,7 +98,7 @@ std::wstring ConvertStringType(std::string_view text) {
     return result;
 }
 
-std::string ToUtf8(std::wstring_view text) {
+std::string ToUtf8Lossy(std::wstring_view text) {
     std::wstring valid(text);
     for (std::size_t index = 0; index < valid.size(); ++index) {
         const bool pair = IsHighSurrogate(valid[index]) && index + 1 < valid.size() && IsLowSurrogate(valid[index + 1]);

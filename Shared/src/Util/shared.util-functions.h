@@ -19,11 +19,11 @@ namespace Shared::Util {
 
 /// UTF-16 to UTF-8 for names and messages, where a faulty character must not cost the evidence: equal to
 /// ConvertStringType for valid text, with U+FFFD in place of each unpaired surrogate.
-[[nodiscard]] std::string ToUtf8(std::wstring_view text);
+[[nodiscard]] std::string ToUtf8Lossy(std::wstring_view text);
 /// Takes a path and nothing that merely converts to one, so that wide strings find the overload above.
 template <std::same_as<std::filesystem::path> Path>
-[[nodiscard]] std::string ToUtf8(const Path& path) {
-    return ToUtf8(std::wstring_view(path.native()));
+[[nodiscard]] std::string ToUtf8Lossy(const Path& path) {
+    return ToUtf8Lossy(std::wstring_view(path.native()));
 }
 
 /// Valid UTF-8 made from any bytes: every byte that is no part of a well-formed sequence becomes U+FFFD.

@@ -8,18 +8,20 @@
 
 namespace Shared::Util {
 
-/// Owns one kernel handle. `Invalid` is the value by which the API that made it says "no handle": null for
-/// processes, threads, events and jobs, INVALID_HANDLE_VALUE for files and pipes. Neither of the two is ever closed.
-/// A CloseHandle that fails is reported on the wide standard-error stream. Closing preserves GetLastError.
+/// Owns one system object and releases it with the close function of its kind. A kind names the type (`Value`), the
+/// value by which its API says "none" (`Invalid`), which values need no release (`IsNone`), and the close function
+/// (`Close`). Releasing preserves GetLastError.
 template <class Kind>
 class UniqueHandle {
 public:
+    using Value = typename Kind::Value;
+
     UniqueHandle() noexcept = default;
-    explicit UniqueHandle(HANDLE handle) noexcept : handle_(handle) {}
-    UniqueHandle(UniqueHandle&& other) noexcept : handle_(std::exchange(other.handle_, Kind::Invalid())) {}
+    explicit UniqueHandle(Value value) noexcept : value_(value) {}
+    UniqueHandle(UniqueHandle&& other) noexcept : value_(std::exchange(other.value_, Kind::Invalid())) {}
     UniqueHandle& operator=(UniqueHandle&& other) noexcept {
         if (this != &other) {
-            Reset(std::exchange(other.handle_, Kind::Invalid()));
+            Reset(std::exchange(other.value_, Kind::Invalid()));
         }
         return *this;
     }
@@ -27,38 +29,48 @@ public:
     UniqueHandle& operator=(const UniqueHandle&) = delete;
     ~UniqueHandle() { Reset(); }
 
-    [[nodiscard]] HANDLE Get() const noexcept { return handle_; }
-    [[nodiscard]] explicit operator bool() const noexcept {
-        return handle_ != nullptr && handle_ != INVALID_HANDLE_VALUE;
-    }
-    [[nodiscard]] HANDLE Release() noexcept { return std::exchange(handle_, Kind::Invalid()); }
+    [[nodiscard]] Value Get() const noexcept { return value_; }
+    [[nodiscard]] explicit operator bool() const noexcept { return !Kind::IsNone(value_); }
 
-    void Reset(HANDLE handle = Kind::Invalid()) noexcept {
-        HANDLE old = std::exchange(handle_, handle);
-        if (old == nullptr || old == INVALID_HANDLE_VALUE) {
-            return;
+    void Reset(Value value = Kind::Invalid()) noexcept {
+        Value old = std::exchange(value_, value);
+        if (!Kind::IsNone(old)) {
+            const DWORD lastError = GetLastError();
+            Kind::Close(old);
+            SetLastError(lastError);
         }
-        const DWORD lastError = GetLastError();
-        if (CloseHandle(old) == FALSE) {
-            Exception::ReportWin32Failure("Failed to close handle due to a Win32 error", GetLastError());
-        }
-        SetLastError(lastError);
     }
 
 private:
-    HANDLE handle_ = Kind::Invalid();
+    Value value_ = Kind::Invalid();
 };
 
-struct NullHandleKind {
+/// A CloseHandle that fails is reported on the wide standard-error stream.
+struct KernelHandleKind {
+    using Value = HANDLE;
     static HANDLE Invalid() noexcept { return nullptr; }
+    static bool IsNone(HANDLE handle) noexcept { return handle == nullptr || handle == INVALID_HANDLE_VALUE; }
+    static void Close(HANDLE handle) noexcept {
+        if (CloseHandle(handle) == FALSE) {
+            Exception::ReportWin32Failure("Failed to close handle due to a Win32 error", GetLastError());
+        }
+    }
 };
-struct FileHandleKind {
+struct FileHandleKind : KernelHandleKind {
     static HANDLE Invalid() noexcept { return INVALID_HANDLE_VALUE; }
 };
+struct LocalMemoryKind {
+    using Value = void*;
+    static void* Invalid() noexcept { return nullptr; }
+    static bool IsNone(const void* memory) noexcept { return memory == nullptr; }
+    static void Close(void* memory) noexcept { LocalFree(memory); }
+};
 
-/// Processes, threads, events, jobs: null means none.
-using KernelHandle = UniqueHandle<NullHandleKind>;
-/// Files and pipe ends: INVALID_HANDLE_VALUE means none.
+/// Processes, threads, events, jobs, tokens: null means none.
+using KernelHandle = UniqueHandle<KernelHandleKind>;
+/// Files, folders and pipe ends: INVALID_HANDLE_VALUE means none.
 using FileHandle = UniqueHandle<FileHandleKind>;
+/// What the system allocates with LocalAlloc for its caller.
+using LocalMemory = UniqueHandle<LocalMemoryKind>;
 
 }  // namespace Shared::Util

@@ -6,12 +6,8 @@
 #include <vector>
 
 #include "agentcore.diagnostics-collectors-commandtofile.h"
-#include "agentcore.diagnostics-configurationset.h"
-#include "agentcore.diagnostics-crashset.h"
-#include "agentcore.diagnostics-logset.h"
 #include "agentcore.diagnostics-manifest.h"
-#include "agentcore.diagnostics-sampleset.h"
-#include "agentcore.diagnostics-toolset.h"
+#include "agentcore.diagnostics-sets.h"
 #include "diagnostics-test.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.util-functions.h"
@@ -170,7 +166,7 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
             const Shared::Util::FileHandle made(CreateFileW(Shared::FileSystem::LongForm(file).c_str(), GENERIC_WRITE,
                                                             0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
             if (made && name != ending) {  // ".log" has no extension
-                wanted.push_back(Shared::Util::ToUtf8(file));
+                wanted.push_back(Shared::Util::ToUtf8Lossy(file));
                 ++cases;
             }
         }
@@ -193,7 +189,7 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
             hive.SetRaw(velqor + L"OXM", L"Path", any.Below(8) == 0 ? REG_MULTI_SZ : REG_SZ,
                         (any.Below(3) == 0 ? "" : std::string("C\0:\0\\\0", 6)) +
                             any.Stored(any.Below(10) == 0 ? 40000 : 20, pathUnits));
-            Run(Join({LogSet({}), CrashReportSet({}), {ToolSet().at(3)}}));
+            Run(Join({LogSet(), CrashReportSet(), {ToolSet().at(3)}}));
         }
         // What is opened once for good is opened in the first round.
         handles = round == 0 ? TestSupport::HandleCount() : handles;

@@ -2,13 +2,9 @@
 
 #include <stdexcept>
 
-#include "agentcore.diagnostics-configurationset.h"
-#include "agentcore.diagnostics-crashset.h"
-#include "agentcore.diagnostics-logset.h"
 #include "agentcore.diagnostics-manifest.h"
-#include "agentcore.diagnostics-sampleset.h"
 #include "agentcore.diagnostics-set.h"
-#include "agentcore.diagnostics-toolset.h"
+#include "agentcore.diagnostics-sets.h"
 #include "diagnostics-test.h"
 
 namespace AgentCore::Diagnostics {

@@ -28,7 +28,7 @@ std::string WordsOf(DWORD code, DWORD source = FORMAT_MESSAGE_FROM_SYSTEM, HMODU
     std::wstring words(buffer, FormatMessageW(source | FORMAT_MESSAGE_IGNORE_INSERTS, module, code, 0x400, buffer,
                                               static_cast<DWORD>(std::size(buffer)), nullptr));
     words.resize(words.find_last_not_of(L"\r\n ") + 1);
-    return Shared::Util::ToUtf8(words);
+    return Shared::Util::ToUtf8Lossy(words);
 }
 
 std::string Translated(const std::string& words, DWORD code) {
@@ -152,7 +152,7 @@ TEST(Messages, FailuresThatMustNotThrowGoToTheWideErrorStream) {
     ReportWin32Failure("caf\xC3\xA9", 12030);
     EXPECT_EQ(GetLastError(), 77U);
     std::wcerr.rdbuf(before);
-    EXPECT_EQ(Shared::Util::ToUtf8(written.str()),
+    EXPECT_EQ(Shared::Util::ToUtf8Lossy(written.str()),
               fmt::format("caf\xC3\xA9 ===> {} (Win32Exception error code: 12030) {}\n", Win32Message(12030),
                           HintFor(12030)));
 }

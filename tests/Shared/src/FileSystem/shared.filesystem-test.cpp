@@ -111,11 +111,11 @@ TEST(ConfinedFolder, OpensOnlyWhatLiesInTheFolder) {
         {L"own", FileKind::Directory},
         {LR"(own\none)", FileKind::NotFound},
         {LR"(none\a.log)", FileKind::NotFound},
-        {L"file-link.log", FileKind::Foreign},
-        {L"folder-link", FileKind::Foreign},
-        {LR"(folder-link\a.log)", FileKind::Foreign},
-        {LR"(own-link\a.log)", FileKind::Foreign},
-        {L"hard.log", FileKind::Foreign},
+        {L"file-link.log", FileKind::OutsideFolder},
+        {L"folder-link", FileKind::OutsideFolder},
+        {LR"(folder-link\a.log)", FileKind::OutsideFolder},
+        {LR"(own-link\a.log)", FileKind::OutsideFolder},
+        {L"hard.log", FileKind::OutsideFolder},
     };
     // A profile that was moved is reached through a link, and its contents are the user's all the same.
     const SymbolicLink moved(profile, machine / L"moved");
@@ -152,7 +152,8 @@ TEST(ConfinedFolder, HoldsTheCheckedFile) {
         CreateFileW(file.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     const auto refused = ConfinedFolder(profile.Path()).Open(LR"(sub\a.log)");
     ASSERT_FALSE(refused);
-    EXPECT_EQ(refused.error(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+    EXPECT_EQ(refused.error().code, static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+    EXPECT_EQ(refused.error().kind, FileKind::Regular);
 }
 
 TEST(GeneratedFile, HoldsTextAndBytesAndGoesAway) {
@@ -172,9 +173,16 @@ TEST(GeneratedFile, HoldsTextAndBytesAndGoesAway) {
     EXPECT_FALSE(fs::exists(L"out.txt"));
     EXPECT_EQ(ReadFile(L"target.txt"), "precious, and longer than what comes now");
 
+    // A name that cannot be had is replaced by another one.
     WriteFile(folder / L"out.txt" / L"inside.txt", "x");
-    EXPECT_THROW(GeneratedFile(L"out.txt"), Exception::Win32Exception);
-    EXPECT_TRUE(fs::exists(folder / L"out.txt" / L"inside.txt"));
+    {
+        GeneratedFile file(L"out.txt");
+        file.WriteText("elsewhere");
+        EXPECT_EQ(file.Name(), L"out.txt");
+        EXPECT_EQ(ReadFile(file.Path()), "elsewhere");
+    }
+    EXPECT_THAT(Names(folder.Path(), Depth::Tree),
+                UnorderedElementsAre(L"out.txt", L"target.txt", LR"(out.txt\inside.txt)"));
 }
 
 bool Exists(const fs::path& path) {
@@ -233,8 +241,8 @@ TEST(FileObjectRemover, LogsWhatItCannotRemoveAndForgetsIt) {
     remover.Clear();
     EXPECT_THAT(log.Text(), ContainsRegex("warning.*Failed removing file .*open.txt: "));
     EXPECT_EQ(log.Text().find("Failed"), log.Text().rfind("Failed"));
-    EXPECT_EQ(RemoveName(file), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
-    EXPECT_EQ(RemoveName(folder.Path()), static_cast<DWORD>(ERROR_DIR_NOT_EMPTY));
+    EXPECT_EQ(RemoveName(file).error(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+    EXPECT_EQ(RemoveName(folder.Path()).error(), static_cast<DWORD>(ERROR_DIR_NOT_EMPTY));
 }
 
 }  // namespace

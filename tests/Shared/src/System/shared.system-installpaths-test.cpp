@@ -29,7 +29,7 @@ TEST(InstallPaths, ComeFromTheAgentsKey) {
     }
 }
 
-TEST(ListUserProfiles, TakesEveryFolderButNobodys) {
+TEST(ForEachUserProfile, TakesEveryFolderButTheExcludedNames) {
     const TestSupport::TemporaryFolder users;
     for (const wchar_t* name : {L"Public", L"Default", L"All Users", L"default user", L"default user 2"}) {
         fs::create_directory(users / name);
@@ -37,10 +37,14 @@ TEST(ListUserProfiles, TakesEveryFolderButNobodys) {
     TestSupport::WriteFile(users / L"desktop.ini", "");
     TestSupport::WriteFile(users / L"elsewhere" / L"alice" / L"x", "");
     const TestSupport::SymbolicLink moved(users / L"elsewhere" / L"alice", users / L"alice");
-    EXPECT_THAT(System::ListUserProfiles(users.Path()),
-                UnorderedElementsAre(users / L"default user", users / L"default user 2", users / L"elsewhere",
-                                     users / L"alice"));
-    EXPECT_THROW((void)System::ListUserProfiles(users / L"none"), fs::filesystem_error);
+    std::vector<fs::path> profiles;
+    const auto list = [&](const fs::path& folder) {
+        System::ForEachUserProfile(folder, [&](const fs::path& profile) { profiles.push_back(profile); });
+    };
+    list(users.Path());
+    EXPECT_THAT(profiles, UnorderedElementsAre(users / L"default user", users / L"default user 2", users / L"elsewhere",
+                                               users / L"alice"));
+    EXPECT_THROW(list(users / L"none"), fs::filesystem_error);
 }
 
 }  // namespace

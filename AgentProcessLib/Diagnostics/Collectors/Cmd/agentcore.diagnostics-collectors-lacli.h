@@ -1,0 +1,36 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "agentcore.diagnostics-collectors.h"
+
+namespace AgentCore::Diagnostics::Collectors::Cmd {
+
+inline constexpr std::wstring_view rdnsArguments = L"traffic rdns export";
+/// The export file, which the tool writes into the current directory.
+inline constexpr std::wstring_view rdnsFileName = L"lacli_traffic_rdns.log";
+
+/// "\"{}\" {}" of the tool's path and the arguments. Throws as Shared::PV::GetLacliPath() does.
+[[nodiscard]] std::wstring ToolCommandLine(std::wstring_view arguments);
+
+/// The command line of the export.
+[[nodiscard]] std::wstring RdnsCommandLine();
+
+/// Has the access agent's tool export its reverse DNS table and archives that file. What exists under its name is
+/// removed before, so that only this run's export is archived, and afterwards in every case. Without the tool or
+/// without an export the status is unsuccessful and has no message. A link, a folder or a file with a further hard link
+/// is no export: "Collector{} failed: {}".
+[[nodiscard]] CollectorStatus CollectRdnsExport(const Destination& destination) noexcept;
+
+template <int Type>
+class LacliRdnsExport {
+public:
+    [[nodiscard]] CollectorStatus Collect(const std::filesystem::path& archiveFolder,
+                                          Shared::FileZip::ZipArchiveWrapper& zip) const noexcept {
+        return CollectRdnsExport({archiveFolder, zip});
+    }
+};
+
+}  // namespace AgentCore::Diagnostics::Collectors::Cmd

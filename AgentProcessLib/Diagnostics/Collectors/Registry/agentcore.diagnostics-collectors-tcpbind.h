@@ -1,0 +1,30 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "agentcore.diagnostics-collectors.h"
+
+namespace AgentCore::Diagnostics::Collectors::Registry {
+
+/// The key that lists the bindings of the TCP/IP stack, and the key with the name of the value behind it, as the
+/// manifest names them: "HKLM\{}" and "HKLM\{}\{}".
+[[nodiscard]] std::string TcpBindKeyName();
+[[nodiscard]] std::string TcpBindSource();
+
+/// Archives the network bindings of the TCP/IP stack, one a line, the empty one that ends the list included. A list
+/// without any binding makes an empty file.
+[[nodiscard]] CollectorStatus CollectTcpBind(const Destination& destination) noexcept;
+
+template <int Type>
+class TcpBind {
+public:
+    static constexpr int type = Type;
+
+    CollectorStatus Collect(const std::filesystem::path& archiveFolder,
+                            Shared::FileZip::ZipArchiveWrapper& zip) const noexcept {
+        return CollectTcpBind({archiveFolder, zip});
+    }
+};
+
+}  // namespace AgentCore::Diagnostics::Collectors::Registry

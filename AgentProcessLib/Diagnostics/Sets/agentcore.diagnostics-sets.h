@@ -1,0 +1,36 @@
+#pragma once
+
+#include <filesystem>
+#include <vector>
+
+#include "agentcore.diagnostics-set.h"
+
+// The collector sets: each function returns the table of a set's rows, in run order.
+
+namespace AgentCore::Diagnostics::Logs {
+
+/// Folders that are the same on every machine.
+inline constexpr auto windowsFolder = [] { return std::filesystem::path(LR"(C:\WINDOWS)"); };
+inline constexpr auto system32Folder = [] { return std::filesystem::path(LR"(C:\WINDOWS\system32)"); };
+
+}  // namespace AgentCore::Diagnostics::Logs
+
+namespace AgentCore::Diagnostics {
+
+/// The machine's logs, then four rows for each profile folder.
+[[nodiscard]] std::vector<CollectorRow> LogSet();
+
+/// The registry state of the VPN client, the monitoring agent and the access agent.
+[[nodiscard]] std::vector<CollectorRow> ConfigurationSet();
+
+/// What the system's own commands say about the machine, and its network bindings. The name and the origin of a
+/// command's row are the command.
+[[nodiscard]] std::vector<CollectorRow> SampleSet();
+
+/// What the access agent's tool says about its state. A row's name is the arguments, its origin the command line.
+[[nodiscard]] std::vector<CollectorRow> ToolSet();
+
+/// The machine's crash dumps, then two rows for each profile folder.
+[[nodiscard]] std::vector<CollectorRow> CrashReportSet();
+
+}  // namespace AgentCore::Diagnostics

@@ -1,0 +1,58 @@
+#include "agentcore.diagnostics-collectors.h"
+
+#include <algorithm>
+
+#include "shared.exception-guardedlog.h"
+#include "shared.util-functions.h"
+
+namespace AgentCore::Diagnostics {
+
+namespace {
+
+CollectorStatus StatusOf(Shared::FileZip::ZipArchiveWrapper::AddResult result) {
+    CollectorStatus status;
+    status.success = result.has_value() || result.error().isArchived;
+    if (!result) {
+        status.errors.push_back(std::move(result.error().message));
+    }
+    return status;
+}
+
+}  // namespace
+
+CollectorStatus Destination::Add(const std::filesystem::path& file) const {
+    return StatusOf(zip.AddFileToFolder(folder, file));
+}
+
+std::size_t Destination::CountFiles() const {
+    const std::string start = Shared::Util::ToUtf8Lossy(folder) + '/';
+    return static_cast<std::size_t>(std::ranges::count_if(zip.Entries(), [&start](const libzippp::ZipEntry& entry) {
+        return entry.isFile() && entry.getName().starts_with(start);
+    }));
+}
+
+CollectorStatus Destination::Add(const Shared::FileSystem::GeneratedFile& file) const {
+    return StatusOf(zip.AddFile(Shared::Util::ToUtf8Lossy(folder / file.Name()), file.Path()));
+}
+
+CollectorStatus Unsuccessful() {
+    return {};
+}
+
+CollectorStatus Unsuccessful(std::string message) {
+    CollectorStatus status;
+    status.errors.push_back(std::move(message));
+    return status;
+}
+
+std::string LogErrorAndReturn(std::string message, const std::source_location& where) {
+    Shared::Exception::LogError({"{}", where}, message);
+    return message;
+}
+
+std::string LogWarningAndReturn(std::string message) {
+    Shared::Exception::LogWarning("{}", message);
+    return message;
+}
+
+}  // namespace AgentCore::Diagnostics

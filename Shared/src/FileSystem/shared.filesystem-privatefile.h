@@ -1,0 +1,30 @@
+#pragma once
+
+#include <windows.h>
+
+#include <filesystem>
+
+#include "shared.util-handle.h"
+#include "shared.util-win32result.h"
+
+// What this program creates is for its administrator: files and folders get a protected access list that gives SYSTEM,
+// the Administrators, the running user and the owner full access, and nothing to anybody else.
+namespace Shared::FileSystem {
+
+/// Creates a file; ERROR_FILE_EXISTS when anything exists at the path, a link included.
+[[nodiscard]] Util::Win32Result<Util::FileHandle> CreatePrivateFile(const std::filesystem::path& path, DWORD access,
+                                                                    DWORD sharing);
+
+/// Creates a folder; ERROR_ALREADY_EXISTS when anything exists at the path.
+[[nodiscard]] Util::Win32Result<void> CreatePrivateFolder(const std::filesystem::path& path);
+
+struct NamedFile {
+    std::filesystem::path path;
+    Util::FileHandle handle;
+};
+
+/// Creates a file whose name no other file has: `start` followed by a process id, a time and a number.
+[[nodiscard]] Util::Win32Result<NamedFile> CreateUniqueFile(const std::filesystem::path& start, DWORD access,
+                                                            DWORD sharing);
+
+}  // namespace Shared::FileSystem
