@@ -158,7 +158,7 @@ class Machine:
 
     def hold_lock(self):
         """Starts a process that keeps LOCKED open for itself; returns it once the file is locked."""
-        holder = self.start(str(self.drive / TOOL), "hold", "C:\\" + LOCKED.replace("/", "\\"), "600000")
+        holder = self.start(str(self.drive / TOOL), "hold", "C:\\" + LOCKED.replace("/", "\\"))
         if not holder.stdout.readline().startswith(b"held"):
             sys.exit("the log could not be locked")
         return holder

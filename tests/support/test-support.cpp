@@ -153,11 +153,12 @@ std::filesystem::path ChildProgram() {
     wchar_t self[MAX_PATH]{};
     GetModuleFileNameW(nullptr, self, MAX_PATH);
     for (std::filesystem::path folder(self); folder != folder.root_path(); folder = folder.parent_path()) {
-        if (auto program = folder.parent_path() / "demo" / "lacli.exe"; std::filesystem::exists(program)) {
+        if (auto program = folder.parent_path() / "support" / "child" / "test-child.exe";
+            std::filesystem::exists(program)) {
             return program;
         }
     }
-    throw std::runtime_error("lacli.exe is not built");
+    throw std::runtime_error("test-child.exe is not built");
 }
 
 unsigned HandleCount() {
