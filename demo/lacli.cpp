@@ -1,6 +1,6 @@
 // Stands in for the access agent's tool on the demo machine: answers the questions that are asked of the tool, and
 // writes its export. With LACLI_PAUSE_<question> set to a number of milliseconds, blanks of the question as underscores
-// (LACLI_PAUSE_traffic_log=4000), an answer pauses after its first line.
+// (LACLI_PAUSE_traffic_log=4000), an answer pauses after its first line and an export before it is written.
 //
 // "hold FILE" opens the file without sharing, prints "held", and keeps it open until the process is ended.
 
@@ -26,16 +26,17 @@ void Hold(const std::string& path) {
     Sleep(INFINITE);
 }
 
-bool Export(const std::string& name) {
-    HANDLE file = CreateFileA(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-    return Write(file, "10.20.0.7 files.example.com\r\n10.20.0.9 mail.example.com\r\n");
-}
-
 DWORD PauseOf(std::string question) {
     std::ranges::replace(question, ' ', '_');
     char milliseconds[16]{};
     GetEnvironmentVariableA(("LACLI_PAUSE_" + question).c_str(), milliseconds, sizeof milliseconds);
     return static_cast<DWORD>(std::strtoul(milliseconds, nullptr, 10));
+}
+
+bool Export(const std::string& name) {
+    Sleep(PauseOf("traffic rdns export"));
+    HANDLE file = CreateFileA(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    return Write(file, "10.20.0.7 files.example.com\r\n10.20.0.9 mail.example.com\r\n");
 }
 
 int Answer(const std::string& question) {

@@ -25,7 +25,8 @@ PORTAVO = "Program Files/Velqor/Portavo"
 TOOL = "Program Files/Velqor/Lumora Access Agent/lacli.exe"
 ACCESS_LOGS = "ProgramData/Velqor/Lumora Access Agent/Logs"
 LOCKED = OXM + "/live.log"
-PROFILES = ("anna", "Zoë Müller")  # beside the one that Wine makes for the user it runs as
+PROFILES = ("anna", "default", "Zoë Müller")  # beside the one that Wine makes for the user it runs as
+NO_PROFILES = ("Public", "All Users", "Default User")  # in exactly this spelling; "Default" would be one more
 
 # Path below the drive -> size in bytes.
 LOGS = {
@@ -36,26 +37,59 @@ LOGS = {
     f"{PORTAVO}/VqPVS.old": 60_000,
     f"{PORTAVO}/vq_pv_hrpt.xml": 2_000,
     f"{ACCESS_LOGS}/access.log": 40_000,
-    f"{ACCESS_LOGS}/access.1.log": 40_000,
     **{f"{ACCESS_LOGS}/LumoraAccessAgentLog.etl.00{number}": 65_536 for number in range(4)},
     "ProgramData/Velqor/DLP/logs/dlp.txt": 8_000,
     "ProgramData/Velqor/DLP/logs/audit/audit.txt": 8_000,
     "windows/setupapi.log": 20_000,
     "windows/inf/setupapi.dev.log": 90_000,
     "windows/inf/setupapi.app.log": 10_000,
-    "windows/inf/setupapi.offline.log": 1_000,
     "windows/system32/VqPlapApp.log": 5_000,
 }
+# Rotated files beside these: ten of them, one more than is collected together with the file itself.
+FAMILIES = (f"{PORTAVO}/VqPVS.log", f"{PORTAVO}/VqPVS.old", f"{ACCESS_LOGS}/access.log", f"{OXM}/oxm.dmp",
+            "ProgramData/Velqor/DLP/logs/dlp.txt", "windows/inf/setupapi.dev.log", "windows/inf/setupapi.app.log")
+LOGS |= {f"{file[:-4]}.{number}{file[-4:]}": 1_000 for file in FAMILIES for number in range(10)}
 USER_LOGS = {
     "AppData/Local/Velqor/Lumora Access Agent/Logs/ui.log": 9_000,
     "AppData/Local/Velqor/Portavo/VqPVA.log": 15_000,
     "AppData/Local/Velqor/Portavo/VqPVA.log.old": 15_000,
     "AppData/Local/Velqor/OXM/ViewpaneUI/viewpane-ui.log": 6_000,
     "AppData/Local/Velqor/OXM/Viewpane/viewpane.log": 6_000,
-    "AppData/Local/Velqor/OXM/Viewpane/cache/skipped.log": 100,
+    "AppData/Local/Velqor/OXM/Viewpane/PANE.TXT": 100,
 }
 DUMPS = {f"{PORTAVO}/VqPVS.dmp": 3 * MIB, f"{OXM}/oxm.dmp": 2 * MIB, f"{OXM}/crashes/service.dmp": MIB}
 USER_DUMPS = {"VqPVA.dmp": 300_000, "AppData/Local/Velqor/Portavo/VqPVA.dmp": 200_000}
+ONE_USERS_DUMP = f"users/{PROFILES[-1]}/VqPVS.dmp"
+
+# Files that look much like those above and are never collected.
+NEAR_MISSES = (
+    *(f"{OXM}/{name}" for name in ("upper.LOG", "oxm.log.bak", "oxm.txt", "oxm.old", ".log", "log", "upper.DMP",
+                                   "Service/oxm.mdmp", "Service/upper.LOG", "oxm.dmp.old")),
+    *(f"{PORTAVO}/{name}" for name in ("upper.LOG", "upper.OLD", "VqPVS.txt", "sub/deeper.log", "sub/deeper.old",
+                                       "sub/vq_pv_hrpt.xml", "sub/update_tmp.bat", "sub/VqPVS.dmp", "my_vq_pv_hrpt.xml",
+                                       "vq_pv_hrpt.xml.bak", "VqPVA.dmp", "VqPVS.dmp.bak")),
+    *(f"{ACCESS_LOGS}/{name}" for name in ("upper.LOG", "access.old", "access.txt", "sub/deeper.log",
+                                           "LumoraAccessAgentLog.etl", "LumoraAccessAgentLog.etl.006",
+                                           "LumoraAccessAgentLog.etl.000.bak", "sub/LumoraAccessAgentLog.etl.001")),
+    *(f"ProgramData/Velqor/DLP/logs/{name}" for name in ("upper.TXT", "dlp.log", "audit/upper.TXT", "audit/audit.txt.1")),
+    "ProgramData/Velqor/DLP/outside.txt",
+    "ProgramData/Velqor/Lumora Access Agent/outside.log",
+    *(f"windows/{name}" for name in ("setupapi.old", "setupapi.log.bak", "my.setupapi.log", "setupapi.dev.log")),
+    *(f"windows/inf/{name}" for name in ("setupapi.offline.log", "setupapi.log", "my.setupapi.dev.log",
+                                         "my.setupapi.app.log", "SETUPAPI.DEV.upper.log", "setupapi.dev.big.LOG",
+                                         "setupapi.app.txt", "sub/setupapi.dev.deeper.log",
+                                         "sub/setupapi.app.deeper.log")),
+    *(f"windows/system32/{name}" for name in ("VqPlapApp.txt", "VqPlapApp.log.1", "logs/VqPlapApp.log")),
+    "users/VqPVA.dmp",
+)
+USER_NEAR_MISSES = (
+    "VqPVB.dmp", "VqPVA.dmp.bak", "VqPVA.log", "Desktop/VqPVA.dmp",
+    "AppData/Local/Velqor/Lumora Access Agent/outside.log",
+    "AppData/Local/Velqor/Portavo/VqPVS.dmp", "AppData/Local/Velqor/Portavo/VqPVA.log.older",
+    "AppData/Local/Velqor/Portavo/VqPVA.1.log", "AppData/Local/Velqor/Portavo/sub/VqPVA.log",
+    "AppData/Local/Velqor/OXM/outside.log", "AppData/Local/Velqor/OXM/Viewpane/cache/skipped.log",
+    "AppData/Roaming/Velqor/Portavo/VqPVA.log",
+)
 
 MESSAGES = (
     "INFO  heartbeat sent in {} ms",
@@ -117,8 +151,9 @@ class Machine:
 
     def profiles(self):
         """The profile folders that count, in the order in which the system lists them."""
-        return sorted((path for path in (self.drive / "users").iterdir() if path.name not in ("Public", "Default User")),
-                      key=lambda path: path.name.lower())
+        found = (path for path in (self.drive / "users").iterdir()
+                 if path.is_dir() and path.name not in (*NO_PROFILES, "Default"))
+        return sorted(found, key=lambda path: path.name.lower())
 
     def import_registry(self, file):
         copy = self.prefix / "import.reg"
@@ -131,30 +166,39 @@ class Machine:
     def install(self, tool):
         """Installs the products: registry, files, the stand-in for the access agent's tool."""
         self.import_registry(HERE / "products.reg")
-        for name in PROFILES:
+        for name in PROFILES + NO_PROFILES:
             (self.drive / "users" / name).mkdir(parents=True, exist_ok=True)
-        for name in ("Public", "Default User"):
-            write(self.drive / "users" / name / "VqPVA.dmp", b"never collected")
         for name, size in LOGS.items():
             write(self.drive / name, log_text(name, size))
-        for name, size in DUMPS.items():
+        for name, size in {**DUMPS, ONE_USERS_DUMP: 10_000}.items():
             write(self.drive / name, dump_bytes(name, size))
         for profile in self.profiles():
             for name, size in USER_LOGS.items():
                 write(profile / name, log_text(profile.name + name, size))
             for name, size in USER_DUMPS.items():
                 write(profile / name, dump_bytes(profile.name + name, size))
+        for place in [*(self.drive / name for name in NEAR_MISSES),
+                      *(profile / name for profile in self.profiles() for name in USER_NEAR_MISSES),
+                      *(self.drive / "users" / profile / name for profile in NO_PROFILES
+                        for name in (*USER_LOGS, *USER_DUMPS))]:
+            write(place, b"never collected")
         # The second access log is older, as a rotated log is.
         os.utime(self.drive / ACCESS_LOGS / "access.1.log", (1_700_000_000, 1_700_000_000))
         (self.drive / TOOL).parent.mkdir(parents=True, exist_ok=True)
         shutil.copyfile(tool, self.drive / TOOL)
-        # BROKEN on purpose: a missing file (update_tmp.bat was never written), an oversized one, a program that is
-        # called a log, a log that another process holds (see hold_lock), a folder where a dump is expected.
-        with open(self.drive / OXM / "history.log", "wb") as history:
-            history.truncate(SIZE_LIMIT + 1)
-        shutil.copyfile(tool, self.drive / OXM / "hostprobe.log")
+        # BROKEN on purpose: a missing file (update_tmp.bat was never written), oversized ones, programs that are called
+        # logs, a log that another process holds (see hold_lock), folders where files are expected.
+        for name in (f"{OXM}/history.log", f"{ACCESS_LOGS}/LumoraAccessAgentLog.etl.004",
+                     f"users/{PROFILES[0]}/AppData/Local/Velqor/Portavo/VqPVA.log.old",
+                     f"users/{PROFILES[0]}/AppData/Local/Velqor/OXM/Viewpane/history.log"):
+            with open(self.drive / name, "wb") as oversized:
+                oversized.truncate(SIZE_LIMIT + 1)
+        for name in (f"{OXM}/hostprobe.log", f"{PORTAVO}/VqPVS.00.log"):
+            shutil.copyfile(tool, self.drive / name)
         write(self.drive / LOCKED, log_text(LOCKED, 5_000))
+        (self.drive / ACCESS_LOGS / "LumoraAccessAgentLog.etl.005").mkdir(exist_ok=True)
         (self.drive / "users" / PROFILES[0] / "VqPVS.dmp").mkdir(exist_ok=True)
+        shutil.rmtree(self.drive / "users" / PROFILES[1] / "AppData/Local/Velqor/OXM/ViewpaneUI")
 
     def hold_lock(self):
         """Starts a process that keeps LOCKED open for itself; returns it once the file is locked."""

@@ -7,6 +7,7 @@ import pathlib
 import shutil
 import sys
 import tempfile
+import time
 import unittest
 import zipfile
 
@@ -20,12 +21,22 @@ TOOL = os.environ["AGENTCLI_TOOL"]
 FULL = machine.Machine(os.environ["AGENTCLI_FULL_PREFIX"])
 BARE = machine.Machine(os.environ["AGENTCLI_BARE_PREFIX"])
 
-LOG, CRASH = "DIAGNOSTIC_TYPE_LOG_ALL", "DIAGNOSTIC_TYPE_CRASH_REPORT_ALL"
-SAMPLE, CONFIG = "DIAGNOSTIC_TYPE_SAMPLE_ALL", "DIAGNOSTIC_TYPE_CONFIGURATION_ALL"
 
 
 def windows_path(path):
     return "Z:" + str(path).replace("/", "\\")
+
+
+def running_in(folder):
+    """The command lines of the processes that were started in the folder: a run's own, and its children's."""
+    found = []
+    for process in pathlib.Path("/proc").glob("[0-9]*"):
+        try:
+            if (process / "cwd").readlink() == pathlib.Path(folder):
+                found.append((process / "cmdline").read_bytes().replace(b"\0", b" ").decode().strip())
+        except OSError:
+            pass  # has ended meanwhile
+    return found
 
 
 class Archive:
@@ -50,6 +61,10 @@ class Archive:
     def row(self, name):
         return next(row for row in self.rows if row["name"] == name)
 
+    def texts(self):
+        """The texts that the tool's rows have left."""
+        return [self.text(name) for name in self.names if "/lacli_" in name]
+
     def text(self, name):
         return self.entries[name][1].decode("utf-8")
 
@@ -66,15 +81,31 @@ class Case(unittest.TestCase):
         self.folder.mkdir()
         self.zip = self.folder / "diagnostics.zip"
 
-    def collect(self, *arguments, on=BARE, status=0, folder=None):
+    def collect(self, *arguments, **how):
         """Runs the command; returns what it printed."""
-        return self.agentcli("agent", "collect-diagnostics", *arguments, on=on, status=status, folder=folder)
+        return self.agentcli("agent", "collect-diagnostics", *arguments, **how)
 
-    def agentcli(self, *arguments, on=BARE, status=0, folder=None):
-        done = on.run(EXE, *arguments, cwd=folder or self.folder)
+    def agentcli(self, *arguments, on=BARE, status=0, folder=None, **environment):
+        """Runs the program to its end; returns what it printed on standard output, the only place it prints to."""
+        folder = folder or self.folder
+        done = on.run(EXE, *arguments, cwd=folder, **environment)
         printed = done.stdout.decode("utf-8")
-        self.assertEqual(done.returncode, status, printed + done.stderr.decode(errors="replace"))
+        self.assertEqual((done.returncode, done.stderr), (status, b""), printed)
+        self.assert_nothing_runs_in(folder)
         return printed
+
+    def assert_nothing_runs_in(self, folder):
+        # Wine takes a moment to clear away a process that has ended.
+        for _ in range(20):
+            if not (left := running_in(folder)):
+                break
+            time.sleep(0.1)
+        self.assertEqual(left, [])
+
+    def assert_folder_holds(self, *names):
+        """Nothing but these and the log with its one rotated file."""
+        found = {path.name for path in self.folder.iterdir()} - {"agent-cli.1.log"}
+        self.assertEqual(found, {"agent-cli.log", *names})
 
     def assert_located(self, printed, path):
         self.assertEqual(printed, f"Diagnostics zip located at: {windows_path(path)}\r\n")

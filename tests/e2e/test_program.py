@@ -1,5 +1,6 @@
 """The program as its user runs it, judged by the zip, the manifest, the log, the console and the exit status."""
 
+import collections
 import concurrent.futures
 import contextlib
 import datetime
@@ -11,124 +12,184 @@ import shutil
 import subprocess
 import time
 
-from machines import BARE, CONFIG, CRASH, EXE, FULL, LOG, SAMPLE, TOOL, Archive, Case, machine, windows_path
+from expected_rows import (ANY, CONFIG, CRASH, LOG, REFUSED, SAMPLE, TEXTS, rows_of_full_run, tool_text, types)
+from machines import BARE, EXE, FULL, TOOL, Archive, Case, machine, windows_path
+from opened import OpenedFiles
 
 SAMPLE_FILES = ["RoutePrint", "IpConfig", "NicConfig", "NicDetails", "NetStat", "SystemInfo", "ProcessInfo",
                 "ServiceInfo", "DriverInfo", "TcpipBind"]
 SAMPLES = [f"{SAMPLE}_{number}/{name}.txt" for number, name in enumerate(SAMPLE_FILES)]
+MILLISECOND = datetime.timedelta(milliseconds=1)
+UTC = datetime.timezone.utc
+
+
+def started_at(row):
+    return datetime.datetime.strptime(row["startedAt"], "%Y-%m-%dT%H:%M:%S.%fZ").replace(tzinfo=UTC)
 
 
 class FullRun(Case):
-    def test_collects_everything_that_can_be_had(self):
+    def test_collects_everything_that_is_promised_and_nothing_else(self):
+        temporary = [FULL.drive / "windows/temp", *(path / "AppData/Local/Temp" for path in FULL.profiles())]
+        before = [sorted(folder.glob("*")) for folder in temporary]
         with contextlib.ExitStack() as held:
             holder = FULL.hold_lock()
-            held.callback(holder.wait)
+            held.callback(holder.communicate)
             held.callback(holder.kill)
+            opened = held.enter_context(OpenedFiles(FULL.drive))
+            start = datetime.datetime.now(UTC)
             printed = self.collect(on=FULL)
+            end = datetime.datetime.now(UTC)
         self.assert_located(printed, self.zip)
-        self.assertLessEqual({path.name for path in self.folder.iterdir()},
-                             {"diagnostics.zip", "agent-cli.log", "agent-cli.1.log"})
+        self.assert_folder_holds("diagnostics.zip")
+        self.assertEqual([sorted(folder.glob("*")) for folder in temporary], before)
         archive = Archive(self.zip)
         for reader in (["unzip", "-tqq"], ["7z", "t", "-bso0", "-bsp0"]):
             subprocess.run([*reader, self.zip], check=True)
-        self.assertEqual(archive.types(), [(LOG, 19), (CONFIG, 4), (SAMPLE, 16), (CRASH, 8)])
-        self.assertLessEqual({"manifest.json", "agent-cli.log", *SAMPLES}, set(archive.names))
-        self.assertFalse([name for name in archive.names if "\\" in name])
-        self.check_rows(archive)
-        self.check_files(archive)
-        self.check_generated(archive)
+        self.check_times(archive.rows, start, end)
+        sources = self.check_rows(archive)
+        self.check_files(archive, sources)
+        self.check_texts(archive)
+        self.check_opened(opened.paths, sources)
+
+    def check_times(self, rows, start, end):
+        """Each row starts when the one before it has ended, all of them within the run."""
+        earliest = start - MILLISECOND
+        for row in rows:
+            self.assertGreaterEqual(started_at(row), earliest, row)
+            # Two clocks, each cut to whole milliseconds.
+            earliest = started_at(row) + (row.get("durationMs", 0) - 20) * MILLISECOND
+        self.assertLessEqual(earliest, end)
 
     def check_rows(self, archive):
-        programs, data, registry = "C:\\Program Files\\Velqor\\", "C:\\ProgramData\\Velqor\\", "HKLM\\SOFTWARE\\Velqor\\"
-        access_log = ", ".join(f"LumoraAccessAgentLog.etl.00{number}" for number in range(6))
-        filters = "HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Authentication\\Credential Provider Filters"
-        users = [f"C:\\users\\{profile.name}" for profile in FULL.profiles()]
-        logs = [("*.log", programs + "OXM"), ("*.log, *.old, vq_pv_hrpt.xml, update_tmp.bat", programs + "Portavo"),
-                (f"*.log, {access_log}", data + "Lumora Access Agent\\Logs"), ("*.txt", data + "DLP\\logs"),
-                ("setupapi.log", "C:\\WINDOWS"), ("setupapi.dev*.log, setupapi.app*.log", "C:\\WINDOWS\\inf"),
-                ("VqPlapApp.log", "C:\\WINDOWS\\system32")]
-        for user in users:
-            local = user + "\\AppData\\Local\\Velqor\\"
-            logs += [("Logs", local + "Lumora Access Agent\\Logs"), ("VqPVA.log, VqPVA.log.old", local + "Portavo"),
-                     ("ViewpaneUI", local + "OXM\\ViewpaneUI"), ("Viewpane", local + "OXM\\Viewpane")]
-        configuration = [(f"{registry}Portavo and {filters}", registry + "Portavo"),
-                         *((f"SOFTWARE\\Velqor\\{key}", registry + key) for key in ("OXM", "OXM\\Config",
-                                                                                   "Lumora Access Agent"))]
-        dumps = [("VqPVS.dmp", programs + "Portavo"), ("*.dmp", programs + "OXM")]
-        for user in users:
-            dumps += [("VqPVS.dmp, VqPVA.dmp", user), ("VqPVA.dmp", user + "\\AppData\\Local\\Velqor\\Portavo")]
-        rows = [(row["name"], row["origin"]) for row in archive.rows]
-        self.assertEqual(rows[:23] + rows[39:], logs + configuration + dumps)
-        self.assertEqual([name for name, _ in rows[33:39]],
-                         ["epm status", "status", "traffic log", "traffic rdns export", "traffic show", "tunnel"])
-        self.assertEqual(rows[38][1], f'"{programs}Lumora Access Agent\\lacli.exe" tunnel')
-        # A user's rows hold that user's files.
-        for number, profile in enumerate(FULL.profiles()):
-            text = archive.text(f"{LOG}_{7 + 4 * number}/ui.log").encode()
-            self.assertEqual(text, (profile / "AppData/Local/Velqor/Lumora Access Agent/Logs/ui.log").read_bytes())
-            self.assertIn(f"{LOG}_{10 + 4 * number}/viewpane.log", archive.names)
-            self.assertIn(f"{CRASH}_{3 + 2 * number}/VqPVA.dmp", archive.names)
-        for row in archive.rows:
-            archived = [name for name in archive.names if name.startswith(row["archivePath"] + "/")]
-            self.assertEqual(bool(archived), row.get("success", False), row)
-            self.assertRegex(row["startedAt"], r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
-        errors = "\n".join(archive.rows[0]["errors"])
-        for wanted in (r"history\.log' \(200 MB\) because", r"hostprobe\.log' is an executable", r"live\.log: ",
-                       r"Skipped file .*oxm\.8\.log", r"Skipped file .*oxm\.9\.log"):
-            self.assertRegex(errors, wanted)
-        self.assertEqual(len(archive.rows[0]["errors"]), 5)
-        for wanted in ("Collectors reported the following warnings or errors: \n",
-                       "The ProgramData folder path is C:\\ProgramData."):
-            self.assertIn(wanted, archive.text("agent-cli.log"))
+        """Compares each field of each row; returns where each archived log or dump comes from."""
+        expected = rows_of_full_run([profile.name for profile in FULL.profiles()])
+        self.assertEqual([(row["type"], row["name"], row["origin"]) for row in archive.rows],
+                         [(row.type, row.name, row.origin) for row in expected])
+        numbers, sources = collections.Counter(), {}
+        for row, wanted in zip(archive.rows, expected):
+            with self.subTest(wanted.type, name=wanted.name, origin=wanted.origin):
+                # A row that archives nothing leaves its number to the next one.
+                folder = f"{wanted.type}_{numbers[wanted.type]}"
+                numbers[wanted.type] += bool(wanted.files)
+                self.assertEqual(row["archivePath"], folder)
+                archived = {f"{folder}/{pathlib.PurePosixPath(file).name}": file for file in wanted.files}
+                sources |= archived
+                self.assertEqual(row.get("success", False), bool(wanted.files))
+                errors = row.get("errors", [])
+                self.assertEqual(len(errors), len(wanted.errors), errors)
+                for error, pattern in zip(errors, wanted.errors):
+                    self.assertRegex(error, pattern)
+                exit_code = wanted.exit
+                if exit_code is ANY:
+                    command, exit_code = re.match(rb"Command: (.*)\r\nExit code: (\d+)\r\nOutput:\r\n",
+                                                  archive.entries[min(archived)][1]).groups()
+                    self.assertEqual(command.decode(), wanted.origin)
+                self.assertEqual(row.get("rawProcessExitCode", 0), int(exit_code or 0))
+                self.assertLessEqual(set(row), {"name", "origin", "rawProcessExitCode", "archivePath", "type", "success",
+                                                "errors", "startedAt", "durationMs"})
+        self.assertEqual(sorted(archive.names), sorted([*sources, "manifest.json", "agent-cli.log"]))
+        return {name: file for name, file in sources.items() if name.startswith((LOG, CRASH))}
 
-    def check_files(self, archive):
-        """Each archived file is byte for byte one of that name on the machine, with its time."""
-        sources = {}
-        for folder in ("Program Files/Velqor", "ProgramData/Velqor", "users", "windows/inf"):
-            for source in (FULL.drive / folder).rglob("*.*"):
-                if source.is_file():
-                    sources.setdefault(source.name, []).append(source)
-        for name in ("setupapi.log", "system32/VqPlapApp.log"):
-            sources[pathlib.Path(name).name] = [FULL.drive / "windows" / name]
-        checked = 0
-        for name in archive.names:
-            if name.startswith((LOG, CRASH)):
-                entry, data = archive.entries[name]
-                matching = [path for path in sources[name.split("/")[-1]] if path.stat().st_size == len(data)]
-                self.assertIn(data, [path.read_bytes() for path in matching], name)
-                written = {datetime.datetime.fromtimestamp(path.stat().st_mtime // 2 * 2) for path in matching}
-                self.assertTrue(any(abs((datetime.datetime(*entry.date_time) - at).total_seconds()) <= 2
-                                    for at in written), name)
-                checked += 1
-        # 10 + 1 + 1 logs of the agent, 3 + 6 + 2 + 1 + 2 + 1 more, 5 of each user; 1 + 2 dumps, 2 of each user.
-        self.assertEqual(checked, 27 + 5 * 3 + 3 + 2 * 3)
+    def check_files(self, archive, sources):
+        """Each archived file is byte for byte the one on the machine, with its time."""
+        for name, source in sources.items():
+            entry, data = archive.entries[name]
+            self.assertEqual(data, (FULL.drive / source).read_bytes(), name)
+            written = datetime.datetime.fromtimestamp((FULL.drive / source).stat().st_mtime)
+            self.assertLessEqual(abs((datetime.datetime(*entry.date_time) - written).total_seconds()), 2, name)
 
-    def check_generated(self, archive):
-        self.assertEqual(archive.text(f"{SAMPLE}_9/TcpipBind.txt"), "\\Device\\eth0\r\n\\Device\\eth1\r\n\r\n")
-        self.assertIn("PreferredIP:10.20.0.7\r\nPrelogon:1\r\n", archive.text(f"{CONFIG}_0/regval.txt").replace("\r\n\r\n", "\r\n"))
-        self.assertIn("[String] Tenant = Example GmbH, Zürich\r\n", archive.text(f"{CONFIG}_2/registry-oxm-config.txt"))
-        dump = archive.text(f"{CONFIG}_3/lumora-access-agent.txt")
-        self.assertIn("Keyname: SOFTWARE\\Velqor\\Lumora Access Agent\\State\r\n", dump)
-        self.assertNotIn("hidden", dump)
-        self.assertEqual(archive.text(f"{SAMPLE}_15/lacli_tunnel.log"),
-                         'Command: "C:\\Program Files\\Velqor\\Lumora Access Agent\\lacli.exe" tunnel\r\nExit code: 0\r\n'
-                         "Output:\r\nTunnel: connected\r\nGateway: gw.example.com\r\n\r\n")
-        self.assertIn("files.example.com", archive.text(f"{SAMPLE}_13/lacli_traffic_rdns.log"))
+    def check_texts(self, archive):
+        texts = {name.split("/")[-1]: archive.text(name) for name in archive.names
+                 if name.startswith(CONFIG) or name.split("/")[-1] in TEXTS}
+        for name, wanted in TEXTS.items():
+            pattern = re.escape(wanted.replace("\n", "\r\n")).replace(r"\{time\}", r"\d\d:\d\d:\d\d \d{4}-\d\d-\d\d")
+            self.assertRegex(texts[name], rf"\A{pattern}\Z", name)
+        self.assertRegex(texts["registry-oxm.txt"], r"\AKeyname: SOFTWARE\\Velqor\\OXM\r\n\[String\] \(Default\) = Velqor OXM"
+                         r"\r\n(.*\r\n)*\[Multistring\] Servers = oxm1\.example\u7c20.*\r\n\[String\] Version = 7\.4\.1\r\n\Z")
+        log = archive.text("agent-cli.log")
+        problems = "".join(error + "\n" for row in archive.rows for error in row.get("errors", []))
+        self.assertIn(f"Collectors reported the following warnings or errors: \n{problems}", log.replace("\r\n", "\n"))
+
+    def check_opened(self, opened, sources):
+        """Of the machine's files, those that are collected are opened, those that are refused, and the tool."""
+        # Wine opens its own files below the Windows folder, which are no logs.
+        opened = {path for path in opened if not path.startswith("windows/") or re.search("setupapi|VqPlapApp", path)}
+        self.assertLessEqual(opened, {*sources.values(), *REFUSED, machine.TOOL})
 
 
 class BareRun(Case):
     def test_every_row_is_there_although_nothing_is(self):
+        # No profile but for its spelling; an unknown one's folder named so would be.
+        default = BARE.drive / "users/Default"
+        (default / "AppData").mkdir(parents=True)
+        self.addCleanup(shutil.rmtree, default)
         self.assert_located(self.collect(), self.zip)
+        self.assert_folder_holds("diagnostics.zip")
         archive = Archive(self.zip)
-        profiles = len(BARE.profiles())
-        self.assertEqual(archive.types(),
-                         [(LOG, 7 + 4 * profiles), (CONFIG, 4), (SAMPLE, 10), (CRASH, 2 + 2 * profiles)])
-        self.assertFalse([row["name"] for row in archive.rows if row["type"] == CONFIG and row.get("success")])
-        self.assertEqual(archive.row("SOFTWARE\\Velqor\\OXM")["errors"],
-                         ["Not dumping the AOXM registry key SOFTWARE\\Velqor\\OXM as it wasn't found."])
-        # Every command yields its file, known here or not.
-        self.assertLessEqual(set(SAMPLES[:9]), set(archive.names))
-        self.assertTrue(archive.text(SAMPLES[0]).startswith("Command: route print\r\nExit code: "))
+        self.assertEqual(archive.types(), types(len(BARE.profiles())))
+        rows = {kind: [row for row in archive.rows if row["type"] == kind] for kind in (LOG, CONFIG, SAMPLE, CRASH)}
+        self.assertFalse([row for kind in (LOG, CONFIG, CRASH) for row in rows[kind] if row.get("success")])
+        # What has no place at all says so; a place without the files says nothing.
+        for row in rows[LOG][2:] + rows[CRASH][2:]:
+            self.assertEqual(row.get("errors", []), [])
+        for row, wanted in zip(rows[CONFIG], (
+                r"\ANot dumping the Portavo key SOFTWARE\\Velqor\\Portavo as it does not exist\.\Z",
+                r"\ANot dumping the AOXM registry key SOFTWARE\\Velqor\\OXM as it wasn't found\.\Z",
+                r"\ANot dumping the AOXM registry key SOFTWARE\\Velqor\\OXM\\Config as it wasn't found\.\Z",
+                r"\AFailed exporting Lumora Access Agent key SOFTWARE\\Velqor\\Lumora Access Agent: Exception in .*Cannot "
+                r"open non-existent registry key HKEY_LOCAL_MACHINE\\SOFTWARE\\Velqor\\Lumora Access Agent\.\n")):
+            self.assertEqual(len(row["errors"]), 1)
+            self.assertRegex(row["errors"][0], wanted)
+        # Every command yields its file, known here or not; nothing was archived from the other sets.
+        self.assertEqual({name for name in archive.names if not name.endswith("TcpipBind.txt")},
+                         {*SAMPLES[:9], "manifest.json", "agent-cli.log"})
+
+
+class Limits(Case):
+    def test_a_file_of_exactly_the_limit_is_collected(self):
+        logs = BARE.drive / "ProgramData/Velqor/DLP/logs"
+        self.addCleanup(shutil.rmtree, logs.parent)
+        logs.mkdir(parents=True)
+        for name, size in (("exact.txt", machine.SIZE_LIMIT), ("over.txt", machine.SIZE_LIMIT + 1)):
+            with open(logs / name, "wb") as file:
+                file.truncate(size)
+        self.collect("-l")
+        archive = Archive(self.zip)
+        self.assertEqual(set(archive.names), {f"{LOG}_0/exact.txt", "manifest.json", "agent-cli.log"})
+        self.assertEqual(archive.entries[f"{LOG}_0/exact.txt"][0].file_size, machine.SIZE_LIMIT)
+        self.assertEqual(archive.row("*.txt")["errors"], [
+            "Excluded file 'C:\\ProgramData\\Velqor\\DLP\\logs\\over.txt' (200 MB) because it exceeds the maximum file "
+            "size limit of 200 MB."])
+
+
+class SlowTool(Case):
+    def test_an_answer_may_pause_for_less_than_ten_seconds(self):
+        pauses = ({"LACLI_PAUSE_status": "3000", "LACLI_PAUSE_tunnel": "60000"},
+                  {"LACLI_PAUSE_traffic_rdns_export": "60000", "LACLI_PAUSE_traffic_show": "4000"})
+        with concurrent.futures.ThreadPoolExecutor(2) as lanes:
+            one, other = lanes.map(self.samples_with, pauses)
+        for archive, name, seconds in ((one, "status", 3), (one, "tunnel", 10), (other, "traffic rdns export", 10),
+                                       (other, "traffic show", 4)):
+            with self.subTest(name):
+                self.assertGreaterEqual(archive.row(name)["durationMs"], seconds * 1000 - 50)
+                self.assertLess(archive.row(name)["durationMs"], seconds * 1000 + 1500)
+        for archive, name in ((one, "status"), (other, "traffic_show")):
+            self.assertIn(TEXTS[f"lacli_{name}.log"].replace("\n", "\r\n"), archive.texts())
+        # Ended after ten seconds: what came before the pause is kept; an export is never begun.
+        exit_code = one.row("tunnel")["rawProcessExitCode"]
+        self.assertIn(exit_code, (258, 259))
+        self.assertIn(tool_text("tunnel", "Tunnel: connected\n", exit_code).replace("\n", "\r\n"), one.texts())
+        self.assertFalse({"success", "errors"} & other.row("traffic rdns export").keys())
+
+    def samples_with(self, pauses):
+        folder = self.scratch / "_".join(pauses)
+        folder.mkdir()
+        start = time.monotonic()
+        self.collect("-s", on=FULL, folder=folder, **pauses)
+        archive = Archive(folder / "diagnostics.zip")
+        measured = (time.monotonic() - start) * 1000
+        self.assertLess(sum(row.get("durationMs", 0) for row in archive.rows), measured)
+        return archive
 
 
 class Crowd(Case):
@@ -150,14 +211,12 @@ class Crowd(Case):
 
 class Flags(Case):
     def test_flags_select_types_in_a_fixed_order(self):
-        profiles = len(BARE.profiles())
-        rows = {LOG: 7 + 4 * profiles, CONFIG: 4, SAMPLE: 10, CRASH: 2 + 2 * profiles}
-        for arguments, types in ((["-l"], [LOG]), (["--config"], [CONFIG]), (["-s"], [SAMPLE]), (["--crash"], [CRASH]),
+        for arguments, kinds in ((["-l"], [LOG]), (["--config"], [CONFIG]), (["-s"], [SAMPLE]), (["--crash"], [CRASH]),
                                  (["-c", "-l"], [LOG, CRASH]), (["-co"], [CONFIG, CRASH]),
                                  (["-c", "-s", "-o", "-l"], [LOG, CONFIG, SAMPLE, CRASH])):
             with self.subTest(arguments):
                 self.collect(*arguments)
-                self.assertEqual(Archive(self.zip).types(), [(kind, rows[kind]) for kind in types])
+                self.assertEqual(Archive(self.zip).types(), types(len(BARE.profiles()), kinds))
 
     def test_samples_bring_the_tool_where_it_is_installed(self):
         self.collect("-s", on=FULL)
@@ -255,7 +314,7 @@ class WorkingFolder(Case):
         for target in targets:
             self.assertEqual(target.read_bytes(), b"precious", target)
         archive = Archive(self.zip)
-        self.assertEqual(archive.types(), [(LOG, 19), (CONFIG, 4), (SAMPLE, 16), (CRASH, 8)])
+        self.assertEqual(archive.types(), types(len(FULL.profiles()), tool=True))
         for name in SAMPLES[:9]:
             # The planted programs answer this to every question that they do not know.
             self.assertNotIn(b"Unknown command.", archive.entries[name][1], name)
