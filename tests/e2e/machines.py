@@ -1,12 +1,18 @@
 """What the end-to-end tests share: the two machines, runs of the program, and reading what a run left."""
 
+import contextlib
+import fcntl
 import io
 import json
 import os
 import pathlib
+import pty
+import re
 import shutil
+import subprocess
 import sys
 import tempfile
+import termios
 import time
 import unittest
 import zipfile
@@ -37,6 +43,61 @@ def running_in(folder):
         except OSError:
             pass  # has ended meanwhile
     return found
+
+
+class Console:
+    """A run of the program in a console of its own, as a context manager.
+
+    Its standard output is a file, `printed`, or the console. Wine passes on no control event but Ctrl+C; that reaches
+    the program and its children, as on Windows.
+    """
+
+    def __init__(self, on, folder, *arguments, redirected=True, **environment):
+        self.folder, self.printed = folder, folder.parent / "printed"
+        self.terminal, console = pty.openpty()
+        with open(self.printed, "wb") as printed:
+            output = printed if redirected else console
+            self.process = subprocess.Popen(
+                [machine.UNDER_WINE, EXE, "agent", "collect-diagnostics", *arguments], cwd=folder, stdin=console,
+                stdout=output, stderr=output, env=on.environment(**environment), start_new_session=True,
+                preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+        os.close(console)
+        os.set_blocking(self.terminal, False)
+        self.shown = b""
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+        os.close(self.terminal)
+
+    def press_ctrl_c(self):
+        os.write(self.terminal, b"\x03")
+
+    def wait_until(self, condition, seconds=60):
+        """Waits for it and returns the seconds that took; fails when the time is up."""
+        start = time.monotonic()
+        while not condition():
+            if time.monotonic() - start > seconds:
+                raise AssertionError(f"waited in vain; running: {running_in(self.folder)}; {self.text()}")
+            time.sleep(0.02)
+            with contextlib.suppress(OSError):  # nothing new, or the other side is closed
+                self.shown += os.read(self.terminal, 1 << 16)
+        return time.monotonic() - start
+
+    def wait(self, seconds=60):
+        """Waits for the program's end; returns the seconds."""
+        return self.wait_until(lambda: self.process.poll() is not None, seconds)
+
+    def text(self):
+        """What the redirected program has printed."""
+        return self.printed.read_bytes().decode()
+
+    def titles(self):
+        """The console's titles, in the order in which they were set."""
+        return [title.decode() for title in re.findall(rb"\x1b\]0;(.*?)\x07", self.shown)]
 
 
 class Archive:

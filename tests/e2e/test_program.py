@@ -13,7 +13,7 @@ import subprocess
 import time
 
 from expected_rows import (ANY, CONFIG, CRASH, LOG, REFUSED, SAMPLE, TEXTS, rows_of_full_run, tool_text, types)
-from machines import BARE, EXE, FULL, TOOL, Archive, Case, machine, windows_path
+from machines import BARE, EXE, FULL, TOOL, Archive, Case, Console, machine, windows_path
 from opened import OpenedFiles
 
 SAMPLE_FILES = ["RoutePrint", "IpConfig", "NicConfig", "NicDetails", "NetStat", "SystemInfo", "ProcessInfo",
@@ -115,6 +115,16 @@ class FullRun(Case):
         # Wine opens its own files below the Windows folder, which are no logs.
         opened = {path for path in opened if not path.startswith("windows/") or re.search("setupapi|VqPlapApp", path)}
         self.assertLessEqual(opened, {*sources.values(), *REFUSED, machine.TOOL})
+
+
+class Redirected(Case):
+    def test_prints_one_line_although_there_is_a_console(self):
+        with Console(BARE, self.folder) as run:
+            run.wait()
+            self.assertEqual(run.process.returncode, 0)
+            self.assert_located(run.text(), self.zip)
+            self.assertEqual((run.shown, run.titles()), (b"", []))
+        self.assert_nothing_runs_in(self.folder)
 
 
 class BareRun(Case):
