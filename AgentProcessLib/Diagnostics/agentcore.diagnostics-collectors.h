@@ -57,6 +57,17 @@ struct Destination {
     [[nodiscard]] CollectorStatus Add(const Shared::FileSystem::GeneratedFile& file) const;
 };
 
+/// The collector of a function that takes no constants of its own.
+template <CollectorStatus (*collect)(const Destination&) noexcept, int Type>
+struct FunctionCollector {
+    static constexpr int type = Type;
+
+    [[nodiscard]] CollectorStatus Collect(const std::filesystem::path& archiveFolder,
+                                          Shared::FileZip::ZipArchiveWrapper& zip) const noexcept {
+        return collect({archiveFolder, zip});
+    }
+};
+
 /// An unsuccessful status with one message, or with none.
 [[nodiscard]] CollectorStatus Unsuccessful();
 [[nodiscard]] CollectorStatus Unsuccessful(std::string message);

@@ -14,6 +14,8 @@ std::string LocationText(std::string_view message, const std::source_location& l
                        location.line(), location.column(), message);
 }
 
+}  // namespace
+
 std::string Win32Text(std::string_view message, std::uint32_t code, const std::source_location& location,
                       const StackTrace& trace) {
     const LastErrorKeeper lastError;
@@ -40,24 +42,10 @@ std::string NtStatusText(std::string_view message, std::uint32_t status, const s
                        NtStatusMessage(status), status, trace.ToString(), HintFor(status));
 }
 
-}  // namespace
-
 std::string FormatException(std::string_view message, const std::source_location& location, const StackTrace& trace) {
     const LastErrorKeeper lastError;
     return fmt::format("Exception in {}() at {}:{}:{} --> {}\n{}", location.function_name(), location.file_name(),
                        location.line(), location.column(), message, trace.ToString());
 }
-
-Win32Exception::Win32Exception(std::string_view message, std::uint32_t code, const std::source_location& location,
-                               const StackTrace& trace)
-    : std::runtime_error(Win32Text(message, code, location, trace)), code_(code) {}
-
-ComException::ComException(std::string_view message, std::int32_t result, const std::source_location& location,
-                           const StackTrace& trace)
-    : std::runtime_error(ComText(message, result, location, trace)), result_(result) {}
-
-NtStatusException::NtStatusException(std::string_view message, std::uint32_t status,
-                                     const std::source_location& location, const StackTrace& trace)
-    : std::runtime_error(NtStatusText(message, status, location, trace)), status_(status) {}
 
 }  // namespace Shared::Exception

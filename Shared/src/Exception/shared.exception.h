@@ -34,40 +34,33 @@ using TimeoutException = BaseException<std::runtime_error, DummyTimeout>;
 using NotFoundException = BaseException<std::runtime_error, DummyNotFound>;
 using InvalidArgumentException = BaseException<std::runtime_error, DummyInvalidArg>;
 
-/// A failed Win32 call. what() holds the location, the system's text, the code, the stack trace and a hint.
-class Win32Exception : public std::runtime_error {
+/// Renders the text of a coded exception: the location, the system's text for the code, the code, the stack trace and a
+/// hint.
+[[nodiscard]] std::string Win32Text(std::string_view message, std::uint32_t code, const std::source_location& location,
+                                    const StackTrace& trace);
+[[nodiscard]] std::string ComText(std::string_view message, std::int32_t result, const std::source_location& location,
+                                  const StackTrace& trace);
+[[nodiscard]] std::string NtStatusText(std::string_view message, std::uint32_t status,
+                                       const std::source_location& location, const StackTrace& trace);
+
+/// A failed system call, with its code.
+template <class T, std::string (*Text)(std::string_view, T, const std::source_location&, const StackTrace&)>
+class CodedException : public std::runtime_error {
 public:
-    Win32Exception(std::string_view message, std::uint32_t code,
+    CodedException(std::string_view message, T code,
                    const std::source_location& location = std::source_location::current(),
-                   const StackTrace& trace = StackTrace::Capture());
-    [[nodiscard]] std::uint32_t Code() const noexcept { return code_; }
+                   const StackTrace& trace = StackTrace::Capture())
+        : std::runtime_error(Text(message, code, location, trace)), code_(code) {}
+    [[nodiscard]] T Code() const noexcept { return code_; }
 
 private:
-    std::uint32_t code_;
+    T code_;
 };
 
-/// A failed COM call, with its HRESULT.
-class ComException : public std::runtime_error {
-public:
-    ComException(std::string_view message, std::int32_t result,
-                 const std::source_location& location = std::source_location::current(),
-                 const StackTrace& trace = StackTrace::Capture());
-    [[nodiscard]] std::int32_t Code() const noexcept { return result_; }
-
-private:
-    std::int32_t result_;
-};
-
-/// A failed native call, with its NTSTATUS.
-class NtStatusException : public std::runtime_error {
-public:
-    NtStatusException(std::string_view message, std::uint32_t status,
-                      const std::source_location& location = std::source_location::current(),
-                      const StackTrace& trace = StackTrace::Capture());
-    [[nodiscard]] std::uint32_t Code() const noexcept { return status_; }
-
-private:
-    std::uint32_t status_;
-};
+using Win32Exception = CodedException<std::uint32_t, &Win32Text>;
+/// With the HRESULT.
+using ComException = CodedException<std::int32_t, &ComText>;
+/// With the NTSTATUS.
+using NtStatusException = CodedException<std::uint32_t, &NtStatusText>;
 
 }  // namespace Shared::Exception

@@ -16,7 +16,7 @@ namespace Shared::Registry {
 /// A registry call that failed, with its Win32 code.
 class RegistryException : public Exception::Win32Exception {
 public:
-    using Win32Exception::Win32Exception;
+    using CodedException::CodedException;
 };
 
 /// Opens a key below the parent; the caller closes it. Throws RuntimeException for a null parent, NotFoundException

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -25,12 +24,6 @@ inline constexpr std::wstring_view rdnsFileName = L"lacli_traffic_rdns.log";
 [[nodiscard]] CollectorStatus CollectRdnsExport(const Destination& destination) noexcept;
 
 template <int Type>
-class LacliRdnsExport {
-public:
-    [[nodiscard]] CollectorStatus Collect(const std::filesystem::path& archiveFolder,
-                                          Shared::FileZip::ZipArchiveWrapper& zip) const noexcept {
-        return CollectRdnsExport({archiveFolder, zip});
-    }
-};
+using LacliRdnsExport = FunctionCollector<&CollectRdnsExport, Type>;
 
 }  // namespace AgentCore::Diagnostics::Collectors::Cmd

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <filesystem>
 #include <ostream>
 #include <string>
 
@@ -30,14 +29,6 @@ void WriteSettings(std::ostream& report) noexcept;
 [[nodiscard]] CollectorStatus CollectPVRegistryValues(const Destination& destination) noexcept;
 
 template <int Type>
-class PVRegistryValues {
-public:
-    static constexpr int type = Type;
-
-    CollectorStatus Collect(const std::filesystem::path& archiveFolder,
-                            Shared::FileZip::ZipArchiveWrapper& zip) const noexcept {
-        return CollectPVRegistryValues({archiveFolder, zip});
-    }
-};
+using PVRegistryValues = FunctionCollector<&CollectPVRegistryValues, Type>;
 
 }  // namespace AgentCore::Diagnostics::Collectors::Registry

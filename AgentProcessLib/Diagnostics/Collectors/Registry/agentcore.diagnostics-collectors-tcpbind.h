@@ -1,6 +1,5 @@
 #pragma once
 
-#include <filesystem>
 #include <string>
 
 #include "agentcore.diagnostics-collectors.h"
@@ -17,14 +16,6 @@ namespace AgentCore::Diagnostics::Collectors::Registry {
 [[nodiscard]] CollectorStatus CollectTcpBind(const Destination& destination) noexcept;
 
 template <int Type>
-class TcpBind {
-public:
-    static constexpr int type = Type;
-
-    CollectorStatus Collect(const std::filesystem::path& archiveFolder,
-                            Shared::FileZip::ZipArchiveWrapper& zip) const noexcept {
-        return CollectTcpBind({archiveFolder, zip});
-    }
-};
+using TcpBind = FunctionCollector<&CollectTcpBind, Type>;
 
 }  // namespace AgentCore::Diagnostics::Collectors::Registry
