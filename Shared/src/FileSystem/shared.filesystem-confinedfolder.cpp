@@ -29,11 +29,6 @@ struct LinksHeader {
     ULONG entriesReturned;
 };
 
-// Attributes of a file whose content has to be fetched from elsewhere.
-constexpr DWORD recallOnOpen = 0x00040000;
-constexpr DWORD recallOnDataAccess = 0x00400000;
-constexpr DWORD storedElsewhere = FILE_ATTRIBUTE_OFFLINE | recallOnOpen | recallOnDataAccess;
-
 bool IsAtOrBelow(std::wstring_view path, std::wstring_view folder) {
     return path.size() >= folder.size() && IsSameName(path.substr(0, folder.size()), folder) &&
            (path.size() == folder.size() || folder.ends_with(L'\\') || path[folder.size()] == L'\\');
@@ -165,7 +160,7 @@ FileStatus ConfinedFolder::Judge(HANDLE file, std::wstring_view expectedPath) co
     if (information.nNumberOfLinks > 1 && !HasAllLinksBelow(file)) {
         return {.kind = FileKind::OutsideFolder};
     }
-    if ((information.dwFileAttributes & storedElsewhere) != 0) {
+    if (IsStoredElsewhere(information.dwFileAttributes)) {
         return {.kind = FileKind::NotStoredHere};
     }
     return {.kind = FileKind::Regular,

@@ -80,6 +80,12 @@ bool IsLink(DWORD attributes, DWORD reparseTag) noexcept {
            (IsReparseTagNameSurrogate(reparseTag) || reparseTag == IO_REPARSE_TAG_RESERVED_ZERO);
 }
 
+bool IsStoredElsewhere(DWORD attributes) noexcept {
+    constexpr DWORD recallOnOpen = 0x00040000;
+    constexpr DWORD recallOnDataAccess = 0x00400000;
+    return (attributes & (FILE_ATTRIBUTE_OFFLINE | recallOnOpen | recallOnDataAccess)) != 0;
+}
+
 bool IsLink(HANDLE file) noexcept {
     FILE_ATTRIBUTE_TAG_INFO tag{};
     return GetFileInformationByHandleEx(file, FileAttributeTagInfo, &tag, sizeof tag) == FALSE ||

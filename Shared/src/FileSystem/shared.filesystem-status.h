@@ -35,7 +35,10 @@ struct FileStatus {
 /// reparse points as well, but ordinary files.
 [[nodiscard]] bool IsLink(DWORD attributes, DWORD reparseTag) noexcept;
 
-/// As above, of an open file; also true when that cannot be told.
+/// Whether reading a file with these attributes would fetch its content from elsewhere: offline storage or a cloud.
+[[nodiscard]] bool IsStoredElsewhere(DWORD attributes) noexcept;
+
+/// As IsLink above, of an open file; also true when that cannot be told.
 [[nodiscard]] bool IsLink(HANDLE file) noexcept;
 
 /// Succeeds for a file on a disk that is no link and has no further hard links, so that what is written to it, or read

@@ -121,9 +121,11 @@ private:
 
 CollectorStatus CopyMatches(const std::filesystem::path& folder, std::optional<ConfinedFolder> confined,
                             const ExtensionScan& scan, const Destination& destination) {
-    using Shared::FileSystem::FileKind;
-    if (confined && confined->KindOf(confined->NameOf(folder)) == FileKind::OutsideFolder) {
-        return Unsuccessful(NotRegular(folder).message);
+    if (confined) {
+        const auto opened = confined->Open(confined->NameOf(folder));
+        if (opened && opened->status.kind == Shared::FileSystem::FileKind::OutsideFolder) {
+            return Unsuccessful(NotRegular(folder).message);
+        }
     }
     Run run(folder, std::move(confined), scan, destination);
     const Matches files = run.Find();

@@ -1,13 +1,21 @@
+#include <windows.h>
+
+#include <aclapi.h>
 #include <gmock/gmock.h>
 
 #include <set>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <utility>
 
 #include "shared.exception.h"
 #include "shared.filesystem-confinedfolder.h"
 #include "shared.filesystem-generatedfile.h"
+#include "shared.filesystem-heldfile.h"
 #include "shared.filesystem-longpath.h"
+#include "shared.filesystem-open.h"
+#include "shared.filesystem-privatefile.h"
 #include "shared.filesystem-removal.h"
 #include "shared.filesystem-scan.h"
 #include "shared.filesystem-status.h"
@@ -51,7 +59,7 @@ TEST(QueryStatus, FollowsLinksAndTakesLongPaths) {
     EXPECT_EQ(QueryStatus(folder / L"target" / L"a.txt" / L"below-a-file", "status").kind, FileKind::NotFound);
 }
 
-TEST(IsLink, TellsNameSurrogatesFromOrdinaryReparsePoints) {
+TEST(Attributes, TellLinksAndAbsentContentFromOrdinaryFiles) {
     constexpr DWORD reparse = FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY;
     for (const DWORD tag : {IO_REPARSE_TAG_SYMLINK, IO_REPARSE_TAG_MOUNT_POINT, DWORD{0xA000001D} /* Linux link */}) {
         EXPECT_TRUE(IsLink(reparse, tag));
@@ -60,6 +68,10 @@ TEST(IsLink, TellsNameSurrogatesFromOrdinaryReparsePoints) {
     for (const DWORD tag : {IO_REPARSE_TAG_DEDUP, IO_REPARSE_TAG_WOF, DWORD{0x9000601A} /* cloud */}) {
         EXPECT_FALSE(IsLink(reparse, tag));
     }
+    for (const DWORD attribute : {0x1000UL, 0x40000UL, 0x400000UL}) {
+        EXPECT_TRUE(IsStoredElsewhere(FILE_ATTRIBUTE_ARCHIVE | attribute));
+    }
+    EXPECT_FALSE(IsStoredElsewhere(FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NORMAL | FILE_ATTRIBUTE_REPARSE_POINT));
 }
 
 TEST(ForEachEntry, ListsTreesThatLoopAndFoldersThatGo) {
@@ -189,19 +201,94 @@ bool Exists(const fs::path& path) {
     return GetFileAttributesW(LongForm(path).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-TEST(LongForm, MakesAbsoluteVerbatimPaths) {
+TEST(LongForm, MakesAbsolutePathsWithThePrefix) {
     const std::pair<std::wstring, std::wstring> cases[] = {
         {LR"(C:\a\b.log)", LR"(\\?\C:\a\b.log)"},
         {LR"(C:/a/./b/../c.log)", LR"(\\?\C:\a\c.log)"},
         {LR"(C:\a\trailing. )", LR"(\\?\C:\a\trailing. )"},
         {LR"(C:\a\nul)", LR"(\\?\C:\a\nul)"},
-        {LR"(\\server\share\x)", LR"(\\?\UNC\server\share\x)"},
+        {LR"(\\server\share\x. )", LR"(\\?\UNC\server\share\x. )"},
+        {LR"(//server/share/./y/../x)", LR"(\\?\UNC\server\share\x)"},
+        {LR"(\\.\NUL)", LR"(\\.\NUL)"},
         {LR"(\\?\C:\as\it\is)", LR"(\\?\C:\as\it\is)"},
     };
     for (const auto& [path, expected] : cases) {
         EXPECT_EQ(LongForm(path).native(), expected);
     }
     EXPECT_EQ(LongForm(L"x.txt"), LongForm(fs::current_path() / L"x.txt"));
+    const std::tuple<std::wstring, std::wstring, bool> full[] = {
+        {LR"(C:/a/b/../c. .)", LR"(C:\a\c)", true},          {LR"(\\server\share\..\x)", LR"(\\server\share\x)", true},
+        {LR"(\\?\C:\a\..\b.)", LR"(\\?\C:\a\..\b.)", true},  {L"NUL", LR"(\\.\NUL)", false},
+        {L"x", (fs::current_path() / L"x").native(), false},
+    };
+    for (const auto& [path, expected, isAbsolute] : full) {
+        EXPECT_EQ(FullPath(path).native(), expected);
+        EXPECT_EQ(IsAbsolute(path), isAbsolute) << fs::path(path);
+    }
+}
+
+TEST(IsSameFile, AsksForTheFinalPaths) {
+    const TemporaryFolder folder;
+    WriteFile(folder / L"a.txt", "a");
+    ASSERT_NE(CreateHardLinkW((folder / L"hard.txt").c_str(), (folder / L"a.txt").c_str(), nullptr), FALSE);
+    const SymbolicLink link(folder.Path(), folder / L"link");
+    EXPECT_TRUE(IsSameFile(folder / L"a.txt", folder / L"link" / L"A.TXT"));
+    EXPECT_FALSE(IsSameFile(folder / L"a.txt", folder / L"hard.txt"));
+    EXPECT_FALSE(IsSameFile(folder / L"none", folder / L"none"));
+}
+
+TEST(PrivateFile, IsNewAndForItsAdministratorAlone) {
+    const TemporaryFolder folder;
+    const fs::path file = folder / L"file";
+    const auto open = [&](DWORD access) { return CreatePrivateFile(file, access, shareAll); };
+    {
+        const auto created = open(GENERIC_WRITE);
+        ASSERT_TRUE(created);
+        EXPECT_EQ(open(GENERIC_WRITE).error(), static_cast<DWORD>(ERROR_FILE_EXISTS));
+        const auto unique = CreateUniqueFile(file, GENERIC_WRITE, shareAll);
+        ASSERT_TRUE(unique);
+        EXPECT_TRUE(unique->path.native().starts_with(file.native() + L'.'));
+    }
+    ASSERT_TRUE(CreatePrivateFolder(folder / L"sub"));
+    for (const fs::path& path : {file, folder / L"sub"}) {
+        PACL list = nullptr;
+        PSECURITY_DESCRIPTOR descriptor = nullptr;
+        ASSERT_EQ(GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
+                                        &list, nullptr, &descriptor),
+                  static_cast<DWORD>(ERROR_SUCCESS));
+        const Util::LocalMemory memory(descriptor);
+        for (DWORD index = 0; index < list->AceCount; ++index) {
+            ACCESS_ALLOWED_ACE* entry = nullptr;
+            ASSERT_NE(GetAce(list, index, reinterpret_cast<void**>(&entry)), FALSE);
+            EXPECT_FALSE(IsWellKnownSid(&entry->SidStart, WinWorldSid) && entry->Mask != 0) << path;
+        }
+    }
+}
+
+TEST(RetryWhileHeld, WaitsASecondForItsOwnNamesAndOnceForAllOthers) {
+    const auto take = [](HeldFileWait& wait, DWORD code) {
+        const ULONGLONG start = GetTickCount64();
+        const auto failing = [code]() -> Util::Win32Result<void> { return std::unexpected(code); };
+        EXPECT_EQ(wait.Retry(failing).error(), code);
+        return GetTickCount64() - start;
+    };
+    HeldFileWait own(FileOwner::Program);
+    EXPECT_LT(take(own, ERROR_FILE_NOT_FOUND), 200U);
+    EXPECT_THAT(take(own, ERROR_ACCESS_DENIED), AllOf(Ge(900U), Le(2000U)));
+    HeldFileWait others(FileOwner::Others);
+    EXPECT_LT(take(others, ERROR_ACCESS_DENIED), 200U);
+    EXPECT_THAT(take(others, ERROR_SHARING_VIOLATION), AllOf(Ge(900U), Le(2000U)));
+    for (const DWORD code : {DWORD{ERROR_SHARING_VIOLATION}, DWORD{ERROR_LOCK_VIOLATION}}) {
+        EXPECT_LT(take(others, code), 200U) << "the second is used up";
+    }
+    const TemporaryFolder folder;
+    WriteFile(folder / L"held", "");
+    Util::FileHandle held(CreateFileW((folder / L"held").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    const std::jthread release([&] {
+        Sleep(300);
+        held.Reset();
+    });
+    EXPECT_TRUE(RemoveName(folder / L"held"));
 }
 
 TEST(FileObjectRemover, RemovesFilesAndWholeFolders) {

@@ -201,6 +201,88 @@ TEST_F(FileCollectors, UserFileCopierTakesOnlyTheUsersOwn) {
     EXPECT_THAT(Archived(), ElementsAre("F/a.log", "F/a.dmp"));
 }
 
+TEST_F(FileCollectors, ProgramDataIsReadWithoutLeavingIt) {
+    const fs::path data = machine_ / L"ProgramData";
+    const fs::path logs = data / LR"(Velqor\DLP\logs)";
+    const fs::path secret = machine_ / L"secret.txt";
+    hive_.SetString(LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList)", L"ProgramData", data.native());
+    for (const fs::path& file : {secret, machine_ / L"other" / L"b.txt", logs / L"a.txt", logs / L"sub" / L"c.txt"}) {
+        WriteFile(file, "");
+    }
+    const SymbolicLink file(secret, logs / L"link.txt");
+    const SymbolicLink folder(machine_ / L"other", logs / L"folder");
+    ASSERT_NE(CreateHardLinkW((logs / L"hard.txt").c_str(), secret.c_str(), nullptr), FALSE);
+    const fs::path access = data / LR"(Velqor\Lumora Access Agent)";
+    WriteFile(machine_ / L"other" / L"LumoraAccessAgentLog.etl.000", "");
+    WriteFile(access / L"x", "");
+    const SymbolicLink reach(machine_ / L"other", access / L"Logs");
+    const auto rows = LogSet();
+    const auto refused = [](const fs::path& path) { return "The file '" + Utf8(path) + "' is not a regular file."; };
+    EXPECT_THAT(
+        RunRow(rows[3], zip_).errors,
+        UnorderedElementsAre(refused(logs / L"link.txt"), refused(logs / L"hard.txt"), refused(logs / L"folder")));
+    EXPECT_THAT(Archived(), UnorderedElementsAre("DIAGNOSTIC_TYPE_LOG_ALL_0/a.txt", "DIAGNOSTIC_TYPE_LOG_ALL_0/c.txt"));
+    const auto led = RunRow(rows[2], zip_);
+    EXPECT_FALSE(led.success);
+    EXPECT_THAT(led.errors,
+                ElementsAre(refused(access / L"Logs"), refused(access / LR"(Logs\LumoraAccessAgentLog.etl.000)")));
+}
+
+TEST_F(FileCollectors, HeldFilesCostARowASecond) {
+    const fs::path profile = machine_ / L"bob";
+    std::vector<Shared::Util::FileHandle> held;
+    for (int number = 0; number < 500; ++number) {
+        const fs::path file = profile / L"own" / L"Logs" / (std::to_wstring(number) + L".log");
+        WriteFile(file, "");
+        held.emplace_back(CreateFileW(file.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    }
+    const CollectorRow row{.type = logType, .name = "", .origin = {}, .collectors = {AsRun(UserLogs(profile))}};
+    for (int run = 0; run < 2; ++run) {
+        const ULONGLONG start = GetTickCount64();
+        EXPECT_THAT(RunRow(row, zip_).errors, SizeIs(500));
+        EXPECT_THAT(GetTickCount64() - start, AllOf(Ge(900U), Le(5000U)));
+    }
+}
+
+TEST_F(FileCollectors, ARowTakesAThousandFilesAndAUserAGigabyte) {
+    const fs::path logs = machine_ / L"bob" / L"own" / L"Logs";
+    const auto make = [&](const std::wstring& name, int minute, std::uint64_t size) {
+        WriteFile(logs / name, "");
+        fs::resize_file(logs / name, size);
+        fs::last_write_time(logs / name, fs::file_time_type::clock::now() + std::chrono::minutes(minute));
+    };
+    for (int number = 0; number < 1005; ++number) {
+        make(std::to_wstring(number) + L".log", number < 5 ? -9 : -5, 0);
+    }
+    auto status = Run(UserLogs(machine_ / L"bob"));
+    EXPECT_TRUE(status.success);
+    EXPECT_THAT(status.errors, ElementsAre(StartsWith("5 further files of the folder " + Utf8(logs))));
+    EXPECT_THAT(Archived(), AllOf(SizeIs(1000), Contains("F/5.log"), Not(Contains("F/4.log"))));
+    // What one run has archived counts for the next one of the row.
+    sourceFolder = logs;
+    EXPECT_THAT((Run<ExtensionCopier<Source, ".log", "", false, logType>>().errors),
+                ElementsAre(StartsWith("1005 further")));
+
+    Shared::FileSystem::FileObjectRemover(logs).Clear();
+    for (int number = 0; number < 6; ++number) {
+        make(L"large" + std::to_wstring(number) + L".bin", number, 209715200);
+    }
+    make(L"over.bin", 7, 209715201);
+    status = UserLogs(machine_ / L"bob").Collect(L"G", zip_);
+    EXPECT_THAT(status.errors, ElementsAre(HasSubstr("exceeds the maximum"), StartsWith("1 further files")));
+    EXPECT_THAT(Archived(), AllOf(SizeIs(1005), Contains("G/large1.bin"), Not(Contains("G/large0.bin"))));
+}
+
+TEST_F(FileCollectors, WhatOutgrowsTheLimitAfterTheGateIsRefusedAsThere) {
+    WriteFile(Source() / L"a.dmp", "four");
+    const auto refused = AddWithinLimit(Source() / L"a.dmp", 3, {L"F", zip_});
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().reason, Reason::TooLarge);
+    EXPECT_EQ(refused.error().message, "Excluded file '" + Utf8(Source() / L"a.dmp") +
+                                           "' (0 MB) because it exceeds the maximum file size limit of 0 MB.");
+    EXPECT_THAT(Archived(), IsEmpty());
+}
+
 TEST_F(FileCollectors, ProfilesThatCannotBeListedAreARowOfTheirOwn) {
     hive_.SetString(LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList)", L"ProfilesDirectory",
                     (machine_ / L"Users").native());
