@@ -74,29 +74,25 @@ struct Fault<function, result, R(Args...)> {
 
 }  // namespace
 
-// EACH(X, result, names...) is X(name, result) for each of up to 64 names.
-#define RESCAN_1(...) __VA_ARGS__
-#define RESCAN_4(...) RESCAN_1(RESCAN_1(RESCAN_1(RESCAN_1(__VA_ARGS__))))
-#define RESCAN_16(...) RESCAN_4(RESCAN_4(RESCAN_4(RESCAN_4(__VA_ARGS__))))
-#define RESCAN(...) RESCAN_16(RESCAN_16(RESCAN_16(RESCAN_16(__VA_ARGS__))))
-#define NOTHING
-#define EACH_AGAIN() EACH_STEP
-#define EACH_STEP(X, result, name, ...) X(name, result) __VA_OPT__(EACH_AGAIN NOTHING()(X, result, __VA_ARGS__))
-#define EACH(...) RESCAN(EACH_STEP(__VA_ARGS__))
-
-// What each function returns when it fails.
-#define FAULTS(X)                                                                                                  \
-    EACH(X, ERROR_NOACCESS, RegEnumKeyExW, RegEnumValueW, RegGetValueW, RegOpenKeyExW, RegQueryInfoKeyW,           \
-         RegQueryValueExW)                                                                                         \
-    EACH(X, -1, CreateFileW, CreateNamedPipeW, GetFileAttributesW, WaitForSingleObject, WaitForSingleObjectEx)     \
-    EACH(X, 0, CompareStringOrdinal, ConvertSidToStringSidW, ConvertStringSecurityDescriptorToSecurityDescriptorW, \
-         CreateEventW, CreateJobObjectW, CreatePipe, CreateProcessW, FileTimeToSystemTime, GetBinaryTypeW,         \
-         GetExitCodeProcess, GetFileAttributesExW, GetFileInformationByHandle, GetFileInformationByHandleEx,       \
-         GetFileSizeEx, GetFileType, GetFinalPathNameByHandleW, GetFullPathNameW, GetOverlappedResult,             \
-         GetProfilesDirectoryW, GetTokenInformation, GetWindowsDirectoryW, InitializeProcThreadAttributeList,      \
-         IsProcessInJob, MultiByteToWideChar, OpenProcessToken, QueryInformationJobObject, ReadFile, ResetEvent,   \
-         SetFileInformationByHandle, SetHandleInformation, SetInformationJobObject, TerminateJobObject,            \
-         TerminateProcess, UpdateProcThreadAttribute, WideCharToMultiByte, WriteFile)
+// Each function, and what it returns when it fails.
+// clang-format off
+#define FAULTS(X) \
+    X(RegEnumKeyExW, ERROR_NOACCESS) X(RegEnumValueW, ERROR_NOACCESS) X(RegGetValueW, ERROR_NOACCESS) \
+    X(RegOpenKeyExW, ERROR_NOACCESS) X(RegQueryInfoKeyW, ERROR_NOACCESS) X(RegQueryValueExW, ERROR_NOACCESS) \
+    X(CreateFileW, -1) X(CreateNamedPipeW, -1) X(GetFileAttributesW, -1) X(WaitForSingleObject, -1) \
+    X(WaitForSingleObjectEx, -1) \
+    X(CompareStringOrdinal, 0) X(ConvertSidToStringSidW, 0) \
+    X(ConvertStringSecurityDescriptorToSecurityDescriptorW, 0) X(CreateEventW, 0) X(CreateJobObjectW, 0) \
+    X(CreatePipe, 0) X(CreateProcessW, 0) X(FileTimeToSystemTime, 0) X(GetBinaryTypeW, 0) \
+    X(GetExitCodeProcess, 0) X(GetFileAttributesExW, 0) X(GetFileInformationByHandle, 0) \
+    X(GetFileInformationByHandleEx, 0) X(GetFileSizeEx, 0) X(GetFileType, 0) X(GetFinalPathNameByHandleW, 0) \
+    X(GetFullPathNameW, 0) X(GetOverlappedResult, 0) X(GetProfilesDirectoryW, 0) X(GetTokenInformation, 0) \
+    X(GetWindowsDirectoryW, 0) X(InitializeProcThreadAttributeList, 0) X(IsProcessInJob, 0) \
+    X(MultiByteToWideChar, 0) X(OpenProcessToken, 0) X(QueryInformationJobObject, 0) X(ReadFile, 0) \
+    X(ResetEvent, 0) X(SetFileInformationByHandle, 0) X(SetHandleInformation, 0) X(SetInformationJobObject, 0) \
+    X(TerminateJobObject, 0) X(TerminateProcess, 0) X(UpdateProcThreadAttribute, 0) X(WideCharToMultiByte, 0) \
+    X(WriteFile, 0)
+// clang-format on
 
 #define FAULT_OF(function, result) Fault<#function, result, decltype(function)>
 
@@ -161,11 +157,8 @@ bool HasWarning(std::string_view log) {
 class Faults : public TestSupport::DiagnosticsTest, public testing::WithParamInterface<std::size_t> {
 protected:
     Faults() {
-        const std::wstring profiles = LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList)";
         const std::wstring velqor = LR"(SOFTWARE\Velqor\)";
-        hive_.SetString(profiles, L"ProfilesDirectory", (machine_ / L"Users").native());
-        hive_.SetString(profiles, L"ProgramData", (machine_ / L"ProgramData").native());
-        hive_.SetString(velqor + L"OXM", L"Path", (machine_ / LR"(Velqor\OXM\)").native());
+        TestSupport::SetFolders(hive_, machine_.Path().native() + L'\\');
         for (const auto& [key, name] : {std::pair{LR"(OXM\Config)", L"n"},
                                         {LR"(Lumora Access Agent\sub)", L"n"},
                                         {LR"(Portavo\Settings)", L"n"},

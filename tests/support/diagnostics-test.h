@@ -11,6 +11,14 @@
 
 namespace TestSupport {
 
+/// Sets where the registry says that the agent, the users' profiles and ProgramData are, all below one folder.
+inline void SetFolders(const ThrowAwayHive& hive, const std::wstring& root) {
+    const std::wstring profiles = LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList)";
+    hive.SetString(profiles, L"ProfilesDirectory", root + L"Users");
+    hive.SetString(profiles, L"ProgramData", root + L"ProgramData");
+    hive.SetString(LR"(SOFTWARE\Velqor\OXM)", L"Path", root + LR"(Velqor\OXM\)");
+}
+
 /// What a collector meets and leaves: a machine's files and registry, the current directory, the log and an archive.
 class DiagnosticsTest : public testing::Test {
 protected:

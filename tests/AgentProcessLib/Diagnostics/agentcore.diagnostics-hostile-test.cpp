@@ -100,7 +100,7 @@ protected:
         zip_.Close();
         fs::remove(zip_.Path());
         zip_.Open();
-        std::string told;
+        std::string messages;
         const auto statuses = RunSet(rows, zip_);
         WriteManifest(statuses, zip_);
         zip_.Close();
@@ -111,10 +111,10 @@ protected:
         EXPECT_TRUE(fs::is_empty(working_.Path()));
         for (const CollectorStatus& status : statuses) {
             for (const std::string& message : status.errors) {
-                told += message + '\n';
+                messages += message + '\n';
             }
         }
-        return told;
+        return messages;
     }
 
     /// The output that a command's row has archived.
@@ -140,10 +140,7 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
         Generator any(round);
         const TestSupport::ThrowAwayHive hive;
         const std::wstring root = (machine_ / std::to_wstring(round)).native() + L'\\';
-        const std::wstring profiles = LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList)";
-        hive.SetString(profiles, L"ProfilesDirectory", root + L"Users");
-        hive.SetString(profiles, L"ProgramData", root + L"ProgramData");
-        hive.SetString(velqor + L"OXM", L"Path", root + LR"(Velqor\OXM)");
+        TestSupport::SetFolders(hive, root);
         // Half a character ends an export with a message; most rounds shall come to more.
         const std::wstring_view units = textUnits.substr(0, textUnits.size() - (round % 4 == 0 ? 0 : 2));
         for (int number = 0; number < 100; ++number, ++cases) {
@@ -171,7 +168,7 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
             }
         }
 
-        const std::string told =
+        const std::string messages =
             Run(Join({LogSet(), ConfigurationSet(), CrashReportSet(), {SampleSet().back()}})) + log_.Text();
         std::string archived;
         for (const libzippp::ZipEntry& entry : zip_.Entries()) {
@@ -181,7 +178,7 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
         }
         for (const std::string& file : wanted) {
             const std::string name = file.substr(file.rfind('\\') + 1);
-            EXPECT_TRUE(archived.contains('/' + name + '\n') || told.contains(file)) << file;
+            EXPECT_TRUE(archived.contains('/' + name + '\n') || messages.contains(file)) << file;
         }
         EXPECT_THAT(archived, testing::HasSubstr("/regval.txt"));
 
@@ -213,12 +210,12 @@ TEST_F(HostileInput, TextsOfAnyBytesComeOutAsUtf8) {
                             return status;
                         }}});
     }
+    // The manifest is read back as JSON, which takes valid UTF-8 alone.
     Run(rows);
-    for (int row = 0; row < manifest_.diagnostics_size(); ++row) {
-        for (int number = 0; number < 10; ++number) {
-            EXPECT_EQ(manifest_.diagnostics(row).errors(number),
-                      SanitiseUtf8(messages[static_cast<std::size_t>(row)][static_cast<std::size_t>(number)]));
-        }
+    for (const auto& row : manifest_.diagnostics()) {
+        EXPECT_EQ(row.errors_size(), 10);
+        EXPECT_EQ(row.name(), row.errors(0));
+        EXPECT_EQ(row.origin(), row.errors(9));
     }
 }
 

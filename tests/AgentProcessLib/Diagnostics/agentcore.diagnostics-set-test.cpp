@@ -4,7 +4,6 @@
 
 #include "agentcore.diagnostics-manifest.h"
 #include "agentcore.diagnostics-set.h"
-#include "agentcore.diagnostics-sets.h"
 #include "diagnostics-test.h"
 
 namespace AgentCore::Diagnostics {
@@ -62,18 +61,6 @@ TEST_F(SetTest, ARowIsOneStatusAndOneManifestEntryWhateverItsCollectorsSay) {
     EXPECT_THAT(manifest, HasSubstr("\"not \xEF\xBF\xBD UTF-8\""));
     EXPECT_LT(manifest.find("first"), manifest.find("second"));
     EXPECT_TRUE(std::filesystem::is_empty(working_.Path()));
-}
-
-TEST_F(SetTest, RunsOfAllSetsLeaveNoHandleOpen) {
-    unsigned handles = 0;
-    for (const bool isFirst : {true, false}) {
-        for (const auto& rows : {LogSet(), ConfigurationSet(), SampleSet(), ToolSet(), CrashReportSet()}) {
-            WriteManifest(RunSet(rows, zip_), zip_);
-        }
-        // What is opened once for good is opened by the first run.
-        handles = isFirst ? TestSupport::HandleCount() : handles;
-    }
-    EXPECT_EQ(TestSupport::HandleCount(), handles);
 }
 
 }  // namespace
