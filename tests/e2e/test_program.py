@@ -184,7 +184,7 @@ class SlowTool(Case):
                                        (other, "traffic show", 4)):
             with self.subTest(name):
                 self.assertGreaterEqual(archive.row(name)["durationMs"], seconds * 1000 - 50)
-                self.assertLess(archive.row(name)["durationMs"], seconds * 1000 + 1500)
+                self.assertLess(archive.row(name)["durationMs"], seconds * 1000 + 5000)
         for archive, name in ((one, "status"), (other, "traffic_show")):
             self.assertIn(TEXTS[f"lacli_{name}.log"].replace("\n", "\r\n"), archive.texts())
         # Ended after ten seconds: what came before the pause is kept; an export is never begun.
