@@ -39,7 +39,7 @@ toolchain_file=$root/cmake/toolchains/windows-cross.cmake
 
 dependency_prefix() {
   local key
-  key=$(cat "$dependency_list" "$toolchain_file" "$root/script/build-dependencies" | sha256sum | cut -c1-16)
+  key=$(cat "$root"/cmake/dependencies/* "$toolchain_file" "$root/script/build-dependencies" | sha256sum | cut -c1-16)
   printf '%s/prefix-%s' "$cache" "$key"
 }
 

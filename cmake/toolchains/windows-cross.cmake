@@ -17,9 +17,9 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld -static")
 # libstdc++ is built by a compiler that emulates thread-local storage; std::call_once reaches into it.
 add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-femulated-tls>)
 
-# Programs run on the build machine; everything that is linked comes from the runtime's root or from the prefix
-# of the cross-built dependencies.
-set(CMAKE_FIND_ROOT_PATH /usr/${triple} ${CMAKE_PREFIX_PATH})
+# Programs run on the build machine; everything that is linked comes from the prefix of the cross-built dependencies or
+# from the runtime's root. All of the first is searched before the second, where packages for other programs may be.
+set(CMAKE_FIND_ROOT_PATH ${CMAKE_PREFIX_PATH} /usr/${triple})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
