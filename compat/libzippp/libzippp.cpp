@@ -2,16 +2,14 @@
 
 #include <zip.h>
 
+#include <cstdio>
+#include <ctime>
 #include <memory>
 #include <utility>
 
 namespace libzippp {
 
 namespace {
-
-constexpr zip_flags_t StateFlag(ZipArchive::State state) {
-    return state == ZipArchive::Original ? ZIP_FL_UNCHANGED : 0U;
-}
 
 zip_source_t* SourceOfFile(const std::string& path) {
     zip_error_t error;
@@ -21,40 +19,52 @@ zip_source_t* SourceOfFile(const std::string& path) {
     return source;
 }
 
-}  // namespace
-
-bool ZipEntry::setDate(std::time_t date) const {
-    return archive_ != nullptr && archive_->isMutable() && zip_file_set_mtime(archive_->handle_, index_, date, 0) == 0;
+zip_int32_t LibzipMethod(CompressionMethod method) {
+    switch (method) {
+        case STORE:
+            return ZIP_CM_STORE;
+        case DEFLATE:
+            return ZIP_CM_DEFLATE;
+        default:
+            return ZIP_CM_DEFAULT;
+    }
 }
 
+void Report(zip_error_t* error, const std::string& message, ErrorHandlerCallback* callback) {
+    callback(message, zip_error_strerror(error), zip_error_code_zip(error), zip_error_code_system(error));
+}
+
+void PrintError(const std::string& message, const std::string& description, int, int) {
+    const auto placeholder = message.find("%s");
+    const std::string text =
+        placeholder == std::string::npos ? message : std::string(message).replace(placeholder, 2, description);
+    static_cast<void>(std::fputs(text.c_str(), stderr));
+}
+
+}  // namespace
+
 bool ZipEntry::setCompressionMethod(CompressionMethod method) {
-    if (archive_ == nullptr || !archive_->isMutable() ||
-        zip_set_file_compression(archive_->handle_, index_, static_cast<zip_int32_t>(method), level_) != 0) {
-        return false;
-    }
     method_ = method;
-    return true;
+    return setCompressionLevel(0);
 }
 
 bool ZipEntry::setCompressionLevel(libzippp_uint32 level) {
-    if (archive_ == nullptr || !archive_->isMutable() ||
-        zip_set_file_compression(archive_->handle_, index_, static_cast<zip_int32_t>(method_), level) != 0) {
-        return false;
-    }
-    level_ = level;
-    return true;
+    return zipFile_->isMutable() &&
+           zip_set_file_compression(zipFile_->zipHandle_, index_, LibzipMethod(method_), level) == 0;
 }
 
 std::string ZipEntry::readAsText() const {
-    if (archive_ == nullptr) {
+    zip_file_t* file = zipFile_->isOpen() ? zip_fopen_index(zipFile_->zipHandle_, index_, 0) : nullptr;
+    if (file == nullptr) {
         return {};
     }
-    const std::unique_ptr<char[]> data(static_cast<char*>(archive_->readEntry(*this, true)));
-    return data ? std::string(data.get(), size_) : std::string();
+    std::string text(size_, '\0');
+    const zip_int64_t read = zip_fread(file, text.data(), size_);
+    zip_fclose(file);
+    return read == static_cast<zip_int64_t>(size_) ? text : std::string();
 }
 
-ZipArchive::ZipArchive(std::string zipPath, std::string password, Encryption)
-    : path_(std::move(zipPath)), password_(std::move(password)) {}
+ZipArchive::ZipArchive(const std::string& zipPath) : path_(zipPath), callback_(&PrintError) {}
 
 ZipArchive::~ZipArchive() {
     if (close() != LIBZIPPP_OK) {
@@ -64,7 +74,7 @@ ZipArchive::~ZipArchive() {
 
 ZipArchive* ZipArchive::fromSource(zip_source* source, OpenMode mode, bool checkConsistency) {
     auto archive = std::make_unique<ZipArchive>("");
-    return archive->OpenFrom(source, mode, checkConsistency) ? archive.release() : nullptr;
+    return archive->openSource(source, mode, checkConsistency) ? archive.release() : nullptr;
 }
 
 void ZipArchive::free(ZipArchive* archive) {
@@ -79,197 +89,139 @@ bool ZipArchive::open(OpenMode mode, bool checkConsistency) {
     if (source == nullptr) {
         return false;
     }
-    if (!OpenFrom(source, mode, checkConsistency)) {
+    if (!openSource(source, mode, checkConsistency)) {
         zip_source_free(source);
         return false;
     }
     return true;
 }
 
-bool ZipArchive::OpenFrom(zip_source* source, OpenMode mode, bool checkConsistency) {
+bool ZipArchive::openSource(zip_source* source, OpenMode mode, bool checkConsistency) {
     int flags = checkConsistency ? ZIP_CHECKCONS : 0;
-    switch (mode) {
-        case ReadOnly:
-            flags |= ZIP_RDONLY;
-            break;
-        case Write:
-            flags |= ZIP_CREATE;
-            break;
-        case New:
-            flags |= ZIP_CREATE | ZIP_TRUNCATE;
-            break;
-        default:
-            return false;
+    if (mode == Write) {
+        flags |= ZIP_CREATE;
+    } else if (mode == New) {
+        flags |= ZIP_CREATE | ZIP_TRUNCATE;
     }
     zip_error_t error;
     zip_error_init(&error);
-    handle_ = zip_open_from_source(source, flags, &error);
+    zipHandle_ = mode == NotOpen ? nullptr : zip_open_from_source(source, flags, &error);
+    if (zipHandle_ != nullptr) {
+        mode_ = mode;
+    } else {
+        Report(&error, "can't open zip from source: %s\n", callback_);
+    }
     zip_error_fini(&error);
-    if (handle_ == nullptr) {
-        return false;
-    }
-    if (!password_.empty()) {
-        zip_set_default_password(handle_, password_.c_str());
-    }
-    mode_ = mode;
-    return true;
+    return zipHandle_ != nullptr;
 }
 
 int ZipArchive::close() {
-    if (handle_ == nullptr) {
-        return LIBZIPPP_OK;
+    if (zipHandle_ != nullptr && zip_close(zipHandle_) != 0) {
+        Report(zip_get_error(zipHandle_), "unable to close archive: %s\n", callback_);
+        return LIBZIPPP_ERROR_HANDLE_FAILURE;
     }
-    if (const int error = zip_close(handle_); error != 0) {
-        return error;
-    }
-    handle_ = nullptr;
+    zipHandle_ = nullptr;
     mode_ = NotOpen;
     return LIBZIPPP_OK;
 }
 
 void ZipArchive::discard() {
-    if (handle_ != nullptr) {
-        zip_discard(handle_);
-        handle_ = nullptr;
+    if (zipHandle_ != nullptr) {
+        zip_discard(zipHandle_);
+        zipHandle_ = nullptr;
         mode_ = NotOpen;
     }
 }
 
-libzippp_int64 ZipArchive::getNbEntries(State state) const {
-    return isOpen() ? zip_get_num_entries(handle_, StateFlag(state)) : LIBZIPPP_ERROR_NOT_OPEN;
-}
-
-ZipEntry ZipArchive::Describe(libzippp_uint64 index, State state) const {
+ZipEntry ZipArchive::describe(libzippp_uint64 index) const {
     zip_stat_t stat;
     zip_stat_init(&stat);
     ZipEntry entry;
-    if (zip_stat_index(handle_, index, StateFlag(state), &stat) != 0 || stat.name == nullptr) {
+    if (zip_stat_index(zipHandle_, index, 0, &stat) != 0 || stat.name == nullptr) {
         return entry;
     }
-    entry.archive_ = this;
+    entry.zipFile_ = this;
     entry.name_ = stat.name;
     entry.index_ = index;
     entry.size_ = stat.size;
-    entry.time_ = stat.mtime;
     entry.crc_ = static_cast<int>(stat.crc);
-    entry.method_ = static_cast<CompressionMethod>(stat.comp_method);
     return entry;
 }
 
-std::vector<ZipEntry> ZipArchive::getEntries(State state) const {
+std::vector<ZipEntry> ZipArchive::getEntries() const {
     std::vector<ZipEntry> entries;
-    const libzippp_int64 count = getNbEntries(state);
-    for (libzippp_int64 index = 0; index < count; ++index) {
-        if (ZipEntry entry = Describe(static_cast<libzippp_uint64>(index), state); !entry.isNull()) {
+    const zip_int64_t count = isOpen() ? zip_get_num_entries(zipHandle_, 0) : 0;
+    for (zip_int64_t index = 0; index < count; ++index) {
+        if (ZipEntry entry = describe(static_cast<libzippp_uint64>(index)); !entry.isNull()) {
             entries.push_back(std::move(entry));
         }
     }
     return entries;
 }
 
-bool ZipArchive::hasEntry(const std::string& name, bool excludeDirectories, bool caseSensitive, State state) const {
-    return !getEntry(name, excludeDirectories, caseSensitive, state).isNull();
+bool ZipArchive::hasEntry(const std::string& name) const {
+    return isOpen() && zip_name_locate(zipHandle_, name.c_str(), 0) >= 0;
 }
 
-ZipEntry ZipArchive::getEntry(const std::string& name, bool excludeDirectories, bool caseSensitive, State state) const {
-    if (!isOpen()) {
-        return {};
-    }
-    const zip_flags_t flags =
-        StateFlag(state) | (excludeDirectories ? ZIP_FL_NODIR : 0U) | (caseSensitive ? 0U : ZIP_FL_NOCASE);
-    const zip_int64_t index = zip_name_locate(handle_, name.c_str(), flags);
-    return index < 0 ? ZipEntry() : Describe(static_cast<libzippp_uint64>(index), state);
+ZipEntry ZipArchive::getEntry(const std::string& name) const {
+    const zip_int64_t index = isOpen() ? zip_name_locate(zipHandle_, name.c_str(), 0) : -1;
+    return index < 0 ? ZipEntry() : describe(static_cast<libzippp_uint64>(index));
 }
 
-bool ZipArchive::AddSource(const std::string& entryName, zip_source* source) const {
-    if (const auto slash = entryName.rfind('/');
-        slash != std::string::npos && !addEntry(entryName.substr(0, slash + 1))) {
+bool ZipArchive::addSource(const std::string& entryName, zip_source* source) const {
+    const zip_int64_t index = source != nullptr && addDirectories(entryName)
+                                  ? zip_file_add(zipHandle_, entryName.c_str(), source, ZIP_FL_OVERWRITE)
+                                  : -1;
+    if (index < 0) {
         zip_source_free(source);
         return false;
     }
-    if (zip_file_add(handle_, entryName.c_str(), source, ZIP_FL_OVERWRITE) < 0) {
-        zip_source_free(source);
-        return false;
-    }
+    static_cast<void>(zip_file_set_mtime(zipHandle_, static_cast<zip_uint64_t>(index), std::time(nullptr), 0));
     return true;
 }
 
 bool ZipArchive::addFile(const std::string& entryName, const std::string& file) const {
-    if (!isMutable() || entryName.empty() || entryName.ends_with('/')) {
+    if (!isMutable() || entryName.ends_with('/')) {
         return false;
     }
-    zip_source_t* source = SourceOfFile(file);
-    zip_stat_t stat;
-    if (source != nullptr && zip_source_stat(source, &stat) != 0) {
-        zip_source_free(source);
-        return false;
-    }
-    return source != nullptr && AddSource(entryName, source);
+    return addSource(entryName, zip_source_file(zipHandle_, file.c_str(), 0, -1));
 }
 
 bool ZipArchive::addData(const std::string& entryName, const void* data, libzippp_uint64 length, bool freeData) const {
-    if (!isMutable() || entryName.empty() || entryName.ends_with('/')) {
+    if (!isMutable() || entryName.ends_with('/')) {
         return false;
     }
-    zip_source_t* source = zip_source_buffer(handle_, data, length, freeData ? 1 : 0);
-    return source != nullptr && AddSource(entryName, source);
+    return addSource(entryName, zip_source_buffer(zipHandle_, data, length, freeData ? 1 : 0));
 }
 
-bool ZipArchive::addEntry(const std::string& entryName) const {
-    if (!isMutable() || !entryName.ends_with('/')) {
-        return false;
-    }
+bool ZipArchive::addDirectories(const std::string& entryName) const {
     for (auto slash = entryName.find('/'); slash != std::string::npos; slash = entryName.find('/', slash + 1)) {
         const std::string folder = entryName.substr(0, slash + 1);
-        if (!hasEntry(folder) && zip_dir_add(handle_, folder.c_str(), 0) < 0) {
+        if (!hasEntry(folder) && zip_dir_add(zipHandle_, folder.c_str(), 0) < 0) {
             return false;
         }
     }
     return true;
 }
 
-int ZipArchive::deleteEntry(const ZipEntry& entry) const {
-    if (!isOpen()) {
-        return LIBZIPPP_ERROR_NOT_OPEN;
-    }
-    if (entry.archive_ != this) {
-        return LIBZIPPP_ERROR_INVALID_ENTRY;
+int ZipArchive::deleteEntry(const std::string& entryName) const {
+    const ZipEntry entry = getEntry(entryName);
+    if (entry.isNull()) {
+        return LIBZIPPP_ERROR_INVALID_PARAMETER;
     }
     if (!isMutable()) {
         return LIBZIPPP_ERROR_NOT_ALLOWED;
     }
-    if (entry.isFile()) {
-        return zip_delete(handle_, entry.getIndex()) == 0 ? 1 : LIBZIPPP_ERROR_UNKNOWN;
-    }
     int deleted = 0;
-    for (const ZipEntry& candidate : getEntries()) {
+    for (const ZipEntry& candidate : entry.isFile() ? std::vector{entry} : getEntries()) {
         if (candidate.getName().starts_with(entry.getName())) {
-            if (zip_delete(handle_, candidate.getIndex()) != 0) {
+            if (zip_delete(zipHandle_, candidate.getIndex()) != 0) {
                 return LIBZIPPP_ERROR_UNKNOWN;
             }
             ++deleted;
         }
     }
     return deleted;
-}
-
-int ZipArchive::deleteEntry(const std::string& entryName) const {
-    const ZipEntry entry = getEntry(entryName);
-    return isOpen() && entry.isNull() ? LIBZIPPP_ERROR_INVALID_ENTRY : deleteEntry(entry);
-}
-
-void* ZipArchive::readEntry(const ZipEntry& entry, bool asText, State state) const {
-    if (!isOpen() || entry.archive_ != this) {
-        return nullptr;
-    }
-    zip_file_t* file = zip_fopen_index(handle_, entry.getIndex(), StateFlag(state));
-    if (file == nullptr) {
-        return nullptr;
-    }
-    auto data = std::make_unique<char[]>(entry.getSize() + (asText ? 1 : 0));
-    const zip_int64_t read = zip_fread(file, data.get(), entry.getSize());
-    const bool whole = zip_fclose(file) == 0 && read == static_cast<zip_int64_t>(entry.getSize());
-    return whole ? data.release() : nullptr;
 }
 
 }  // namespace libzippp

@@ -26,10 +26,7 @@ AppendInPlaceSource::AppendInPlaceSource(std::unique_ptr<ArchiveFile> file) : fi
 
 FileResult<void> AppendInPlaceSource::OpenExisting() {
     readAhead_.clear();
-    size_ = 0;
-    auto opened = file_->Open();
-    missing_ = !opened && opened.error() == ERROR_FILE_NOT_FOUND;
-    if (!opened) {
+    if (auto opened = file_->Open(); !opened) {
         return opened;
     }
     const auto size = file_->Size();
@@ -40,31 +37,46 @@ FileResult<void> AppendInPlaceSource::OpenExisting() {
     return {};
 }
 
+FileResult<void> AppendInPlaceSource::WriteEmpty(ArchiveFile& file) {
+    const ArchiveTail tail = EmptyTail();
+    size_ = tail.Size();
+    return file.Write(0, tail.records);
+}
+
+FileResult<void> AppendInPlaceSource::Create() {
+    auto created = file_->Create();
+    return created ? WriteEmpty(*file_) : created;
+}
+
 FileResult<void> AppendInPlaceSource::Prepare() {
     ClearFailure();
     if (auto opened = OpenExisting(); !opened) {
-        return missing_ ? FileResult<void>() : opened;
-    }
-    if (size_ == 0) {
-        return {};
+        return opened;
     }
     const auto end = ReadTail(*file_);
     if (!end) {
         return std::unexpected(end.error());
     }
-    if (end->end != FileEnd::Torn) {
-        return {};
+    return end->end == FileEnd::Torn ? Repair() : FileResult<void>();
+}
+
+FileResult<void> AppendInPlaceSource::Repair() {
+    const auto isBeginning = IsBeginningOfEmpty(*file_);
+    if (!isBeginning) {
+        return std::unexpected(isBeginning.error());
     }
-    const auto found = FindLastTail(*file_);
-    if (!found) {
-        return std::unexpected(found.error());
+    if (*isBeginning) {
+        return WriteEmpty(*file_);
     }
-    FileResult<void> cut;
-    if (const std::optional<ArchiveTail>& last = *found; last) {
-        cut = file_->Truncate(last->End());
-        size_ = last->End();
+    const auto last = FindLastTail(*file_);
+    if (!last) {
+        return std::unexpected(last.error());
     }
-    return cut;
+    if (!*last) {
+        return std::unexpected<DWORD>(ERROR_BAD_FORMAT);
+    }
+    size_ = (*last)->End();
+    return file_->Truncate(size_);
 }
 
 zip_source_t* AppendInPlaceSource::NewSource() {
@@ -126,9 +138,8 @@ zip_int64_t AppendInPlaceSource::Dispatch(void* data, zip_uint64_t length, zip_s
         case ZIP_SOURCE_ROLLBACK_WRITE:
             return Done(Rollback(), ZIP_ER_WRITE);
         case ZIP_SOURCE_REMOVE:
-            size_ = 0;
-            missing_ = true;
-            return Done(file_->Remove(), ZIP_ER_REMOVE);
+            // What libzip makes of an archive whose last entry is deleted.
+            return Done(ReplaceByEmpty(), ZIP_ER_REMOVE);
         default:
             zip_error_set(&error_, ZIP_ER_OPNOTSUPP, 0);
             return -1;
@@ -159,12 +170,7 @@ zip_int64_t AppendInPlaceSource::Stat(void* data, zip_uint64_t length) {
         return Fail(ZIP_ER_INVAL, ERROR_INVALID_PARAMETER);
     }
     if (const auto opened = OpenExisting(); !opened) {
-        if (!missing_) {
-            return Fail(ZIP_ER_OPEN, opened.error());
-        }
-        // The pair by which libzip knows that there is no archive yet.
-        zip_error_set(&error_, ZIP_ER_READ, ENOENT);
-        return -1;
+        return Fail(ZIP_ER_OPEN, opened.error());
     }
     zip_stat_init(&stat);
     stat.size = size_;
@@ -226,9 +232,6 @@ zip_int64_t AppendInPlaceSource::BeginClone(std::uint64_t keep) {
 }
 
 FileResult<void> AppendInPlaceSource::Begin() {
-    if (size_ == 0) {
-        return CreateEmpty();
-    }
     auto found = ReadTail(*file_);
     if (!found) {
         return std::unexpected(found.error());
@@ -246,26 +249,13 @@ FileResult<void> AppendInPlaceSource::Begin() {
     return {};
 }
 
-FileResult<void> AppendInPlaceSource::CreateEmpty() {
-    auto ready = missing_ ? file_->Create() : file_->Open();
-    if (!ready && ready.error() == ERROR_FILE_EXISTS) {
-        // Put there since it was looked for: it would stay its owner's, and open to him.
-        ready = file_->Remove();
-        ready = ready ? file_->Create() : ready;
+FileResult<void> AppendInPlaceSource::ReplaceByEmpty() {
+    const auto replacement = file_->CreateSibling();
+    if (!replacement) {
+        return std::unexpected(replacement.error());
     }
-    if (!ready) {
-        return ready;
-    }
-    created_ = missing_;
-    ArchiveTail tail = EmptyTail();
-    if (auto written = file_->Write(0, tail.records); !written) {
-        [[maybe_unused]] const auto emptied = file_->Truncate(0);
-        [[maybe_unused]] const auto removed = Rollback();
-        return written;
-    }
-    size_ = tail.Size();
-    StartInPlace(std::move(tail));
-    return {};
+    auto written = WriteEmpty(**replacement);
+    return written ? file_->ReplaceBy(**replacement) : written;
 }
 
 void AppendInPlaceSource::StartInPlace(ArchiveTail tail) {
@@ -379,9 +369,7 @@ FileResult<void> AppendInPlaceSource::Commit() {
         replacement_.reset();
     }
     size_ = writeEnd_;
-    missing_ = false;
     inPlace_ = false;
-    created_ = false;
     buffer_.clear();
     readAhead_.clear();
     return {};
@@ -402,16 +390,7 @@ FileResult<void> AppendInPlaceSource::Rollback() {
     buffer_.clear();
     readAhead_.clear();
     replacement_.reset();
-    FileResult<void> restored;
-    if (created_) {
-        size_ = 0;
-        restored = file_->Remove();
-    } else if (inPlace_) {
-        restored = RestoreTail();
-    }
-    created_ = false;
-    inPlace_ = false;
-    return restored;
+    return std::exchange(inPlace_, false) ? RestoreTail() : FileResult<void>();
 }
 
 FileResult<void> AppendInPlaceSource::RestoreTail() {

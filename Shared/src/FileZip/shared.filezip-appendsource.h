@@ -36,15 +36,18 @@ public:
     AppendInPlaceSource(const AppendInPlaceSource&) = delete;
     AppendInPlaceSource& operator=(const AppendInPlaceSource&) = delete;
 
-    /// Opens the file and repairs the end that a killed add has torn. A missing file is no failure: the first entry
-    /// creates it. Call it before an archive is opened over the source.
+    /// Creates the file as a whole zip without entries; ERROR_FILE_EXISTS when anything has its name.
+    FileResult<void> Create();
+
+    /// Opens the file, repairs the end that a killed add has torn, and gives an empty file what a zip without entries
+    /// has. ERROR_BAD_FORMAT for what is no zip. Call it before an archive is opened over the source.
     FileResult<void> Prepare();
 
     /// A new libzip source, with one reference. The archive opened over it must be gone before this object, and
     /// before the next one is asked for. Null when out of memory.
     [[nodiscard]] zip_source_t* NewSource();
 
-    /// The size of the archive file; 0 when there is none.
+    /// The size of the archive file.
     [[nodiscard]] std::uint64_t FileSize() const noexcept { return size_; }
 
     /// The Win32 code of the last failure on the file since the archive was opened or written, else ERROR_SUCCESS.
@@ -58,6 +61,8 @@ private:
     zip_int64_t Done(const FileResult<void>& result, int zipError);
     void ClearFailure();
     FileResult<void> OpenExisting();
+    FileResult<void> WriteEmpty(ArchiveFile& file);
+    FileResult<void> Repair();
 
     zip_int64_t Stat(void* data, zip_uint64_t length);
     zip_int64_t Read(std::span<std::byte> to);
@@ -67,7 +72,7 @@ private:
     zip_int64_t BeginClone(std::uint64_t keep);
 
     FileResult<void> Begin();
-    FileResult<void> CreateEmpty();
+    FileResult<void> ReplaceByEmpty();
     void StartInPlace(ArchiveTail tail);
     FileResult<void> Flush(std::uint64_t spare);
     FileResult<void> MakeRoom(std::uint64_t end, std::uint64_t spare);
@@ -79,7 +84,6 @@ private:
 
     std::unique_ptr<ArchiveFile> file_;
     std::uint64_t size_ = 0;
-    bool missing_ = false;
     zip_error_t error_{};
     DWORD failure_ = ERROR_SUCCESS;
 
@@ -92,7 +96,6 @@ private:
     ArchiveTail tail_;
     std::uint64_t copyOffset_ = 0;
     std::uint64_t copyEnd_ = 0;
-    bool created_ = false;
     /// While everything is written anew.
     std::unique_ptr<ArchiveFile> replacement_;
 

@@ -88,11 +88,6 @@ void Win32ArchiveFile::Close() noexcept {
     handle_.Reset();
 }
 
-FileResult<void> Win32ArchiveFile::Remove() {
-    Close();
-    return FileSystem::RemoveName(path_);
-}
-
 FileResult<std::uint64_t> Win32ArchiveFile::Size() const {
     LARGE_INTEGER size{};
     if (GetFileSizeEx(handle_.Get(), &size) == FALSE) {

@@ -31,8 +31,6 @@ public:
     /// Creates and opens the file; ERROR_FILE_EXISTS when anything has its name.
     virtual FileResult<void> Create() = 0;
     virtual void Close() noexcept = 0;
-    /// Closes and removes the file.
-    virtual FileResult<void> Remove() = 0;
 
     [[nodiscard]] virtual FileResult<std::uint64_t> Size() const = 0;
     /// The number of bytes read: less than asked for at the end of the file only.
@@ -60,7 +58,6 @@ public:
     FileResult<void> Open() override;
     FileResult<void> Create() override;
     void Close() noexcept override;
-    FileResult<void> Remove() override;
     [[nodiscard]] FileResult<std::uint64_t> Size() const override;
     [[nodiscard]] FileResult<std::size_t> Read(std::uint64_t offset, std::span<std::byte> to) const override;
     FileResult<void> Write(std::uint64_t offset, std::span<const std::byte> from) override;

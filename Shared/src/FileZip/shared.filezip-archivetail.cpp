@@ -129,7 +129,8 @@ FileResult<bool> IsReadable(const ArchiveFile& file, const ArchiveTail& tail) {
 
 std::optional<std::vector<std::byte>> ArchiveTail::RecordsFor(std::uint64_t newDirectoryOffset) const {
     const bool isZip64 = Get(records, 0, 4) == zip64EndSignature;
-    const bool needsZip64 = newDirectoryOffset >= max32;
+    // A reader expects a directory without entries at the start of the file, unless ZIP64 records say where it is.
+    const bool needsZip64 = newDirectoryOffset >= max32 || (directorySize == 0 && newDirectoryOffset != 0);
     std::vector<std::byte> moved;
     if (!isZip64 && needsZip64) {
         if (directorySize / directoryEntrySize > max16) {
@@ -197,19 +198,20 @@ FileResult<TailSearch> ReadTail(const ArchiveFile& file) {
     return found;
 }
 
+FileResult<bool> IsBeginningOfEmpty(const ArchiveFile& file) {
+    std::vector<std::byte> bytes(endSize);
+    const auto read = file.Read(0, bytes);
+    if (!read) {
+        return std::unexpected(read.error());
+    }
+    const ArchiveTail empty = EmptyTail();
+    return *read < endSize && std::ranges::equal(std::span(bytes).first(*read), std::span(empty.records).first(*read));
+}
+
 FileResult<std::optional<ArchiveTail>> FindLastTail(const ArchiveFile& file) {
     const auto size = file.Size();
     if (!size) {
         return std::unexpected(size.error());
-    }
-    if (*size < endSize) {
-        const auto bytes = ReadBytes(file, 0, static_cast<std::size_t>(*size));
-        if (!bytes) {
-            return std::unexpected(bytes.error());
-        }
-        const ArchiveTail empty = EmptyTail();
-        return std::ranges::equal(*bytes, std::span(empty.records).first(bytes->size())) ? std::optional(ArchiveTail())
-                                                                                         : std::nullopt;
     }
     constexpr std::uint64_t window = std::uint64_t{1} << 20U;
     for (std::uint64_t end = *size; end > 0;) {

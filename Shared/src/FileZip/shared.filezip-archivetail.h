@@ -44,8 +44,10 @@ struct TailSearch {
 /// What the file ends in.
 [[nodiscard]] FileResult<TailSearch> ReadTail(const ArchiveFile& file);
 
-/// The last tail anywhere in the file whose directory can be read from entry to entry; nothing when there is none. A
-/// file that is but the beginning of an archive without entries, cut short, counts as one with a tail of no size.
+/// Whether the file is but the beginning of an archive without entries, cut short.
+[[nodiscard]] FileResult<bool> IsBeginningOfEmpty(const ArchiveFile& file);
+
+/// The last tail anywhere in the file whose directory can be read from entry to entry; nothing when there is none.
 [[nodiscard]] FileResult<std::optional<ArchiveTail>> FindLastTail(const ArchiveFile& file);
 
 }  // namespace Shared::FileZip

@@ -1,11 +1,14 @@
 #pragma once
 
+#include <windows.h>
+
 #include <libzippp/libzippp.h>
 
 #include <cstdint>
 #include <expected>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,6 +32,8 @@ class AppendInPlaceSource;
 /// over the limit is gone.
 class ZipArchiveWrapper {
 public:
+    enum class Creation : std::uint8_t { IfMissing, Never };
+
     /// What went wrong with an add.
     struct AddFailure {
         /// Names the file and the reason.
@@ -36,6 +41,8 @@ public:
         /// Whether the archive holds the file all the same: a part of one that changed its size, or the whole of one
         /// after which the archive could not be opened again.
         bool isArchived = false;
+        /// The source's size in bytes when it is why nothing is archived: it is larger than the caller allows.
+        std::optional<std::uint64_t> tooLarge{};
     };
     using AddResult = std::expected<void, AddFailure>;
 
@@ -47,9 +54,10 @@ public:
     /// Closes the archive; with deleteOnClose also removes the file.
     ~ZipArchiveWrapper();
 
-    /// Opens or creates the archive at the path, keeping existing entries. Throws RuntimeException "Path to archive was
-    /// empty" or, when the file cannot be opened as an archive, one that names it and the reason.
-    void Open();
+    /// Opens the archive at the path, keeping existing entries; where there is no file, creates one, which is a whole
+    /// zip without entries at once. Throws RuntimeException "Path to archive was empty" or, when the file cannot be
+    /// opened as an archive, one that names it and the reason.
+    void Open(Creation creation = Creation::IfMissing);
 
     /// Closes the archive; throws RuntimeException when the library cannot write it.
     void Close();
@@ -59,31 +67,42 @@ public:
     [[nodiscard]] const std::filesystem::path& Path() const noexcept;
 
     /// Adds the file under the entry name (UTF-8, forward slashes), replacing an entry of that name. The entry keeps
-    /// the file's modification time. The source may be open elsewhere, also for writing; of a file that grows meanwhile
-    /// the part is archived that was there at first, of one that shrinks what could be read, and the failure says so.
-    /// Does not throw.
-    AddResult AddFile(const std::string& entryName, const std::filesystem::path& source);
+    /// the file's last write time, as local time. With `maxSize` other than 0 a larger source is not archived. The
+    /// source may be open elsewhere, also for writing: of a file that grows meanwhile the part is archived that was
+    /// there at first; of one that shrinks what could be read, or what is left of it at a second attempt. A part is a
+    /// failure that says so. Does not throw.
+    AddResult AddFile(const std::string& entryName, const std::filesystem::path& source, std::uint64_t maxSize = 0);
 
-    /// As AddFile, under the folder joined with the source file's own name. A name that has no exact UTF-8 form never
-    /// replaces another entry.
-    AddResult AddFileToFolder(const std::filesystem::path& entryFolder, const std::filesystem::path& source);
+    /// As AddFile, under the folder joined with the source file's own name. Never replaces an entry: the second file of
+    /// a name becomes "name (2).log", and so on.
+    AddResult AddFileToFolder(const std::filesystem::path& entryFolder, const std::filesystem::path& source,
+                              std::uint64_t maxSize = 0);
 
     /// The entries of the open archive, in archive order.
     [[nodiscard]] std::vector<libzippp::ZipEntry> Entries() const;
 
 private:
+    struct SourceFile;
     struct Releaser {
         void operator()(libzippp::ZipArchive* archive) const noexcept;
     };
 
-    [[nodiscard]] std::string TryOpen();
-    [[nodiscard]] std::string Reopen();
+    using OpenResult = std::expected<void, std::string>;
+
+    [[nodiscard]] OpenResult TryOpen(Creation creation);
+    [[nodiscard]] std::unexpected<std::string> CannotOpen(DWORD code) const;
+    [[nodiscard]] OpenResult Reopen();
     [[nodiscard]] std::string DropChanges();
     [[nodiscard]] std::string Remove(const std::string& entryName);
     [[nodiscard]] std::string WritingFailure() const;
-    AddResult AddToOpenArchive(const std::string& entryName, const std::filesystem::path& source);
-    AddResult CheckAdded(const std::string& entryName, const std::filesystem::path& source, std::uint64_t sizeBefore,
-                         std::uint64_t sizeAfter);
+    [[nodiscard]] std::string FreeName(const std::string& folder, const std::string& name) const;
+    template <class Add>
+    AddResult WithOpenArchive(const std::filesystem::path& source, const Add& add);
+    AddResult AddSource(const std::string& entryName, const std::filesystem::path& source, std::uint64_t maxSize);
+    AddResult AddOpened(const std::string& entryName, const SourceFile& source, std::uint64_t maxSize);
+    bool Write(const std::string& entryName, const SourceFile& source, std::uint64_t size);
+    AddResult CheckAdded(const std::string& entryName, const SourceFile& source, std::uint64_t size,
+                         std::uint64_t maxSize);
 
     std::filesystem::path path_;
     /// Null while the archive is closed; outlives the archive opened over it.

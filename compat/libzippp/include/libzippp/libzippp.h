@@ -1,83 +1,45 @@
 #pragma once
 
-#include <cstdint>
-#include <ctime>
 #include <string>
 #include <vector>
 
-/// Names without a namespace: the library has macros here.
-enum LibzipppStatus : std::int8_t {
-    LIBZIPPP_OK = 0,
-    LIBZIPPP_ERROR_NOT_OPEN = -1,
-    LIBZIPPP_ERROR_NOT_ALLOWED = -2,
-    LIBZIPPP_ERROR_INVALID_ENTRY = -3,
-    LIBZIPPP_ERROR_UNKNOWN = -99
-};
+/// The part of libzippp's interface that this program calls, in that library's own shape and with its semantics, so
+/// that the library can take this one's place without a change to the callers. Nothing here throws except
+/// std::bad_alloc.
+
+// NOLINTBEGIN(modernize-*, readability-duplicate-include): the shape is that of the library's header
 
 struct zip;
 struct zip_source;
 
-/// The subset of libzippp's interface that this program uses, with that library's semantics, so that the packaged
-/// library can take its place without a change to the callers. Nothing here throws except std::bad_alloc.
+typedef unsigned long long libzippp_uint64;
+typedef unsigned int libzippp_uint32;
+
+#define LIBZIPPP_OK 0
+#define LIBZIPPP_ERROR_NOT_OPEN -1
+#define LIBZIPPP_ERROR_NOT_ALLOWED -2
+#define LIBZIPPP_ERROR_INVALID_PARAMETER -4
+#define LIBZIPPP_ERROR_HANDLE_FAILURE -37
+#define LIBZIPPP_ERROR_UNKNOWN -99
+
+/// Gets a failure's message (with "%s" where the description belongs), libzip's description of it, libzip's code, and
+/// the system's. The default prints them to standard error.
+typedef void ErrorHandlerCallback(const std::string& message, const std::string& description, int zipError,
+                                  int systemError);
+
 namespace libzippp {
 
-// NOLINTBEGIN(modernize-use-nodiscard): results may be ignored where the library lets them be
+class ZipEntry;
 
-using libzippp_int64 = std::int64_t;
-using libzippp_uint64 = std::uint64_t;
-using libzippp_uint32 = std::uint32_t;
-
-class ZipArchive;
-
-enum class Encryption : std::uint8_t { None = 0 };
-enum class CompressionMethod : std::int8_t { DEFAULT = -1, STORE = 0, DEFLATE = 8 };
-
-/// What an open archive says about one entry, copied at the time of asking. The settings act on that archive, which
-/// must still be open.
-class ZipEntry {
-public:
-    /// A null entry: what a search without a result returns.
-    ZipEntry() = default;
-
-    [[nodiscard]] bool isNull() const { return archive_ == nullptr; }
-    [[nodiscard]] const std::string& getName() const { return name_; }
-    [[nodiscard]] libzippp_uint64 getIndex() const { return index_; }
-    [[nodiscard]] std::time_t getDate() const { return time_; }
-    /// The size of the uncompressed data.
-    [[nodiscard]] libzippp_uint64 getSize() const { return size_; }
-    [[nodiscard]] int getCRC() const { return crc_; }
-    [[nodiscard]] CompressionMethod getCompressionMethod() const { return method_; }
-    [[nodiscard]] bool isDirectory() const { return name_.ends_with('/'); }
-    [[nodiscard]] bool isFile() const { return !isDirectory(); }
-
-    bool setDate(std::time_t date) const;
-    bool setCompressionMethod(CompressionMethod method);
-    /// 1 (fast) to 9; acts on the entry's method, which has to be set first.
-    bool setCompressionLevel(libzippp_uint32 level);
-
-    [[nodiscard]] std::string readAsText() const;
-
-private:
-    friend class ZipArchive;
-
-    const ZipArchive* archive_ = nullptr;
-    std::string name_;
-    libzippp_uint64 index_ = 0;
-    libzippp_uint64 size_ = 0;
-    std::time_t time_ = 0;
-    int crc_ = 0;
-    CompressionMethod method_ = CompressionMethod::DEFAULT;
-    libzippp_uint32 level_ = 0;
-};
+enum CompressionMethod { DEFAULT = 0, STORE, DEFLATE };
 
 /// One zip archive. Changes are kept in memory, and the file is written by close().
 class ZipArchive {
 public:
-    enum OpenMode : std::uint8_t { NotOpen, ReadOnly, Write, New };
-    enum State : std::uint8_t { Original, Current };
+    enum OpenMode { NotOpen, ReadOnly, Write, New };
 
     /// The path is UTF-8.
-    explicit ZipArchive(std::string zipPath, std::string password = "", Encryption encryptionMethod = Encryption::None);
+    explicit ZipArchive(const std::string& zipPath);
     ZipArchive(const ZipArchive&) = delete;
     ZipArchive& operator=(const ZipArchive&) = delete;
     /// Closes the archive, so writes what is pending; a failure is lost.
@@ -90,48 +52,75 @@ public:
 
     /// Write keeps existing entries and creates a missing archive, New drops existing entries.
     bool open(OpenMode mode = ReadOnly, bool checkConsistency = false);
-    /// LIBZIPPP_OK, or libzip's error: then the archive is still open, with its changes.
+    /// LIBZIPPP_OK, or an error: then the archive is still open, with its changes.
     int close();
     /// Closes the archive and drops the changes.
     void discard();
 
-    [[nodiscard]] bool isOpen() const { return handle_ != nullptr; }
-    [[nodiscard]] bool isMutable() const { return isOpen() && (mode_ == Write || mode_ == New); }
+    bool isOpen() const { return zipHandle_ != nullptr; }
+    zip* getZipHandle() const { return zipHandle_; }
+    void setErrorHandlerCallback(ErrorHandlerCallback* callback) { callback_ = callback; }
 
-    [[nodiscard]] libzippp_int64 getNbEntries(State state = Current) const;
-    [[nodiscard]] std::vector<ZipEntry> getEntries(State state = Current) const;
-    [[nodiscard]] bool hasEntry(const std::string& name, bool excludeDirectories = false, bool caseSensitive = true,
-                                State state = Current) const;
-    [[nodiscard]] ZipEntry getEntry(const std::string& name, bool excludeDirectories = false, bool caseSensitive = true,
-                                    State state = Current) const;
+    std::vector<ZipEntry> getEntries() const;
+    bool hasEntry(const std::string& name) const;
+    /// A null entry when there is none of that name, or libzip cannot describe it.
+    ZipEntry getEntry(const std::string& name) const;
 
     /// Adds a file when the archive is closed; it is read then. Creates missing entries for the parent directories
-    /// and replaces an entry of the same name. False for a directory's name or a file that is not there.
+    /// and replaces an entry of the same name. The entry's time is that of the call. False for a directory's name or a
+    /// file that is not there.
     bool addFile(const std::string& entryName, const std::string& file) const;
     /// As addFile, from memory that must live until the archive is closed; with freeData it is released by then.
     bool addData(const std::string& entryName, const void* data, libzippp_uint64 length, bool freeData = false) const;
-    /// Adds a directory (a name ending in "/") and its missing parents.
-    bool addEntry(const std::string& entryName) const;
     /// The number of deleted entries, or a LIBZIPPP_ERROR; deleting a directory deletes what is below it.
-    int deleteEntry(const ZipEntry& entry) const;
     int deleteEntry(const std::string& entryName) const;
-
-    /// The data of an entry in memory of its own (`new[]`), or null.
-    [[nodiscard]] void* readEntry(const ZipEntry& entry, bool asText = false, State state = Current) const;
 
 private:
     friend class ZipEntry;
 
-    bool OpenFrom(zip_source* source, OpenMode mode, bool checkConsistency);
-    bool AddSource(const std::string& entryName, zip_source* source) const;
-    [[nodiscard]] ZipEntry Describe(libzippp_uint64 index, State state) const;
+    bool isMutable() const { return isOpen() && (mode_ == Write || mode_ == New); }
+    bool openSource(zip_source* source, OpenMode mode, bool checkConsistency);
+    bool addSource(const std::string& entryName, zip_source* source) const;
+    bool addDirectories(const std::string& entryName) const;
+    ZipEntry describe(libzippp_uint64 index) const;
 
     std::string path_;
-    std::string password_;
-    zip* handle_ = nullptr;
+    zip* zipHandle_ = nullptr;
     OpenMode mode_ = NotOpen;
+    ErrorHandlerCallback* callback_;
 };
 
-// NOLINTEND(modernize-use-nodiscard)
+/// What an open archive says about one entry, copied at the time of asking. Reading and the settings act on that
+/// archive, which must still be open; a null entry has neither.
+class ZipEntry {
+public:
+    ZipEntry() = default;
+
+    bool isNull() const { return zipFile_ == nullptr; }
+    std::string getName() const { return name_; }
+    libzippp_uint64 getIndex() const { return index_; }
+    /// The size of the uncompressed data.
+    libzippp_uint64 getSize() const { return size_; }
+    int getCRC() const { return crc_; }
+    bool isFile() const { return !name_.ends_with('/'); }
+
+    bool setCompressionMethod(CompressionMethod method);
+    /// 1 (fast) to 9; acts on the entry's method, which has to be set first.
+    bool setCompressionLevel(libzippp_uint32 level);
+
+    std::string readAsText() const;
+
+private:
+    friend class ZipArchive;
+
+    const ZipArchive* zipFile_ = nullptr;
+    std::string name_;
+    libzippp_uint64 index_ = 0;
+    libzippp_uint64 size_ = 0;
+    int crc_ = 0;
+    CompressionMethod method_ = DEFAULT;
+};
 
 }  // namespace libzippp
+
+// NOLINTEND(modernize-*, readability-duplicate-include)

@@ -17,6 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::AllOf;
+using testing::AnyOf;
 using testing::HasSubstr;
 using testing::Pair;
 using TestSupport::Contents;
@@ -43,7 +44,7 @@ class ZipArchiveWrapperTest : public testing::Test {
 protected:
     ZipArchiveWrapperTest() {
         zip_.Open();
-        EXPECT_FALSE(fs::exists(path_));
+        EXPECT_EQ(OnDisk(path_), Contents());
         EXPECT_TRUE(zip_.AddFile("kept", Source(L"kept", "kept")));
     }
 
@@ -112,11 +113,61 @@ TEST_F(ZipArchiveWrapperTest, AFileThatChangesItsSizeMeanwhileIsReported) {
         });
         return ErrorOf(zip_.AddFile(name, source));
     };
-    EXPECT_THAT(addWhile("shrinking", 1000), AllOf(HasSubstr("in part: "), HasSubstr("it shrank from 25165824 to ")));
+    // Some releases of the library give the part that could be read, others nothing: then the rest is read.
+    EXPECT_THAT(addWhile("shrinking", 1000),
+                AnyOf("added", AllOf(HasSubstr("in part: "), HasSubstr("it shrank from 25165824 to "))));
     EXPECT_THAT(OnDisk(path_), testing::ElementsAre(Pair("kept", "kept"), Pair("shrinking", HasSubstr(" bytes "))));
     EXPECT_THAT(addWhile("growing", data.size() + 1),
                 AllOf(HasSubstr("in part: "), HasSubstr("grew to 25165825 bytes")));
     EXPECT_THAT(OnDisk(path_), testing::Contains(Pair("growing", TestSupport::Brief(data))));
+}
+
+TEST_F(ZipArchiveWrapperTest, FilesOfOneNameAreNumbered) {
+    for (const wchar_t* name : {L"a\\x.tar.log", L"b\\x.tar.log", L"c\\x.tar.log", L"a\\.log", L"b\\.log"}) {
+        fs::create_directories((folder_ / name).parent_path());
+        EXPECT_TRUE(zip_.AddFileToFolder(L"L", Source(name, "x")));
+    }
+    std::string names;
+    for (const libzippp::ZipEntry& entry : zip_.Entries()) {
+        names += entry.getName() + '\n';
+    }
+    EXPECT_EQ(names, "kept\nL/\nL/x.tar.log\nL/x.tar (2).log\nL/x.tar (3).log\nL/.log\nL/.log (2)\n");
+}
+
+TEST_F(ZipArchiveWrapperTest, AnArchiveThatCannotBeWrittenStaysAsItIs) {
+    // Beside a name of this length there is none for the file that replaces the archive.
+    ZipArchiveWrapper zip(folder_ / std::wstring(250, L'n'));
+    zip.Open();
+    EXPECT_TRUE(zip.AddFile("kept", folder_ / L"kept"));
+    testing::internal::CaptureStderr();
+    EXPECT_THAT(ErrorOf(zip.AddFile("kept", Source(L"other", "other"))), HasSubstr("could not be written: "));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_TRUE(zip.AddFile("next", folder_ / L"other"));
+    EXPECT_EQ(OnDisk(zip.Path()), (Contents{{"kept", "kept"}, {"next", "other"}}));
+}
+
+TEST_F(ZipArchiveWrapperTest, EntryTimesAreLocalTimeByWindows) {
+    // In that hour the clocks of the zone that the C library would take go from 2 to 3.
+    ASSERT_EQ(_wputenv_s(L"TZ", L"EST5EDT"), 0);
+    _tzset();
+    zip_.Close();
+    zip_.Open();
+    const SYSTEMTIME local{2024, 3, 0, 10, 2, 30, 8, 0};
+    SYSTEMTIME utc{};
+    FILETIME time{};
+    ASSERT_TRUE(TzSpecificLocalTimeToSystemTime(nullptr, &local, &utc) && SystemTimeToFileTime(&utc, &time));
+    ASSERT_TRUE(SetFileTime(Hold(Source(L"new", "new"), FILE_WRITE_ATTRIBUTES, 0).Get(), nullptr, nullptr, &time));
+    EXPECT_TRUE(zip_.AddFile("new", folder_ / L"new") && zip_.AddFile("next", folder_ / L"kept"));
+    const std::string bytes = TestSupport::ReadFile(path_);
+    for (const auto& [signature, offset] : {std::pair{"PK\3\4", 30U}, {"PK\1\2", 46U}}) {
+        std::size_t record = bytes.find(signature, bytes.find(signature) + 1);
+        EXPECT_EQ(bytes.substr(record + offset, 3), "new");
+        EXPECT_EQ(bytes.substr(record + offset - (offset == 30U ? 20U : 34U), 4), "\xC4\x13\x6A\x58");
+    }
+    std::size_t length = 0;
+    _wgetenv_s(&length, nullptr, 0, L"TZ");
+    EXPECT_EQ(length, 0U);
+    EXPECT_NE(GetEnvironmentVariableW(L"TZ", nullptr, 0), 0U);  // child processes keep it
 }
 
 TEST_F(ZipArchiveWrapperTest, TheLimitIsForTheFileOnDisk) {
@@ -139,7 +190,7 @@ TEST_F(ZipArchiveWrapperTest, TheLimitIsForTheFileOnDisk) {
     ZipArchiveWrapper tiny(folder_ / L"tiny.zip", 10);
     tiny.Open();
     EXPECT_FALSE(tiny.AddFile("only", source));
-    EXPECT_FALSE(fs::exists(tiny.Path()));
+    EXPECT_EQ(OnDisk(tiny.Path()), Contents());
 }
 
 TEST_F(ZipArchiveWrapperTest, OnlyAnArchiveOfItsOwnIsOpened) {
@@ -148,7 +199,7 @@ TEST_F(ZipArchiveWrapperTest, OnlyAnArchiveOfItsOwnIsOpened) {
     const fs::path linked = Source(L"linked.zip", TestSupport::ReadFile(path_));
     ASSERT_TRUE(CreateHardLinkW((folder_ / L"link.zip").c_str(), linked.c_str(), nullptr));
     for (const auto& [path, reason] : {std::pair{fs::path(), "Path to archive was empty"},
-                                       {text, "text.zip: Not a zip archive"},
+                                       {text, "text.zip: it is not a zip archive"},
                                        {folder_ / L"none" / L"out.zip", "(3)"},
                                        {linked, "hard links"}}) {
         EXPECT_THAT([&] { ZipArchiveWrapper(path).Open(); },
@@ -168,13 +219,10 @@ TEST_F(ZipArchiveWrapperTest, OnlyAnArchiveOfItsOwnIsOpened) {
         ZipArchiveWrapper passing({}, 0, true);
         passing.SetPath(folder_ / L"passing.zip");
         passing.Open();
-        // What others put there before the first add is not taken over.
-        ASSERT_TRUE(CreateHardLinkW(passing.Path().c_str(), text.c_str(), nullptr));
         EXPECT_TRUE(passing.AddFile("kept", folder_ / L"kept"));
         EXPECT_EQ(OnDisk(passing.Path()), (Contents{{"kept", "kept"}}));
     }
     EXPECT_FALSE(fs::exists(folder_ / L"passing.zip"));
-    EXPECT_EQ(TestSupport::ReadFile(text).size(), 33U);
 }
 
 }  // namespace

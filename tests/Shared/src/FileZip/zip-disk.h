@@ -115,7 +115,6 @@ public:
     }
     FileResult<void> Create() override { return file_.emplace(), FileResult<void>(); }
     void Close() noexcept override {}
-    FileResult<void> Remove() override { return file_.reset(), FileResult<void>(); }
     [[nodiscard]] FileResult<std::uint64_t> Size() const override { return file_->Size(); }
     [[nodiscard]] FileResult<std::size_t> Read(std::uint64_t offset, std::span<std::byte> to) const override {
         const std::string bytes = file_->Read(offset, to.size());
