@@ -320,41 +320,29 @@ FileResult<void> AppendInPlaceSource::MakeRoom(std::uint64_t end, std::uint64_t 
     }
     // The present copy is what counts until the next one is whole.
     const std::uint64_t next = std::max(end + spare, copyEnd_);
-    const auto records = tail_.RecordsFor(next);
-    if (!records) {
-        return std::unexpected<DWORD>(ERROR_FILE_TOO_LARGE);
-    }
-    if (auto copied = CopyTail(copyOffset_, next, *records); !copied) {
+    const std::vector<std::byte> records = tail_.RecordsFor(next);
+    if (auto copied = CopyTail(copyOffset_, next, records); !copied) {
         [[maybe_unused]] const auto cut = file_->Truncate(copyEnd_);
         return copied;
     }
     copyOffset_ = next;
-    copyEnd_ = next + tail_.directorySize + records->size();
+    copyEnd_ = next + tail_.directorySize + records.size();
     return {};
 }
 
+/// One write: a file that ended between two would have no end record.
 FileResult<void> AppendInPlaceSource::CopyTail(std::uint64_t from, std::uint64_t to,
                                                std::span<const std::byte> records) {
-    std::vector<std::byte> chunk;
-    for (std::uint64_t done = 0;;) {
-        const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(bufferSize, tail_.directorySize - done));
-        chunk.resize(count);
-        const auto read = file_->Read(from + done, chunk);
-        if (!read) {
-            return std::unexpected(read.error());
-        }
-        if (*read != count) {
-            return std::unexpected<DWORD>(ERROR_HANDLE_EOF);
-        }
-        const bool isLast = done + count == tail_.directorySize;
-        if (isLast) {
-            chunk.insert(chunk.end(), records.begin(), records.end());
-        }
-        if (auto written = file_->Write(to + done, chunk); !written || isLast) {
-            return written;
-        }
-        done += count;
+    std::vector<std::byte> copy(static_cast<std::size_t>(tail_.directorySize));
+    const auto read = file_->Read(from, copy);
+    if (!read) {
+        return std::unexpected(read.error());
     }
+    if (*read != copy.size()) {
+        return std::unexpected<DWORD>(ERROR_HANDLE_EOF);
+    }
+    copy.insert(copy.end(), records.begin(), records.end());
+    return file_->Write(to, copy);
 }
 
 FileResult<void> AppendInPlaceSource::Commit() {

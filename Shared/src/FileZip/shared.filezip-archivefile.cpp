@@ -48,8 +48,6 @@ OVERLAPPED At(std::uint64_t offset) {
     return position;
 }
 
-constexpr std::size_t largestTransfer = std::size_t{16} << 20U;
-
 }  // namespace
 
 Win32ArchiveFile::Win32ArchiveFile(const std::filesystem::path& path) : path_(FileSystem::LongForm(path)) {}
@@ -100,7 +98,8 @@ FileResult<std::size_t> Win32ArchiveFile::Read(std::uint64_t offset, std::span<s
     std::size_t total = 0;
     while (total < to.size()) {
         OVERLAPPED position = At(offset + total);
-        const auto wanted = static_cast<DWORD>(std::min(to.size() - total, largestTransfer));
+        const auto wanted =
+            static_cast<DWORD>(std::min<std::size_t>(to.size() - total, std::numeric_limits<DWORD>::max()));
         DWORD read = 0;
         if (ReadFile(handle_.Get(), to.data() + total, wanted, &read, &position) == FALSE &&
             GetLastError() != ERROR_HANDLE_EOF) {
@@ -117,7 +116,7 @@ FileResult<std::size_t> Win32ArchiveFile::Read(std::uint64_t offset, std::span<s
 FileResult<void> Win32ArchiveFile::Write(std::uint64_t offset, std::span<const std::byte> from) {
     while (!from.empty()) {
         OVERLAPPED position = At(offset);
-        const auto wanted = static_cast<DWORD>(std::min(from.size(), largestTransfer));
+        const auto wanted = static_cast<DWORD>(std::min<std::size_t>(from.size(), std::numeric_limits<DWORD>::max()));
         DWORD written = 0;
         if (WriteFile(handle_.Get(), from.data(), wanted, &written, &position) == FALSE) {
             return std::unexpected(GetLastError());

@@ -1,41 +1,88 @@
 #include "shared.filezip-archivetail.h"
 
 #include <algorithm>
-#include <array>
 #include <limits>
 #include <span>
+#include <utility>
 
 namespace Shared::FileZip {
 
 namespace {
 
-constexpr std::uint32_t endSignature = 0x06054b50;
-constexpr std::uint32_t zip64EndSignature = 0x06064b50;
-constexpr std::uint32_t zip64LocatorSignature = 0x07064b50;
-constexpr std::uint32_t directorySignature = 0x02014b50;
-constexpr std::size_t endSize = 22;
-constexpr std::size_t zip64EndSize = 56;
-constexpr std::size_t zip64LocatorSize = 20;
-constexpr std::size_t zip64Size = zip64EndSize + zip64LocatorSize;
-constexpr std::size_t directoryEntrySize = 46;
+using Bytes = std::span<const std::byte>;
+
+/// A number in a record: where it begins, and how many bytes it has, the lowest first.
+struct Field {
+    std::size_t offset;
+    std::size_t width;
+};
+
+namespace EndRecord {
+constexpr std::size_t size = 22;
+constexpr std::uint32_t mark = 0x06054b50;
+constexpr Field signature{0, 4};
+constexpr Field disks{4, 4};
+constexpr Field entriesOnDisk{8, 2};
+constexpr Field entries{10, 2};
+constexpr Field directorySize{12, 4};
+constexpr Field directoryOffset{16, 4};
+constexpr Field commentLength{20, 2};
+}  // namespace EndRecord
+
+namespace Zip64End {
+constexpr std::size_t size = 56;
+constexpr std::uint32_t mark = 0x06064b50;
+/// Of a record without extensions: what follows the field that says it.
+constexpr std::uint64_t plainLength = size - 12;
+constexpr std::uint64_t version = 45;
+constexpr Field signature{0, 4};
+constexpr Field length{4, 8};
+constexpr Field madeBy{12, 2};
+constexpr Field neededToRead{14, 2};
+constexpr Field disks{16, 8};
+constexpr Field entriesOnDisk{24, 8};
+constexpr Field entries{32, 8};
+constexpr Field directorySize{40, 8};
+constexpr Field directoryOffset{48, 8};
+}  // namespace Zip64End
+
+namespace Zip64Locator {
+constexpr std::size_t size = 20;
+constexpr std::uint32_t mark = 0x07064b50;
+constexpr Field signature{0, 4};
+constexpr Field endOffset{8, 8};
+constexpr Field disks{16, 4};
+}  // namespace Zip64Locator
+
+namespace DirectoryEntry {
+constexpr std::size_t size = 46;
+constexpr std::uint32_t mark = 0x02014b50;
+constexpr Field signature{0, 4};
+constexpr Field nameLength{28, 2};
+constexpr Field extraLength{30, 2};
+constexpr Field commentLength{32, 2};
+}  // namespace DirectoryEntry
+
+/// Both ZIP64 records, which lie right before the end record.
+constexpr std::size_t zip64Size = Zip64End::size + Zip64Locator::size;
 constexpr std::uint64_t max16 = std::numeric_limits<std::uint16_t>::max();
 constexpr std::uint64_t max32 = std::numeric_limits<std::uint32_t>::max();
 
-std::uint64_t Get(std::span<const std::byte> bytes, std::size_t offset, std::size_t width) {
+std::uint64_t Get(Bytes record, const Field& field) {
     std::uint64_t value = 0;
-    for (std::size_t index = width; index-- > 0;) {
-        value = (value << 8U) | std::to_integer<std::uint64_t>(bytes[offset + index]);
+    for (std::size_t index = field.width; index-- > 0;) {
+        value = (value << 8U) | std::to_integer<std::uint64_t>(record[field.offset + index]);
     }
     return value;
 }
 
-void Put(std::span<std::byte> bytes, std::size_t offset, std::size_t width, std::uint64_t value) {
-    for (std::size_t index = 0; index < width; ++index) {
-        bytes[offset + index] = static_cast<std::byte>(value >> (8U * index));
+void Put(std::span<std::byte> record, const Field& field, std::uint64_t value) {
+    for (std::size_t index = 0; index < field.width; ++index) {
+        record[field.offset + index] = static_cast<std::byte>(value >> (8U * index));
     }
 }
 
-/// Exactly `size` bytes, or nothing at the end of the file.
+/// Exactly `size` bytes, or none at the end of the file.
 FileResult<std::vector<std::byte>> ReadBytes(const ArchiveFile& file, std::uint64_t offset, std::size_t size) {
     std::vector<std::byte> bytes(size);
     const auto read = file.Read(offset, bytes);
@@ -48,123 +95,201 @@ FileResult<std::vector<std::byte>> ReadBytes(const ArchiveFile& file, std::uint6
     return bytes;
 }
 
-/// The tail whose end record is at `position`, when it is true and ends within `limit`.
-FileResult<std::optional<ArchiveTail>> TailWithRecordAt(const ArchiveFile& file, std::uint64_t position,
-                                                        std::uint64_t limit) {
-    const std::size_t before = position >= zip64Size ? zip64Size : 0;
-    const auto bytes = ReadBytes(file, position - before, before + endSize);
-    if (!bytes) {
-        return std::unexpected(bytes.error());
-    }
-    if (bytes->empty()) {
-        return std::optional<ArchiveTail>();
-    }
-    const auto end = std::span(*bytes).subspan(before);
-    const std::uint64_t wholeEnd = position + endSize + Get(end, 20, 2);
-    if (Get(end, 0, 4) != endSignature || wholeEnd > limit || Get(end, 8, 2) != Get(end, 10, 2)) {
-        return std::optional<ArchiveTail>();
+/// What the end record itself says; nothing when it is none, or is that of a part of an archive.
+std::optional<ArchiveTail> ParseEnd(Bytes end) {
+    if (Get(end, EndRecord::signature) != EndRecord::mark || Get(end, EndRecord::disks) != 0 ||
+        Get(end, EndRecord::entriesOnDisk) != Get(end, EndRecord::entries)) {
+        return std::nullopt;
     }
     ArchiveTail tail;
-    tail.entryCount = Get(end, 10, 2);
-    tail.directorySize = Get(end, 12, 4);
-    tail.directoryOffset = Get(end, 16, 4);
-    bool consistent = Get(end, 4, 4) == 0;
-    std::uint64_t recordsAt = position;
-    if (before != 0 && Get(*bytes, zip64EndSize, 4) == zip64LocatorSignature) {
-        const auto widened = [](std::uint64_t narrow, std::uint64_t limitOfNarrow, std::uint64_t wide) {
-            return narrow == wide || narrow == limitOfNarrow;
-        };
-        recordsAt = position - zip64Size;
-        const std::uint64_t count = Get(*bytes, 32, 8);
-        const std::uint64_t size = Get(*bytes, 40, 8);
-        const std::uint64_t offset = Get(*bytes, 48, 8);
-        consistent = Get(*bytes, 0, 4) == zip64EndSignature && Get(*bytes, 4, 8) == zip64EndSize - 12 &&
-                     Get(*bytes, 16, 8) == 0 && Get(*bytes, 24, 8) == count &&
-                     Get(*bytes, zip64EndSize + 8, 8) == recordsAt && widened(tail.entryCount, max16, count) &&
-                     widened(tail.directorySize, max32, size) && widened(tail.directoryOffset, max32, offset);
-        tail.entryCount = count;
-        tail.directorySize = size;
-        tail.directoryOffset = offset;
-    }
-    consistent = consistent && tail.directorySize <= recordsAt &&
-                 tail.directoryOffset == recordsAt - tail.directorySize &&
-                 tail.entryCount <= tail.directorySize / directoryEntrySize;
-    if (consistent && tail.directorySize != 0) {
-        const auto first = ReadBytes(file, tail.directoryOffset, 4);
-        if (!first) {
-            return std::unexpected(first.error());
-        }
-        consistent = first->size() == 4 && Get(*first, 0, 4) == directorySignature;
-    }
-    if (!consistent) {
-        return std::optional<ArchiveTail>();
-    }
-    auto records = ReadBytes(file, recordsAt, static_cast<std::size_t>(wholeEnd - recordsAt));
-    if (!records) {
-        return std::unexpected(records.error());
-    }
-    tail.records = std::move(*records);
+    tail.entryCount = Get(end, EndRecord::entries);
+    tail.directorySize = Get(end, EndRecord::directorySize);
+    tail.directoryOffset = Get(end, EndRecord::directoryOffset);
     return tail;
 }
 
-/// Whether the directory's entries follow one another up to its end, in the number that was recorded.
-FileResult<bool> IsReadable(const ArchiveFile& file, const ArchiveTail& tail) {
-    std::uint64_t position = tail.directoryOffset;
-    const std::uint64_t end = position + tail.directorySize;
-    std::uint64_t count = 0;
-    for (; position < end; ++count) {
-        const auto entry = ReadBytes(file, position, directoryEntrySize);
-        if (!entry) {
-            return std::unexpected(entry.error());
-        }
-        if (entry->empty() || Get(*entry, 0, 4) != directorySignature) {
-            return false;
-        }
-        position += directoryEntrySize + Get(*entry, 28, 2) + Get(*entry, 30, 2) + Get(*entry, 32, 2);
+/// Takes a number from the ZIP64 record; false when the end record states another one.
+bool Widen(std::uint64_t& number, std::uint64_t limit, std::uint64_t wide) {
+    const std::uint64_t narrow = std::exchange(number, wide);
+    return narrow == wide || narrow == limit;
+}
+
+/// Takes over the numbers of the ZIP64 records; false when they do not agree with their place or with the end record.
+bool ApplyZip64(Bytes records, std::uint64_t recordsOffset, ArchiveTail& tail) {
+    return Get(records, Zip64End::signature) == Zip64End::mark &&
+           Get(records, Zip64End::length) == Zip64End::plainLength && Get(records, Zip64End::disks) == 0 &&
+           Get(records, Zip64End::entriesOnDisk) == Get(records, Zip64End::entries) &&
+           Get(records.subspan(Zip64End::size), Zip64Locator::endOffset) == recordsOffset &&
+           Widen(tail.entryCount, max16, Get(records, Zip64End::entries)) &&
+           Widen(tail.directorySize, max32, Get(records, Zip64End::directorySize)) &&
+           Widen(tail.directoryOffset, max32, Get(records, Zip64End::directoryOffset));
+}
+
+/// The length of the directory entry at that place; 0 when there is none.
+FileResult<std::uint64_t> EntryLengthAt(const ArchiveFile& file, std::uint64_t offset) {
+    const auto entry = ReadBytes(file, offset, DirectoryEntry::size);
+    if (!entry) {
+        return std::unexpected(entry.error());
     }
-    return position == end && (count == tail.entryCount || (count & max16) == tail.entryCount);
+    if (entry->empty() || Get(*entry, DirectoryEntry::signature) != DirectoryEntry::mark) {
+        return 0;
+    }
+    return DirectoryEntry::size + Get(*entry, DirectoryEntry::nameLength) + Get(*entry, DirectoryEntry::extraLength) +
+           Get(*entry, DirectoryEntry::commentLength);
+}
+
+/// The number of entries, when they follow one another up to the directory's end.
+FileResult<std::optional<std::uint64_t>> CountEntries(const ArchiveFile& file, const ArchiveTail& tail) {
+    std::uint64_t offset = tail.directoryOffset;
+    const std::uint64_t end = offset + tail.directorySize;
+    std::uint64_t count = 0;
+    for (; offset < end; ++count) {
+        const auto length = EntryLengthAt(file, offset);
+        if (!length) {
+            return std::unexpected(length.error());
+        }
+        if (*length == 0) {
+            return std::nullopt;
+        }
+        offset += *length;
+    }
+    return offset == end ? std::optional(count) : std::nullopt;
+}
+
+/// Whether the tail is one: its directory ends at its records and begins with an entry. Corrects the count where the
+/// end record cannot state it.
+FileResult<bool> CheckDirectory(const ArchiveFile& file, ArchiveTail& tail, std::uint64_t recordsOffset, bool isZip64) {
+    if (tail.directorySize > recordsOffset || tail.directoryOffset != recordsOffset - tail.directorySize ||
+        tail.entryCount > tail.directorySize / DirectoryEntry::size) {
+        return false;
+    }
+    if (tail.entryCount == max16 && !isZip64) {
+        const auto count = CountEntries(file, tail);
+        if (!count) {
+            return std::unexpected(count.error());
+        }
+        tail.entryCount = count->value_or(max16);
+        return count->has_value();
+    }
+    if (tail.directorySize == 0) {
+        return true;
+    }
+    const auto first = EntryLengthAt(file, tail.directoryOffset);
+    if (!first) {
+        return std::unexpected(first.error());
+    }
+    return *first != 0;
+}
+
+/// The tail whose end record is at `position`, when it agrees with its place and ends within `limit`.
+FileResult<std::optional<ArchiveTail>> TailWithRecordAt(const ArchiveFile& file, std::uint64_t position,
+                                                        std::uint64_t limit) {
+    const std::size_t before = position >= zip64Size ? zip64Size : 0;
+    const auto bytes = ReadBytes(file, position - before, before + EndRecord::size);
+    if (!bytes) {
+        return std::unexpected(bytes.error());
+    }
+    std::optional<ArchiveTail> tail = bytes->empty() ? std::nullopt : ParseEnd(Bytes(*bytes).subspan(before));
+    if (!tail) {
+        return std::nullopt;
+    }
+    const bool isZip64 =
+        before != 0 && Get(Bytes(*bytes).subspan(Zip64End::size), Zip64Locator::signature) == Zip64Locator::mark;
+    const std::uint64_t recordsOffset = isZip64 ? position - zip64Size : position;
+    const std::uint64_t end = position + EndRecord::size + Get(Bytes(*bytes).subspan(before), EndRecord::commentLength);
+    if (end > limit || (isZip64 && !ApplyZip64(*bytes, recordsOffset, *tail))) {
+        return std::nullopt;
+    }
+    const auto isTail = CheckDirectory(file, *tail, recordsOffset, isZip64);
+    if (!isTail) {
+        return std::unexpected(isTail.error());
+    }
+    auto records = ReadBytes(file, recordsOffset, static_cast<std::size_t>(end - recordsOffset));
+    if (!records) {
+        return std::unexpected(records.error());
+    }
+    tail->records = std::move(*records);
+    return *isTail ? std::move(tail) : std::nullopt;
+}
+
+/// As TailWithRecordAt, when the directory also has the recorded number of entries.
+FileResult<std::optional<ArchiveTail>> ReadableTailAt(const ArchiveFile& file, std::uint64_t position,
+                                                      std::uint64_t limit) {
+    auto tail = TailWithRecordAt(file, position, limit);
+    if (!tail || !*tail) {
+        return tail;
+    }
+    const auto count = CountEntries(file, **tail);
+    if (!count) {
+        return std::unexpected(count.error());
+    }
+    const std::uint64_t recorded = (*tail)->entryCount;
+    const bool isReadable = *count && (**count == recorded || (**count & max16) == recorded);
+    return isReadable ? std::move(*tail) : std::nullopt;
+}
+
+/// Where end records may begin, the last place first.
+std::vector<std::size_t> EndSignaturesIn(Bytes bytes) {
+    std::vector<std::size_t> found;
+    const std::size_t width = EndRecord::signature.width;
+    for (std::size_t index = bytes.size() < width ? 0 : bytes.size() - width + 1; index-- > 0;) {
+        if (bytes[index] == std::byte{'P'} && Get(bytes.subspan(index), EndRecord::signature) == EndRecord::mark) {
+            found.push_back(index);
+        }
+    }
+    return found;
+}
+
+std::vector<std::byte> NewZip64Records(const ArchiveTail& tail) {
+    std::vector<std::byte> records(zip64Size);
+    const std::span<std::byte> end(records);
+    Put(end, Zip64End::signature, Zip64End::mark);
+    Put(end, Zip64End::length, Zip64End::plainLength);
+    Put(end, Zip64End::madeBy, Zip64End::version);
+    Put(end, Zip64End::neededToRead, Zip64End::version);
+    Put(end, Zip64End::entriesOnDisk, tail.entryCount);
+    Put(end, Zip64End::entries, tail.entryCount);
+    Put(end, Zip64End::directorySize, tail.directorySize);
+    const std::span<std::byte> locator = end.subspan(Zip64End::size);
+    Put(locator, Zip64Locator::signature, Zip64Locator::mark);
+    Put(locator, Zip64Locator::disks, 1);
+    return records;
 }
 
 }  // namespace
 
-std::optional<std::vector<std::byte>> ArchiveTail::RecordsFor(std::uint64_t newDirectoryOffset) const {
-    const bool isZip64 = Get(records, 0, 4) == zip64EndSignature;
+std::vector<std::byte> ArchiveTail::RecordsFor(std::uint64_t newDirectoryOffset) const {
+    const bool isZip64 = Get(records, Zip64End::signature) == Zip64End::mark;
     // A reader expects a directory without entries at the start of the file, unless ZIP64 records say where it is.
     const bool needsZip64 = newDirectoryOffset >= max32 || (directorySize == 0 && newDirectoryOffset != 0);
-    std::vector<std::byte> moved;
-    if (!isZip64 && needsZip64) {
-        if (directorySize / directoryEntrySize > max16) {
-            return std::nullopt;
-        }
-        constexpr std::uint64_t version = 45;
-        moved.resize(zip64Size);
-        Put(moved, 0, 4, zip64EndSignature);
-        Put(moved, 4, 8, zip64EndSize - 12);
-        Put(moved, 12, 2, version);
-        Put(moved, 14, 2, version);
-        Put(moved, 24, 8, entryCount);
-        Put(moved, 32, 8, entryCount);
-        Put(moved, 40, 8, directorySize);
-        Put(moved, zip64EndSize, 4, zip64LocatorSignature);
-        Put(moved, zip64EndSize + 16, 4, 1);
-    }
+    std::vector<std::byte> moved = needsZip64 && !isZip64 ? NewZip64Records(*this) : std::vector<std::byte>();
     moved.insert(moved.end(), records.begin(), records.end());
-    std::size_t end = 0;
+    std::span<std::byte> end(moved);
     if (isZip64 || needsZip64) {
-        Put(moved, 48, 8, newDirectoryOffset);
-        Put(moved, zip64EndSize + 8, 8, newDirectoryOffset + directorySize);
-        end = zip64Size;
+        Put(end, Zip64End::directoryOffset, newDirectoryOffset);
+        Put(end.subspan(Zip64End::size), Zip64Locator::endOffset, newDirectoryOffset + directorySize);
+        end = end.subspan(zip64Size);
     }
-    const bool isWidened = isZip64 && Get(moved, end + 16, 4) == max32;
-    Put(moved, end + 16, 4, needsZip64 || isWidened ? max32 : newDirectoryOffset);
+    const bool isWidened = isZip64 && Get(end, EndRecord::directoryOffset) == max32;
+    Put(end, EndRecord::directoryOffset, needsZip64 || isWidened ? max32 : newDirectoryOffset);
     return moved;
 }
 
 ArchiveTail EmptyTail() {
     ArchiveTail tail;
-    tail.records.resize(endSize);
-    Put(tail.records, 0, 4, endSignature);
+    tail.records.resize(EndRecord::size);
+    Put(tail.records, EndRecord::signature, EndRecord::mark);
     return tail;
+}
+
+FileResult<bool> IsBeginningOfEmpty(const ArchiveFile& file) {
+    std::vector<std::byte> bytes(EndRecord::size);
+    const auto read = file.Read(0, bytes);
+    if (!read) {
+        return std::unexpected(read.error());
+    }
+    const ArchiveTail empty = EmptyTail();
+    return *read < bytes.size() && std::ranges::equal(Bytes(bytes).first(*read), Bytes(empty.records).first(*read));
 }
 
 FileResult<TailSearch> ReadTail(const ArchiveFile& file) {
@@ -175,37 +300,28 @@ FileResult<TailSearch> ReadTail(const ArchiveFile& file) {
     TailSearch found;
     // The end record is followed by a comment of any length that fits 16 bits, usually of none.
     for (const std::uint64_t longestComment : {std::uint64_t{0}, max16}) {
-        const std::uint64_t window = std::min<std::uint64_t>(*size, endSize + longestComment);
+        const std::uint64_t window = std::min<std::uint64_t>(*size, EndRecord::size + longestComment);
         const auto bytes = ReadBytes(file, *size - window, static_cast<std::size_t>(window));
         if (!bytes) {
             return std::unexpected(bytes.error());
         }
-        for (std::size_t distance = endSize; distance <= bytes->size(); ++distance) {
-            const auto record = std::span(*bytes).last(distance);
-            if (Get(record, 0, 4) != endSignature || Get(record, 20, 2) != distance - endSize) {
+        for (const std::size_t index : EndSignaturesIn(*bytes)) {
+            const Bytes record = Bytes(*bytes).subspan(index);
+            if (record.size() < EndRecord::size ||
+                Get(record, EndRecord::commentLength) != record.size() - EndRecord::size) {
                 continue;
             }
-            auto tail = TailWithRecordAt(file, *size - distance, *size);
+            auto tail = TailWithRecordAt(file, *size - record.size(), *size);
             if (!tail) {
                 return std::unexpected(tail.error());
             }
-            if (std::optional<ArchiveTail>& whole = *tail; whole) {
-                return TailSearch{FileEnd::Tail, std::move(*whole)};
+            if (*tail) {
+                return TailSearch{FileEnd::Tail, std::move(**tail)};
             }
-            found.end = FileEnd::Foreign;
+            found.end = FileEnd::Unsupported;
         }
     }
     return found;
-}
-
-FileResult<bool> IsBeginningOfEmpty(const ArchiveFile& file) {
-    std::vector<std::byte> bytes(endSize);
-    const auto read = file.Read(0, bytes);
-    if (!read) {
-        return std::unexpected(read.error());
-    }
-    const ArchiveTail empty = EmptyTail();
-    return *read < endSize && std::ranges::equal(std::span(bytes).first(*read), std::span(empty.records).first(*read));
 }
 
 FileResult<std::optional<ArchiveTail>> FindLastTail(const ArchiveFile& file) {
@@ -217,33 +333,19 @@ FileResult<std::optional<ArchiveTail>> FindLastTail(const ArchiveFile& file) {
     for (std::uint64_t end = *size; end > 0;) {
         const std::uint64_t start = end > window ? end - window : 0;
         // Windows overlap by what a signature lacks to be whole.
-        const auto bytes = ReadBytes(file, start, static_cast<std::size_t>(std::min(end + 3, *size) - start));
+        const std::uint64_t overlap = std::min<std::uint64_t>(*size - end, EndRecord::signature.width - 1);
+        const auto bytes = ReadBytes(file, start, static_cast<std::size_t>(end + overlap - start));
         if (!bytes) {
             return std::unexpected(bytes.error());
         }
-        for (std::size_t index = bytes->size() < 4 ? 0 : bytes->size() - 3; index-- > 0;) {
-            if ((*bytes)[index] != std::byte{'P'} || Get(*bytes, index, 4) != endSignature) {
-                continue;
-            }
-            auto tail = TailWithRecordAt(file, start + index, *size);
-            if (!tail) {
-                return tail;
-            }
-            const std::optional<ArchiveTail>& whole = *tail;
-            if (!whole) {
-                continue;
-            }
-            const auto readable = IsReadable(file, *whole);
-            if (!readable) {
-                return std::unexpected(readable.error());
-            }
-            if (*readable) {
+        for (const std::size_t index : EndSignaturesIn(*bytes)) {
+            if (auto tail = ReadableTailAt(file, start + index, *size); !tail || *tail) {
                 return tail;
             }
         }
         end = start;
     }
-    return std::optional<ArchiveTail>();
+    return std::nullopt;
 }
 
 }  // namespace Shared::FileZip

@@ -13,7 +13,8 @@ namespace Shared::FileZip {
 struct ArchiveTail {
     std::uint64_t directoryOffset = 0;
     std::uint64_t directorySize = 0;
-    /// As recorded: without ZIP64 records the count modulo 65536.
+    /// As recorded, which without ZIP64 records may be the count modulo 65,536. Counted where the end record says
+    /// 65,535.
     std::uint64_t entryCount = 0;
     /// The ZIP64 records when there are any, the end record and the archive's comment.
     std::vector<std::byte> records;
@@ -22,17 +23,16 @@ struct ArchiveTail {
     [[nodiscard]] std::uint64_t End() const { return directoryOffset + Size(); }
 
     /// The records of the same directory lying at another offset, with ZIP64 records where that offset asks for them.
-    /// Nothing when those cannot be made because the true number of entries is unknown.
-    [[nodiscard]] std::optional<std::vector<std::byte>> RecordsFor(std::uint64_t newDirectoryOffset) const;
+    [[nodiscard]] std::vector<std::byte> RecordsFor(std::uint64_t newDirectoryOffset) const;
 };
 
 /// The tail of an archive without entries, at the start of the file.
 [[nodiscard]] ArchiveTail EmptyTail();
 
 enum class FileEnd : std::uint8_t {
-    Tail,     ///< a directory and end records that agree with each other and with their places
-    Foreign,  ///< an end record, but not of a kind that this program writes or may move
-    Torn,     ///< no end record
+    Tail,         ///< a directory and end records that agree with each other and with their places
+    Unsupported,  ///< an end record, but not of a kind that this program writes or may move
+    Torn,         ///< no end record
 };
 
 struct TailSearch {
