@@ -300,11 +300,25 @@ class WorkingFolder(Case):
             self.collect("-o")
             self.assertEqual(Archive(self.zip).types(), [(CONFIG, 4)])
 
-    def test_a_log_that_is_full_rolls_over(self):
-        (self.folder / "agent-cli.log").write_bytes(b"x" * 10_230 + b"\r\n")
+    def test_an_earlier_log_is_kept_and_rolls_over_when_it_is_full(self):
+        log, rotated = self.folder / "agent-cli.log", self.folder / "agent-cli.1.log"
+        log.write_bytes(b"earlier\r\n")
+        log.chmod(0o666)
         self.collect("-o", on=FULL)
-        self.assertTrue((self.folder / "agent-cli.1.log").read_bytes().startswith(b"xxx"))
+        self.assertTrue(log.read_bytes().startswith(b"earlier\r\n"))
+        # Wine shows the access list as a mode.
+        self.assertEqual(log.stat().st_mode & 0o007, 0)
+        log.write_bytes(b"x" * 10_230 + b"\r\n")
+        self.collect("-o", on=FULL)
+        self.assertTrue(rotated.read_bytes().startswith(b"xxx"))
         self.assertNotIn("xxx", Archive(self.zip).text("agent-cli.log"))
+        self.assertEqual(log.stat().st_mode & 0o007, 0)
+
+    def test_a_log_that_cannot_be_rotated_costs_its_older_lines(self):
+        (self.folder / "agent-cli.log").write_bytes(b"x" * 10_230 + b"\r\n")
+        (self.folder / "agent-cli.1.log" / "inside").mkdir(parents=True)
+        self.collect("-o")
+        self.assertIn("Collectors reported", Archive(self.zip).text("agent-cli.log"))
 
     def test_nothing_planted_there_is_run_or_written_through(self):
         # Wine follows symbolic links even to delete them; second names of a file it can tell.

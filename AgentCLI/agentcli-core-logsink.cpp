@@ -1,0 +1,158 @@
+#include "agentcli-core-logsink.h"
+
+#include <windows.h>
+
+#include <aclapi.h>
+#include <fmt/format.h>
+#include <sddl.h>
+
+#include <string>
+#include <utility>
+
+#include "shared.exception-messages.h"
+#include "shared.filesystem-heldfile.h"
+#include "shared.filesystem-longpath.h"
+#include "shared.filesystem-open.h"
+#include "shared.filesystem-privatefile.h"
+#include "shared.filesystem-removal.h"
+#include "shared.filesystem-status.h"
+#include "shared.util-functions.h"
+#include "shared.util-win32result.h"
+
+namespace AgentCLI::Core {
+
+namespace {
+
+using namespace Shared::FileSystem;
+using Shared::Util::FileHandle;
+using Shared::Util::LocalMemory;
+using Shared::Util::Win32Result;
+
+constexpr std::chrono::seconds openInterval{2};
+constexpr DWORD sharing = FILE_SHARE_READ | FILE_SHARE_WRITE;
+
+/// Owner and access list as text; empty when they cannot be read.
+std::wstring AccessOf(const FileHandle& file) {
+    constexpr SECURITY_INFORMATION wanted = OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (GetSecurityInfo(file.Get(), SE_FILE_OBJECT, wanted, nullptr, nullptr, nullptr, nullptr, &descriptor) !=
+        ERROR_SUCCESS) {
+        return {};
+    }
+    const LocalMemory descriptorMemory(descriptor);
+    LPWSTR text = nullptr;
+    if (ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, wanted, &text, nullptr) ==
+        FALSE) {
+        return {};
+    }
+    const LocalMemory textMemory(text);
+    return text;
+}
+
+/// Whether a file has the owner and the access list of one that is created now.
+bool IsPrivate(const FileHandle& file, const std::filesystem::path& path) {
+    auto created = CreateUniqueFile(path, FILE_GENERIC_READ, FILE_SHARE_READ);
+    if (!created) {
+        return false;
+    }
+    const FileObjectRemover remover(created->path);
+    const FileHandle fresh = std::move(created->handle);
+    const std::wstring access = AccessOf(file);
+    return !access.empty() && access == AccessOf(fresh);
+}
+
+std::uint64_t SizeOf(const FileHandle& file) {
+    LARGE_INTEGER size{};
+    return GetFileSizeEx(file.Get(), &size) == FALSE ? 0 : static_cast<std::uint64_t>(size.QuadPart);
+}
+
+Win32Result<FileHandle> CreateWith(const std::filesystem::path& path, const std::string& text) {
+    auto file = RetryWhileHeld([&path] { return CreatePrivateFile(path, GENERIC_WRITE, sharing); });
+    DWORD written = 0;
+    if (file && WriteFile(file->Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) == FALSE) {
+        return Shared::Util::LastError();
+    }
+    return file;
+}
+
+/// Makes sure that the file is this program's own, or too large to be written to before it is rotated.
+Win32Result<FileHandle> Prepare(const std::filesystem::path& path, std::size_t maxSize) {
+    std::string text;
+    auto file = RetryWhileHeld([name = NativeForm(path)] { return OpenUntrusted(name, FILE_GENERIC_READ, sharing); });
+    if (!file) {
+        return IsNotFound(file.error()) ? CreateWith(path, text) : std::move(file);
+    }
+    if (CheckPlainFile(file->Get())) {
+        if (SizeOf(*file) > maxSize || IsPrivate(*file, path)) {
+            return file;
+        }
+        text.resize(maxSize);
+        DWORD read = 0;
+        if (ReadFile(file->Get(), text.data(), static_cast<DWORD>(text.size()), &read, nullptr) == FALSE) {
+            read = 0;
+        }
+        text.resize(read);
+    }
+    file->Reset();
+    if (const auto removed = RemoveName(path); !removed) {
+        return std::unexpected(removed.error());
+    }
+    return CreateWith(path, text);
+}
+
+}  // namespace
+
+LogSink::LogSink(spdlog::filename_t name, std::size_t maxSize) : name_(std::move(name)), maxSize_(maxSize) {
+    Open();
+}
+
+void LogSink::Open() {
+    spdlog::file_event_handlers events;
+    events.before_open = [this](const spdlog::filename_t& name) {
+        auto file = Prepare(name, maxSize_);
+        if (!file) {
+            throw spdlog::spdlog_ex(fmt::format("Failed opening file {} for writing: {}",
+                                                Shared::Util::ToUtf8Lossy(std::wstring_view(name)),
+                                                Shared::Exception::Win32Message(file.error())));
+        }
+        checked_ = *std::move(file);
+    };
+    events.after_open = [this](const auto&, auto*) { checked_.Reset(); };
+    file_ = std::make_unique<spdlog::sinks::rotating_file_sink_st>(name_, maxSize_, 1, false, events);
+    file_->set_formatter(formatter_->clone());
+}
+
+template <class Write>
+bool LogSink::Try(const Write& write) {
+    try {
+        write();
+        return true;
+    } catch (const std::exception&) {
+        // After a failed rotation the library may have no file to write to.
+        file_.reset();
+        checked_.Reset();
+        return false;
+    }
+}
+
+bool LogSink::IsOpen() {
+    if (!file_ && std::chrono::steady_clock::now() >= openAgain_ && !Try([this] { Open(); })) {
+        openAgain_ = std::chrono::steady_clock::now() + openInterval;
+    }
+    return file_ != nullptr;
+}
+
+void LogSink::sink_it_(const spdlog::details::log_msg& message) {
+    const auto write = [&] { file_->log(message); };
+    if (IsOpen() && !Try(write) && IsOpen() && !Try(write)) {
+        openAgain_ = std::chrono::steady_clock::now() + openInterval;
+    }
+}
+
+void LogSink::flush_() {
+    if (file_) {
+        static_cast<void>(Try([this] { file_->flush(); }));
+    }
+}
+
+}  // namespace AgentCLI::Core
