@@ -5,7 +5,6 @@
 #include <shellapi.h>
 
 #include <algorithm>
-#include <bit>
 #include <iterator>
 #include <string_view>
 #include <utility>
@@ -16,28 +15,11 @@
 
 namespace AgentCLI::Core {
 
-namespace {
-
-// Keeps the process from following junctions that non-administrators made (Windows 11 and late Windows 10).
-void RefuseRedirection() noexcept {
-    using SetPolicy = BOOL(WINAPI*)(int, PVOID, SIZE_T);
-    constexpr int redirectionTrustPolicy = 16;
-    const HMODULE kernel = GetModuleHandleW(L"kernel32.dll");
-    if (kernel == nullptr) {
-        return;
-    }
-    if (const auto setPolicy = std::bit_cast<SetPolicy>(GetProcAddress(kernel, "SetProcessMitigationPolicy"))) {
-        DWORD enforce = 1;
-        setPolicy(redirectionTrustPolicy, &enforce, sizeof enforce);
-    }
-}
-
-}  // namespace
-
 void PrepareProcess() noexcept {
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
-    RefuseRedirection();
+    // Children inherit this: their search for libraries leaves out the current directory.
+    SetDllDirectoryW(L"");
     // The interpreter looks for "route" and its like in the current directory first and then along PATH, where a
     // user's own folders stand as well.
     SetEnvironmentVariableW(L"NoDefaultCurrentDirectoryInExePath", L"1");
