@@ -1,19 +1,18 @@
 #include "agentcli-core-collectdiagnostics.h"
 
-#include <windows.h>
-
 #include <fmt/ranges.h>
 
 #include <CLI/CLI.hpp>
+#include <exception>
 #include <filesystem>
 #include <iterator>
-#include <optional>
 #include <span>
-#include <system_error>
 #include <utility>
 
+#include "agentcli-core-archivemove.h"
 #include "agentcli-core-console.h"
 #include "agentcli-core-log.h"
+#include "agentcli-core-toolset.h"
 #include "agentcore.diagnostics-manifest.h"
 #include "agentcore.diagnostics-set.h"
 #include "agentcore.diagnostics-sets.h"
@@ -22,7 +21,6 @@
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-removal.h"
 #include "shared.filesystem-status.h"
-#include "shared.system-installpaths.h"
 #include "shared.util-functions.h"
 
 namespace AgentCLI::Core::Commands::Agent {
@@ -40,24 +38,30 @@ void Append(std::vector<CollectorStatus>& statuses, const std::vector<CollectorR
     std::ranges::move(AgentCore::Diagnostics::RunSet(rows, zip), std::back_inserter(statuses));
 }
 
-// The access agent's tool lies beside the monitoring agent, so without that agent's registry record there is none.
-std::optional<fs::path> FindTool() {
-    try {
-        return Shared::PV::GetLacliPath();
-    } catch (const Shared::Exception::Win32Exception& error) {
-        if (error.Code() != ERROR_FILE_NOT_FOUND) {
-            Shared::Exception::LogWarning("Skipping the access agent's tool: {}", error.what());
+/// Lets every step run, whatever happens to the others, and keeps the first failure.
+class FirstFailure {
+public:
+    template <class Step>
+    void Try(const Step& step) {
+        try {
+            step();
+        } catch (const std::exception& error) {
+            if (first_) {
+                Shared::Exception::LogError("{}", error.what());
+            } else {
+                first_ = std::current_exception();
+            }
         }
-    } catch (const std::exception& error) {
-        Shared::Exception::LogWarning("Skipping the access agent's tool: {}", error.what());
     }
-    return std::nullopt;
-}
+    void Rethrow() const {
+        if (first_) {
+            std::rethrow_exception(first_);
+        }
+    }
 
-bool ToolIsInstalled() {
-    const std::optional<fs::path> tool = FindTool();
-    return tool && Shared::FileSystem::QueryStatus(*tool, "exists").kind != Shared::FileSystem::FileKind::NotFound;
-}
+private:
+    std::exception_ptr first_;
+};
 
 std::string ProblemReport(std::span<const CollectorStatus> statuses) {
     std::string report;
@@ -69,37 +73,26 @@ std::string ProblemReport(std::span<const CollectorStatus> statuses) {
     return report;
 }
 
-void MoveArchive(ZipArchiveWrapper& zip, const fs::path& destination) {
-    zip.Close();
-    const fs::path source = zip.Path();
-    // Copying a file onto itself would empty it, and removing the source would lose it.
-    if (!Shared::FileSystem::IsSameFile(source, destination)) {
-        // The archive takes the name itself, not what a link to a file points to. A folder stays, linked or not: the
-        // copy then fails, as it should.
-        const DWORD attributes = GetFileAttributesW(Shared::FileSystem::LongForm(destination).c_str());
-        if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0 && Shared::FileSystem::IsLinkOrHardLinked(destination)) {
-            Shared::FileSystem::FreeName(destination);
-        }
-        if (CopyFileW(Shared::FileSystem::LongForm(source).c_str(), Shared::FileSystem::LongForm(destination).c_str(),
-                      FALSE) == FALSE) {
-            Shared::FileSystem::ThrowFileSystemError("copy_file", destination, GetLastError());
-        }
-        Shared::FileSystem::FreeName(source);
+void LogProblems(std::span<const CollectorStatus> statuses) {
+    if (const std::string report = ProblemReport(statuses); !report.empty()) {
+        Shared::Exception::LogInfo("Collectors reported the following warnings or errors: \n{}", report);
     }
-    zip.SetPath(destination);
-    zip.Open();
+}
+
+void AddLog(ZipArchiveWrapper& zip) {
+    if (const auto& logger = ProcessLogger()) {
+        logger->flush();
+    }
+    // Without its own log the archive is still worth having.
+    static_cast<void>(zip.AddFile("agent-cli.log", L"agent-cli.log"));
 }
 
 fs::path Absolute(const fs::path& path) {
-    if (Shared::FileSystem::IsAbsolute(path)) {
-        return fs::path(path).make_preferred();
+    try {
+        return Shared::FileSystem::FullPath(path);
+    } catch (const Shared::Exception::Win32Exception& error) {
+        Shared::FileSystem::ThrowFileSystemError("absolute", path, error.Code());
     }
-    std::error_code error;
-    fs::path absolute = fs::absolute(path, error);
-    if (error) {
-        throw fs::filesystem_error("absolute", path, error);
-    }
-    return absolute;
 }
 
 }  // namespace
@@ -121,43 +114,40 @@ void CollectDiagnostics::RunCollectorSets(const CollectDiagnosticsOptions& optio
                                           std::vector<CollectorStatus>& statuses, ZipArchiveWrapper& zip) {
     using namespace AgentCore::Diagnostics;
     const bool all = !options.log && !options.config && !options.samples && !options.crash;
-    if (all || options.log) {
-        Append(statuses, LogSet(), zip);
-    }
-    if (all || options.config) {
-        Append(statuses, ConfigurationSet(), zip);
-    }
-    if (all || options.samples) {
-        Append(statuses, SampleSet(), zip);
-        if (ToolIsInstalled()) {
-            Append(statuses, ToolSet(), zip);
+    struct Set {
+        bool selected;
+        std::vector<CollectorRow> (*rows)();
+    };
+    const Set sets[] = {
+        {all || options.log, &LogSet},           {all || options.config, &ConfigurationSet},
+        {all || options.samples, &SampleSet},    {all || options.samples, &InstalledToolSet},
+        {all || options.crash, &CrashReportSet},
+    };
+    FirstFailure failure;
+    for (const Set& set : sets) {
+        if (set.selected) {
+            failure.Try([&] { Append(statuses, set.rows(), zip); });
         }
     }
-    if (all || options.crash) {
-        Append(statuses, CrashReportSet(), zip);
-    }
+    failure.Rethrow();
 }
 
 void CollectDiagnostics::Run(const CollectDiagnosticsOptions& options) {
+    const fs::path destination = options.path.empty() ? fs::path() : DestinationPath(options.path);
     Shared::FileSystem::FreeName(archiveName);
     ZipArchiveWrapper zip{archiveName};
     zip.Open();
 
     std::vector<CollectorStatus> statuses;
-    RunCollectorSets(options, statuses, zip);
-    AgentCore::Diagnostics::WriteManifest(statuses, zip);
+    FirstFailure failure;
+    failure.Try([&] { RunCollectorSets(options, statuses, zip); });
+    failure.Try([&] { AgentCore::Diagnostics::WriteManifest(statuses, zip); });
+    LogProblems(statuses);
+    AddLog(zip);
+    failure.Rethrow();
 
-    if (const std::string report = ProblemReport(statuses); !report.empty()) {
-        Shared::Exception::LogInfo("Collectors reported the following warnings or errors: \n{}", report);
-    }
-    if (const auto& logger = ProcessLogger()) {
-        logger->flush();
-    }
-    // Without its own log the archive is still worth having.
-    static_cast<void>(zip.AddFile("agent-cli.log", L"agent-cli.log"));
-
-    if (!options.path.empty()) {
-        MoveArchive(zip, Shared::Util::PathFromUtf8(options.path));
+    if (!destination.empty()) {
+        MoveArchive(zip, destination);
     }
     Print("Diagnostics zip located at: {}\n", Shared::Util::ToUtf8Lossy(Absolute(zip.Path())));
 }

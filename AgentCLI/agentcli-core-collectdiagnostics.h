@@ -27,11 +27,14 @@ public:
     static void Configure(CLI::App& agent, CollectDiagnosticsOptions& options);
 
     /// Collects the selected types into "diagnostics.zip" in the current directory, moves it to the given path, and
-    /// prints where it is. Throws std::filesystem::filesystem_error when files cannot be removed or moved, and the
-    /// archive's and the manifest's exceptions.
+    /// prints where it is. When sets or the manifest fail, the archive stays in the current directory with all that
+    /// the others gave and the log, and the first failure is thrown. Throws std::filesystem::filesystem_error when
+    /// files cannot be removed or moved, the archive's and the manifest's exceptions, and what DestinationPath throws
+    /// before anything is collected.
     static void Run(const CollectDiagnosticsOptions& options);
 
     /// Runs the sets of the selected types in their fixed order (no flag selects all) and appends their statuses.
+    /// Throws the first failure once all of them have run.
     static void RunCollectorSets(const CollectDiagnosticsOptions& options,
                                  std::vector<AgentCore::Diagnostics::CollectorStatus>& statuses,
                                  Shared::FileZip::ZipArchiveWrapper& zip);

@@ -20,6 +20,7 @@ SAMPLE_FILES = ["RoutePrint", "IpConfig", "NicConfig", "NicDetails", "NetStat", 
                 "ServiceInfo", "DriverInfo", "TcpipBind"]
 SAMPLES = [f"{SAMPLE}_{number}/{name}.txt" for number, name in enumerate(SAMPLE_FILES)]
 FIELDS = {"name", "origin", "rawProcessExitCode", "archivePath", "type", "success", "errors", "startedAt", "durationMs"}
+TOOL_FOLDER = "Lumora Access Agent"
 MILLISECOND = datetime.timedelta(milliseconds=1)
 UTC = datetime.timezone.utc
 
@@ -235,6 +236,49 @@ class Flags(Case):
         self.assertEqual(Archive(self.zip).types(), [(SAMPLE, 16)])
 
 
+class ToolPath(Case):
+    """Install paths that make it doubtful which tool is the access agent's."""
+
+    def setUp(self):
+        super().setUp()
+        self.parent = BARE.drive / "Velqor"
+        self.addCleanup(shutil.rmtree, self.parent, ignore_errors=True)
+        self.addCleanup(shutil.rmtree, BARE.drive / TOOL_FOLDER, ignore_errors=True)
+        self.addCleanup(BARE.run, "reg", "delete", r"HKLM\SOFTWARE\Velqor", "/f")
+
+    def set_install_path(self, value, kind="REG_SZ"):
+        done = BARE.run("reg", "add", r"HKLM\SOFTWARE\Velqor\OXM", "/v", "Path", "/t", kind, "/d", value, "/f")
+        self.assertEqual(done.returncode, 0, done.stdout)
+
+    def test_is_not_asked_when_any_user_could_have_put_it_there(self):
+        self.set_install_path(r"C:\OXM\\")
+        self.collect("-s")
+        self.assertEqual(Archive(self.zip).types(), [(SAMPLE, 10)])
+        for value, kind, wanted in (("C:\\OXM\\", "REG_SZ", r"any user can create its folder in C:\\\Z"),
+                                    ("OXM", "REG_SZ", "The install path 'OXM' is not absolute"),
+                                    ("1", "REG_DWORD", "")):
+            with self.subTest(value):
+                (BARE.drive / TOOL_FOLDER).mkdir(exist_ok=True)
+                shutil.copyfile(TOOL, BARE.drive / TOOL_FOLDER / "lacli.exe")
+                self.set_install_path(value, kind)
+                self.collect("-s")
+                row = Archive(self.zip).rows[10]
+                self.assertEqual((row["name"], row.get("success")), ("lacli.exe", None))
+                self.assertEqual(len(row["errors"]), 1)
+                self.assertRegex(row["errors"][0], "The access agent's tool is not asked: (?s:.)*" + wanted)
+
+    def test_one_that_cannot_be_looked_at_costs_its_own_rows_alone(self):
+        (self.parent / TOOL_FOLDER).mkdir(parents=True)
+        (self.parent / TOOL_FOLDER / "lacli.exe").symlink_to("lacli.exe")
+        self.set_install_path(r"C:\Velqor\OXM")
+        printed = self.collect("-s", "-c", "-p", "out.zip", status=1)
+        self.assertRegex(printed, r"\AUnexpected error: .*exists.*lacli\.exe")
+        self.assert_folder_holds("diagnostics.zip")
+        archive = Archive(self.zip)
+        self.assertEqual(archive.types(), types(len(BARE.profiles()), (SAMPLE, CRASH)))
+        self.assertIn("agent-cli.log", archive.names)
+
+
 class Path(Case):
     folder_name = "Ordner für Läufe"
 
@@ -244,6 +288,7 @@ class Path(Case):
         (self.folder / "old.zip").write_bytes(b"something else")
         os.link(self.folder / "old.zip", other / "second name.zip")
         for given, expected in (("out.zip", self.folder / "out.zip"), ("old.zip", self.folder / "old.zip"),
+                                ("./x/../dotted.zip. .", self.folder / "dotted.zip"),
                                 (windows_path(other / "Müller 日本.zip"), other / "Müller 日本.zip"),
                                 ("\\\\?\\" + windows_path(other / "verbatim.zip"), other / "verbatim.zip")):
             with self.subTest(given):
@@ -251,6 +296,19 @@ class Path(Case):
                 self.assertEqual(Archive(expected).types(), [(CONFIG, 4)])
                 self.assertFalse(self.zip.exists())
         self.assertEqual((other / "second name.zip").read_bytes(), b"something else")
+
+    def test_never_writes_to_a_file_that_was_there(self):
+        (self.folder / "old.zip").write_bytes(b"something else")
+        with open(self.folder / "old.zip", "rb") as old:
+            self.collect("-o", "-p", "old.zip")
+            self.assertEqual((os.fstat(old.fileno()).st_nlink, old.read()), (0, b"something else"))
+        self.assertEqual(Archive(self.folder / "old.zip").types(), [(CONFIG, 4)])
+
+    def test_a_device_is_refused_before_anything_is_collected(self):
+        for given in ("NUL", "\\\\.\\NUL", "\\\\?\\NUL", "sub\\..\\con"):
+            with self.subTest(given):
+                self.assertIn("is that of a device, not of a file.", self.collect("-o", "-p", given, status=1))
+                self.assert_folder_holds()
 
     def test_keeps_an_archive_that_is_its_own_destination(self):
         for given in ("diagnostics.zip", ".\\diagnostics.zip", "DIAGNOSTICS.ZIP", windows_path(self.zip)):
@@ -261,12 +319,15 @@ class Path(Case):
 
     def test_leaves_the_archive_whole_where_it_cannot_be_moved(self):
         (self.scratch / "link").symlink_to(self.folder, target_is_directory=True)
+        missing = f"the folder {windows_path(self.folder)}\\nowhere does not exist"
         for given in ("nowhere\\out.zip", windows_path(self.scratch), windows_path(self.scratch / "link")):
             with self.subTest(given):
                 (self.folder / "agent-cli.log").unlink(missing_ok=True)
                 printed = self.collect("-o", "-p", given, status=1)
                 self.assertTrue(printed.startswith("Unexpected error: "), printed)
                 self.assertFalse(printed.endswith("\n"))
+                self.assertIn(windows_path(self.zip), printed)
+                self.assertEqual(missing in printed, given.startswith("nowhere"), printed)
                 self.assertEqual(Archive(self.zip).types(), [(CONFIG, 4)])
                 self.assertRegex((self.folder / "agent-cli.log").read_text(), "copy_file")
 

@@ -25,6 +25,17 @@ public:
     }
 };
 
+std::error_code ErrorOf(DWORD code) {
+    static const Win32Category category;
+    return {static_cast<int>(code), category};
+}
+
+// The exception's constructor converts its paths strictly; a name with an unpaired surrogate must not replace the
+// failure that is reported by another one.
+std::filesystem::path WithoutFaults(const std::filesystem::path& path) {
+    return Util::PathFromUtf8(Util::ToUtf8Lossy(path));
+}
+
 FileStatus StatusFrom(DWORD attributes, DWORD sizeHigh, DWORD sizeLow) {
     if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
         return {.kind = FileKind::Directory};
@@ -143,11 +154,12 @@ bool IsSameName(std::wstring_view left, std::wstring_view right) noexcept {
 }
 
 void ThrowFileSystemError(const char* operation, const std::filesystem::path& path, DWORD code) {
-    static const Win32Category category;
-    // The exception's constructor converts the path strictly; a name with an unpaired surrogate must not replace the
-    // failure that is reported by another one.
-    throw std::filesystem::filesystem_error(operation, Util::PathFromUtf8(Util::ToUtf8Lossy(path)),
-                                            std::error_code(static_cast<int>(code), category));
+    throw std::filesystem::filesystem_error(operation, WithoutFaults(path), ErrorOf(code));
+}
+
+void ThrowFileSystemError(const std::string& operation, const std::filesystem::path& from,
+                          const std::filesystem::path& to, DWORD code) {
+    throw std::filesystem::filesystem_error(operation, WithoutFaults(from), WithoutFaults(to), ErrorOf(code));
 }
 
 }  // namespace Shared::FileSystem

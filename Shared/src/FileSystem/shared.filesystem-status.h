@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <string>
+#include <string_view>
 
 #include "shared.util-win32result.h"
 
@@ -63,5 +65,9 @@ struct FileStatus {
 
 /// Throws std::filesystem::filesystem_error of the operation, the path and the system's text for the Win32 code.
 [[noreturn]] void ThrowFileSystemError(const char* operation, const std::filesystem::path& path, DWORD code);
+
+/// As above, of an operation on two paths.
+[[noreturn]] void ThrowFileSystemError(const std::string& operation, const std::filesystem::path& from,
+                                       const std::filesystem::path& to, DWORD code);
 
 }  // namespace Shared::FileSystem
