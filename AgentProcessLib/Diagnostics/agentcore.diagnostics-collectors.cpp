@@ -7,18 +7,14 @@
 
 namespace AgentCore::Diagnostics {
 
-namespace {
-
-CollectorStatus StatusOf(Shared::FileZip::ZipArchiveWrapper::AddResult result) {
+CollectorStatus StatusOf(Shared::FileZip::ZipArchiveWrapper::AddResult added) {
     CollectorStatus status;
-    status.success = result.has_value() || result.error().isArchived;
-    if (!result) {
-        status.errors.push_back(std::move(result.error().message));
+    status.success = added.has_value() || added.error().isArchived;
+    if (!added) {
+        status.errors.push_back(std::move(added.error().message));
     }
     return status;
 }
-
-}  // namespace
 
 CollectorStatus Destination::Add(const std::filesystem::path& file) const {
     return StatusOf(zip.AddFileToFolder(folder, file));

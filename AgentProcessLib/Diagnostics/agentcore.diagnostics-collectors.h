@@ -41,13 +41,16 @@ concept Collector =
         { collector.Collect(archiveFolder, zip) } noexcept -> std::same_as<CollectorStatus>;
     };
 
+/// What an add makes of a collector that adds one file: successful when the archive holds the file, or a part of it; what
+/// went wrong is the one message.
+[[nodiscard]] CollectorStatus StatusOf(Shared::FileZip::ZipArchiveWrapper::AddResult added);
+
 /// A folder in the open archive, where a collector puts its files.
 struct Destination {
     const std::filesystem::path& folder;
     Shared::FileZip::ZipArchiveWrapper& zip;
 
-    /// Adds a file under its own name. Successful when the archive holds the file, or a part of it; what went wrong is
-    /// the one message.
+    /// Adds a file under its own name.
     [[nodiscard]] CollectorStatus Add(const std::filesystem::path& file) const;
 
     /// The number of files below the folder.

@@ -89,8 +89,11 @@ CheckResult FileChecksPass(const std::filesystem::path& file, const Shared::File
 
 std::expected<CollectorStatus, CheckError> AddWithinLimit(const std::filesystem::path& file, std::uint64_t maxSize,
                                                           const Destination& destination) {
-    static_cast<void>(maxSize);
-    return destination.Add(file);
+    auto added = destination.zip.AddFileToFolder(destination.folder, file, maxSize);
+    if (!added && added.error().tooLarge) {
+        return TooLarge(file, *added.error().tooLarge, maxSize);
+    }
+    return StatusOf(std::move(added));
 }
 
 std::expected<CollectorStatus, CheckError> CopyConfined(const Shared::FileSystem::ConfinedFolder& folder,
