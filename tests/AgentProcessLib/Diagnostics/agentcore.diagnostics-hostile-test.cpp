@@ -149,6 +149,8 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
                         any.Stored(any.Below(8) == 0 ? 5000 : 24, units));
         }
         std::vector<std::string> wanted;
+        std::vector<Shared::Util::FileHandle> locked;
+        std::vector<Shared::Util::KernelHandle> mapped;
         for (int number = 0; number < 60; ++number) {
             const auto& [folder, ending] = folders[any.Below(std::size(folders))];
             std::wstring name(nameStarts[any.Below(std::size(nameStarts))]);
@@ -160,11 +162,20 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
             fs::create_directories(root + folder);
             std::wstring file = root;
             file.append(folder).append(name);
-            const Shared::Util::FileHandle made(CreateFileW(Shared::FileSystem::LongForm(file).c_str(), GENERIC_WRITE,
-                                                            0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+            Shared::Util::FileHandle made(CreateFileW(Shared::FileSystem::LongForm(file).c_str(),
+                                                      GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                                      FILE_ATTRIBUTE_NORMAL, nullptr));
             if (made && name != ending) {  // ".log" has no extension
                 wanted.push_back(Shared::Util::ToUtf8Lossy(file));
                 ++cases;
+            }
+            const unsigned use = made ? any.Below(9) : 9;
+            if (use == 0) {
+                mapped.emplace_back(CreateFileMappingW(made.Get(), nullptr, PAGE_READWRITE, 0, 10, nullptr));
+            } else if (use == 1) {
+                CreateHardLinkW((root + L"link" + std::to_wstring(number)).c_str(), file.c_str(), nullptr);
+            } else if (use == 2 && round % 10 == 0) {  // each row waits a second
+                locked.push_back(std::move(made));
             }
         }
 
@@ -181,6 +192,8 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
             EXPECT_TRUE(archived.contains('/' + name + '\n') || messages.contains(file)) << file;
         }
         EXPECT_THAT(archived, testing::HasSubstr("/regval.txt"));
+        locked.clear();
+        mapped.clear();
 
         for (int number = 0; number < 5; ++number, ++cases) {
             hive.SetRaw(velqor + L"OXM", L"Path", any.Below(8) == 0 ? REG_MULTI_SZ : REG_SZ,

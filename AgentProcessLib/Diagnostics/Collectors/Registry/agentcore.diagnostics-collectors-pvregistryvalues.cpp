@@ -49,8 +49,8 @@ void WriteSection(std::string_view failure, Body&& body) noexcept {
     }
 }
 
-// A value of a key. Writes the text for a value that is not there; throws when that cannot be told, and also when the
-// whole key is missing, after writing the text.
+// A value of a key. Writes the text for a value that does not exist, with its key or alone; throws when the value
+// cannot be read.
 std::optional<RegKey::Value> FindValue(std::ostream& report, std::wstring keyPath, const std::wstring& name,
                                        std::string_view absent) {
     try {
@@ -62,11 +62,18 @@ std::optional<RegKey::Value> FindValue(std::ostream& report, std::wstring keyPat
             throw Shared::Exception::Win32Exception(fmt::format("Cannot read the value {}", ToUtf8Lossy(name)),
                                                     static_cast<std::uint32_t>(value.error()));
         }
-        report << absent;
-        return std::nullopt;
+    } catch (const Shared::Exception::NotFoundException&) {  // NOLINT(bugprone-empty-catch): as without the value
+    }
+    report << absent;
+    return std::nullopt;
+}
+
+bool KeyExists(const std::wstring& path) {
+    try {
+        static_cast<void>(OpenToRead(path));
+        return true;
     } catch (const Shared::Exception::NotFoundException&) {
-        report << absent;
-        throw;
+        return false;
     }
 }
 
@@ -115,7 +122,10 @@ std::string ValueText(const RegKey::Value& value) {
 void WriteCredentialProviderFilters(std::ostream& report) noexcept {
     WriteSection("Failed writing out Credential Provider Filters: {}", [&] {
         report << "Credential Provider Filters:\n";
-        const std::wstring path = std::wstring(credentialProviderFiltersKey);
+        const std::wstring path(credentialProviderFiltersKey);
+        if (!KeyExists(path)) {
+            return;
+        }
         const auto key = RegKey::Open(HKEY_LOCAL_MACHINE, path, KEY_READ);
         if (!key) {
             throw Shared::Exception::RuntimeException(fmt::format("Failed opening {}", ToUtf8Lossy(path)));
@@ -185,7 +195,11 @@ void WriteCPGuid(std::ostream& report) noexcept {
 void WriteSettings(std::ostream& report) noexcept {
     WriteSection("Failed writing out registry settings: {}", [&] {
         report << "\nSettings:\n";
-        for (const RegKey::Value& value : OpenToRead(BelowPortavo(L"\\Settings")).GetAllValues()) {
+        const std::wstring path = BelowPortavo(L"\\Settings");
+        if (!KeyExists(path)) {
+            return;
+        }
+        for (const RegKey::Value& value : OpenToRead(path).GetAllValues()) {
             report << fmt::format("{}={}\n", ToUtf8Lossy(value.name), ValueText(value));
         }
     });
@@ -202,7 +216,7 @@ CollectorStatus CollectPVRegistryValues(const Destination& destination) noexcept
             }
             Shared::FileSystem::GeneratedFile file(L"regval.txt");
             std::ostringstream report;
-            // A stream swallows what goes wrong unless it is told otherwise.
+            // A stream reports no failure unless it is asked to.
             report.exceptions(std::ios::badbit | std::ios::failbit);
             WriteCredentialProviderFilters(report);
             WriteLatestCP(report);

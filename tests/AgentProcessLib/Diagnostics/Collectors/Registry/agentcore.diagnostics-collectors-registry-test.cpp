@@ -131,10 +131,9 @@ TEST_F(RegistryCollectors, AFailingSectionCostsNoOther) {
         CollectReport(),
         "Credential Provider Filters:\r\n\r\nSSO cache:\r\nSSO cache is empty.\r\n\r\nPreferredIP:"
         "Failed writing out the PreferredIP value as it was unexpected size: 16.\r\nPrelogon:on\r\nSettings:\r\n");
-    for (const char* section : {"Credential Provider Filters", "CP GUID", "registry settings"}) {
-        EXPECT_THAT(log_.Text(), HasSubstr("Failed writing out "s + section + ": Exception"));
-    }
-    EXPECT_THAT(log_.Text(), HasSubstr("--> Failed opening SOFTWARE\\Microsoft"));
+    // A missing key is no fault, and takes no room in the log.
+    EXPECT_THAT(log_.Text(), ContainsRegex("^.*warning. Failed writing out CP GUID: Exception"));
+    EXPECT_EQ(log_.Text().find("Failed"), log_.Text().rfind("Failed writing"));
     std::ostringstream absent;
     hive_.CreateKey(portavo + L"\\VqEmpty");
     TestSupport::ThrowAwayHive bare;
