@@ -20,16 +20,16 @@ constexpr std::uint64_t spareDirectories = 32;
 
 }  // namespace
 
-AppendInPlaceSource::AppendInPlaceSource(std::unique_ptr<ArchiveFile> file) : file_(std::move(file)) {
+AppendInPlaceSource::AppendInPlaceSource(ArchiveFile& file) : file_(file) {
     zip_error_init(&error_);
 }
 
-FileResult<void> AppendInPlaceSource::OpenExisting() {
+Win32Result<void> AppendInPlaceSource::OpenExisting() {
     readAhead_.clear();
-    if (auto opened = file_->Open(); !opened) {
+    if (auto opened = file_.Open(); !opened) {
         return opened;
     }
-    const auto size = file_->Size();
+    const auto size = file_.Size();
     if (!size) {
         return std::unexpected(size.error());
     }
@@ -37,46 +37,51 @@ FileResult<void> AppendInPlaceSource::OpenExisting() {
     return {};
 }
 
-FileResult<void> AppendInPlaceSource::WriteEmpty(ArchiveFile& file) {
+Win32Result<void> AppendInPlaceSource::WriteEmpty(ArchiveFile& file) {
     const ArchiveTail tail = EmptyTail();
     size_ = tail.Size();
     return file.Write(0, tail.records);
 }
 
-FileResult<void> AppendInPlaceSource::Create() {
-    auto created = file_->Create();
-    return created ? WriteEmpty(*file_) : created;
+Win32Result<void> AppendInPlaceSource::Create() {
+    auto created = file_.Create();
+    return created ? WriteEmpty(file_) : created;
 }
 
-FileResult<void> AppendInPlaceSource::Prepare() {
+Win32Result<void> AppendInPlaceSource::Prepare() {
     ClearFailure();
+    // What could not be undone at once: readers would take either end for the true one.
+    if (auto restored = RestoreTail(); !restored) {
+        return restored;
+    }
     if (auto opened = OpenExisting(); !opened) {
         return opened;
     }
-    const auto end = ReadTail(*file_);
+    const auto end = ReadTail(file_);
     if (!end) {
         return std::unexpected(end.error());
     }
-    return end->end == FileEnd::Torn ? Repair() : FileResult<void>();
+    return end->end == FileEnd::Torn ? Repair() : Win32Result<void>();
 }
 
-FileResult<void> AppendInPlaceSource::Repair() {
-    const auto isBeginning = IsBeginningOfEmpty(*file_);
+Win32Result<void> AppendInPlaceSource::Repair() {
+    const auto isBeginning = IsBeginningOfEmpty(file_);
     if (!isBeginning) {
         return std::unexpected(isBeginning.error());
     }
     if (*isBeginning) {
-        return WriteEmpty(*file_);
+        return WriteEmpty(file_);
     }
-    const auto last = FindLastTail(*file_);
+    const auto found = FindLastTail(file_);
+    if (!found) {
+        return std::unexpected(found.error());
+    }
+    const std::optional<ArchiveTail>& last = *found;
     if (!last) {
-        return std::unexpected(last.error());
-    }
-    if (!*last) {
         return std::unexpected<DWORD>(ERROR_BAD_FORMAT);
     }
-    size_ = (*last)->End();
-    return file_->Truncate(size_);
+    size_ = last->End();
+    return file_.Truncate(size_);
 }
 
 zip_source_t* AppendInPlaceSource::NewSource() {
@@ -94,6 +99,8 @@ zip_int64_t AppendInPlaceSource::Callback(void* self, void* data, zip_uint64_t l
         return source.Dispatch(data, length, command);
     } catch (const std::bad_alloc&) {
         return source.Fail(ZIP_ER_MEMORY, ERROR_NOT_ENOUGH_MEMORY);
+    } catch (...) {
+        return source.Fail(ZIP_ER_INTERNAL, ERROR_INTERNAL_ERROR);
     }
 }
 
@@ -117,7 +124,7 @@ zip_int64_t AppendInPlaceSource::Dispatch(void* data, zip_uint64_t length, zip_s
             return static_cast<zip_int64_t>(readOffset_);
         case ZIP_SOURCE_CLOSE:
         case ZIP_SOURCE_FREE:
-            // The file stays open between two archives, so that nobody can put another one in its place.
+            // The file stays open between two archives: another process must not replace it.
             return 0;
         case ZIP_SOURCE_ERROR:
             return zip_error_to_data(&error_, data, length);
@@ -155,7 +162,7 @@ zip_int64_t AppendInPlaceSource::Fail(int zipError, DWORD code) {
     return -1;
 }
 
-zip_int64_t AppendInPlaceSource::Done(const FileResult<void>& result, int zipError) {
+zip_int64_t AppendInPlaceSource::Done(const Win32Result<void>& result, int zipError) {
     return result ? 0 : Fail(zipError, result.error());
 }
 
@@ -184,7 +191,7 @@ zip_int64_t AppendInPlaceSource::Read(std::span<std::byte> to) {
     if (!isAhead) {
         // Headers are read in pieces of a few bytes.
         readAhead_.resize(readAheadSize);
-        const auto read = file_->Read(readOffset_, readAhead_);
+        const auto read = file_.Read(readOffset_, readAhead_);
         readAhead_.resize(read.value_or(0));
         readAheadOffset_ = readOffset_;
         if (!read) {
@@ -217,7 +224,7 @@ zip_int64_t AppendInPlaceSource::SeekWrite(void* data, zip_uint64_t length) {
 }
 
 zip_int64_t AppendInPlaceSource::BeginClone(std::uint64_t keep) {
-    auto found = ReadTail(*file_);
+    auto found = ReadTail(file_);
     if (!found) {
         return Fail(ZIP_ER_READ, found.error());
     }
@@ -231,8 +238,8 @@ zip_int64_t AppendInPlaceSource::BeginClone(std::uint64_t keep) {
     return 0;
 }
 
-FileResult<void> AppendInPlaceSource::Begin() {
-    auto found = ReadTail(*file_);
+Win32Result<void> AppendInPlaceSource::Begin() {
+    auto found = ReadTail(file_);
     if (!found) {
         return std::unexpected(found.error());
     }
@@ -240,7 +247,7 @@ FileResult<void> AppendInPlaceSource::Begin() {
         StartInPlace(std::move(found->tail));
         return {};
     }
-    auto replacement = file_->CreateSibling();
+    auto replacement = file_.CreateSibling();
     if (!replacement) {
         return std::unexpected(replacement.error());
     }
@@ -249,13 +256,13 @@ FileResult<void> AppendInPlaceSource::Begin() {
     return {};
 }
 
-FileResult<void> AppendInPlaceSource::ReplaceByEmpty() {
-    const auto replacement = file_->CreateSibling();
+Win32Result<void> AppendInPlaceSource::ReplaceByEmpty() {
+    const auto replacement = file_.CreateSibling();
     if (!replacement) {
         return std::unexpected(replacement.error());
     }
     auto written = WriteEmpty(**replacement);
-    return written ? file_->ReplaceBy(**replacement) : written;
+    return written ? file_.ReplaceBy(**replacement) : written;
 }
 
 void AppendInPlaceSource::StartInPlace(ArchiveTail tail) {
@@ -290,7 +297,7 @@ zip_int64_t AppendInPlaceSource::Write(std::span<const std::byte> from) {
     return total;
 }
 
-FileResult<void> AppendInPlaceSource::Flush(std::uint64_t spare) {
+Win32Result<void> AppendInPlaceSource::Flush(std::uint64_t spare) {
     if (buffer_.empty()) {
         return {};
     }
@@ -305,7 +312,7 @@ FileResult<void> AppendInPlaceSource::Flush(std::uint64_t spare) {
             return room;
         }
     }
-    if (auto written = (replacement_ ? *replacement_ : *file_).Write(bufferOffset_, buffer_); !written) {
+    if (auto written = (replacement_ ? *replacement_ : file_).Write(bufferOffset_, buffer_); !written) {
         return written;
     }
     bufferOffset_ += buffer_.size();
@@ -314,7 +321,7 @@ FileResult<void> AppendInPlaceSource::Flush(std::uint64_t spare) {
 }
 
 /// Moves the copy of the directory so that the file can be written up to `end`, and `spare` beyond.
-FileResult<void> AppendInPlaceSource::MakeRoom(std::uint64_t end, std::uint64_t spare) {
+Win32Result<void> AppendInPlaceSource::MakeRoom(std::uint64_t end, std::uint64_t spare) {
     if (end <= copyOffset_) {
         return {};
     }
@@ -322,7 +329,7 @@ FileResult<void> AppendInPlaceSource::MakeRoom(std::uint64_t end, std::uint64_t 
     const std::uint64_t next = std::max(end + spare, copyEnd_);
     const std::vector<std::byte> records = tail_.RecordsFor(next);
     if (auto copied = CopyTail(copyOffset_, next, records); !copied) {
-        [[maybe_unused]] const auto cut = file_->Truncate(copyEnd_);
+        [[maybe_unused]] const auto cut = file_.Truncate(copyEnd_);
         return copied;
     }
     copyOffset_ = next;
@@ -331,10 +338,10 @@ FileResult<void> AppendInPlaceSource::MakeRoom(std::uint64_t end, std::uint64_t 
 }
 
 /// One write: a file that ended between two would have no end record.
-FileResult<void> AppendInPlaceSource::CopyTail(std::uint64_t from, std::uint64_t to,
-                                               std::span<const std::byte> records) {
+Win32Result<void> AppendInPlaceSource::CopyTail(std::uint64_t from, std::uint64_t to,
+                                                std::span<const std::byte> records) {
     std::vector<std::byte> copy(static_cast<std::size_t>(tail_.directorySize));
-    const auto read = file_->Read(from, copy);
+    const auto read = file_.Read(from, copy);
     if (!read) {
         return std::unexpected(read.error());
     }
@@ -342,16 +349,16 @@ FileResult<void> AppendInPlaceSource::CopyTail(std::uint64_t from, std::uint64_t
         return std::unexpected<DWORD>(ERROR_HANDLE_EOF);
     }
     copy.insert(copy.end(), records.begin(), records.end());
-    return file_->Write(to, copy);
+    return file_.Write(to, copy);
 }
 
-FileResult<void> AppendInPlaceSource::Commit() {
+Win32Result<void> AppendInPlaceSource::Commit() {
     auto committed = replacement_ ? Flush(0) : CommitInPlace();
     if (!committed) {
         return committed;
     }
     if (replacement_) {
-        if (committed = file_->ReplaceBy(*replacement_); !committed) {
+        if (committed = file_.ReplaceBy(*replacement_); !committed) {
             return committed;
         }
         replacement_.reset();
@@ -363,7 +370,7 @@ FileResult<void> AppendInPlaceSource::Commit() {
     return {};
 }
 
-FileResult<void> AppendInPlaceSource::CommitInPlace() {
+Win32Result<void> AppendInPlaceSource::CommitInPlace() {
     if (!inPlace_) {
         return std::unexpected<DWORD>(ERROR_INVALID_STATE);
     }
@@ -371,23 +378,28 @@ FileResult<void> AppendInPlaceSource::CommitInPlace() {
     if (auto written = Flush(0); !written) {
         return written;
     }
-    return file_->Truncate(writeEnd_);
+    return file_.Truncate(writeEnd_);
 }
 
-FileResult<void> AppendInPlaceSource::Rollback() {
+Win32Result<void> AppendInPlaceSource::Rollback() {
     buffer_.clear();
     readAhead_.clear();
     replacement_.reset();
-    return std::exchange(inPlace_, false) ? RestoreTail() : FileResult<void>();
+    return RestoreTail();
 }
 
-FileResult<void> AppendInPlaceSource::RestoreTail() {
+Win32Result<void> AppendInPlaceSource::RestoreTail() {
+    if (!inPlace_) {
+        return {};
+    }
     if (copyOffset_ != tail_.directoryOffset) {
         if (auto copied = CopyTail(copyOffset_, tail_.directoryOffset, tail_.records); !copied) {
             return copied;
         }
     }
-    return file_->Truncate(tail_.End());
+    auto cut = file_.Truncate(tail_.End());
+    inPlace_ = !cut;
+    return cut;
 }
 
 }  // namespace Shared::FileZip

@@ -32,16 +32,17 @@ namespace Shared::FileZip {
 /// Memory: two buffers of a megabyte, whatever the archive's size. Not thread-safe.
 class AppendInPlaceSource {
 public:
-    explicit AppendInPlaceSource(std::unique_ptr<ArchiveFile> file);
+    /// The file must outlive the source.
+    explicit AppendInPlaceSource(ArchiveFile& file);
     AppendInPlaceSource(const AppendInPlaceSource&) = delete;
     AppendInPlaceSource& operator=(const AppendInPlaceSource&) = delete;
 
     /// Creates the file as a whole zip without entries; ERROR_FILE_EXISTS when anything has its name.
-    FileResult<void> Create();
+    Win32Result<void> Create();
 
     /// Opens the file, repairs the end that a killed add has torn, and gives an empty file what a zip without entries
     /// has. ERROR_BAD_FORMAT for what is no zip. Call it before an archive is opened over the source.
-    FileResult<void> Prepare();
+    Win32Result<void> Prepare();
 
     /// A new libzip source, with one reference. The archive opened over it must be gone before this object, and
     /// before the next one is asked for. Null when out of memory.
@@ -58,11 +59,11 @@ private:
     zip_int64_t Dispatch(void* data, zip_uint64_t length, zip_source_cmd_t command);
 
     zip_int64_t Fail(int zipError, DWORD code);
-    zip_int64_t Done(const FileResult<void>& result, int zipError);
+    zip_int64_t Done(const Win32Result<void>& result, int zipError);
     void ClearFailure();
-    FileResult<void> OpenExisting();
-    FileResult<void> WriteEmpty(ArchiveFile& file);
-    FileResult<void> Repair();
+    Win32Result<void> OpenExisting();
+    Win32Result<void> WriteEmpty(ArchiveFile& file);
+    Win32Result<void> Repair();
 
     zip_int64_t Stat(void* data, zip_uint64_t length);
     zip_int64_t Read(std::span<std::byte> to);
@@ -71,18 +72,18 @@ private:
     zip_int64_t Write(std::span<const std::byte> from);
     zip_int64_t BeginClone(std::uint64_t keep);
 
-    FileResult<void> Begin();
-    FileResult<void> ReplaceByEmpty();
+    Win32Result<void> Begin();
+    Win32Result<void> ReplaceByEmpty();
     void StartInPlace(ArchiveTail tail);
-    FileResult<void> Flush(std::uint64_t spare);
-    FileResult<void> MakeRoom(std::uint64_t end, std::uint64_t spare);
-    FileResult<void> CopyTail(std::uint64_t from, std::uint64_t to, std::span<const std::byte> records);
-    FileResult<void> Commit();
-    FileResult<void> CommitInPlace();
-    FileResult<void> Rollback();
-    FileResult<void> RestoreTail();
+    Win32Result<void> Flush(std::uint64_t spare);
+    Win32Result<void> MakeRoom(std::uint64_t end, std::uint64_t spare);
+    Win32Result<void> CopyTail(std::uint64_t from, std::uint64_t to, std::span<const std::byte> records);
+    Win32Result<void> Commit();
+    Win32Result<void> CommitInPlace();
+    Win32Result<void> Rollback();
+    Win32Result<void> RestoreTail();
 
-    std::unique_ptr<ArchiveFile> file_;
+    ArchiveFile& file_;
     std::uint64_t size_ = 0;
     zip_error_t error_{};
     DWORD failure_ = ERROR_SUCCESS;

@@ -1,44 +1,54 @@
 #include "shared.filezip-archivefile.h"
 
-#include <fmt/xchar.h>
-
 #include <algorithm>
+#include <cstring>
 #include <limits>
+#include <utility>
+#include <vector>
 
+#include "shared.filesystem-heldfile.h"
 #include "shared.filesystem-longpath.h"
-#include "shared.filesystem-removal.h"
 #include "shared.filesystem-status.h"
 
 namespace Shared::FileZip {
 
 namespace {
 
-/// Scanners and viewers hold a fresh file for moments; waiting for them beats losing evidence.
-template <class Operation>
-DWORD PatientlyDo(const Operation& operation) {
-    constexpr int attempts = 20;
-    constexpr DWORD pause = 50;
-    for (int attempt = 1;; ++attempt) {
-        const DWORD code = operation();
-        const bool busy = code == ERROR_SHARING_VIOLATION || code == ERROR_LOCK_VIOLATION ||
-                          code == ERROR_USER_MAPPED_FILE || code == ERROR_DELETE_PENDING;
-        if (!busy || attempt == attempts) {
-            return code;
+// A file is renamed, over the archive, through its handle.
+constexpr DWORD writeAccess = GENERIC_READ | GENERIC_WRITE | DELETE;
+
+Win32Result<Util::FileHandle> OpenPlainFile(const std::filesystem::path& path, DWORD access, DWORD sharing) {
+    return FileSystem::RetryWhileHeld([&]() -> Win32Result<Util::FileHandle> {
+        Util::FileHandle file(CreateFileW(path.c_str(), access, sharing, nullptr, OPEN_EXISTING,
+                                          FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+        if (!file) {
+            return Util::LastError();
         }
-        Sleep(pause);
-    }
+        if (const auto plain = FileSystem::CheckPlainFile(file.Get()); !plain) {
+            return std::unexpected(plain.error());
+        }
+        return file;
+    });
 }
 
-FileResult<void> ResultOf(DWORD code) {
-    if (code != ERROR_SUCCESS) {
-        return std::unexpected(code);
+Win32Result<FileIdentity> IdentityOf(const Util::FileHandle& file) {
+    BY_HANDLE_FILE_INFORMATION information{};
+    if (GetFileInformationByHandle(file.Get(), &information) == FALSE) {
+        return Util::LastError();
     }
-    return {};
+    return FileIdentity{.volume = information.dwVolumeSerialNumber,
+                        .index = std::uint64_t{information.nFileIndexHigh} << 32U | information.nFileIndexLow};
 }
 
-Util::FileHandle OpenFile(const std::filesystem::path& path, DWORD disposition) {
-    return Util::FileHandle(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                                        disposition, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+Win32Result<void> RenameOver(const Util::FileHandle& file, const std::filesystem::path& path) {
+    const std::size_t length = path.native().size() * sizeof(wchar_t);
+    std::vector<std::byte> buffer(sizeof(FILE_RENAME_INFO) + length);
+    auto* const information = reinterpret_cast<FILE_RENAME_INFO*>(buffer.data());
+    information->ReplaceIfExists = TRUE;
+    information->FileNameLength = static_cast<DWORD>(length);
+    std::memcpy(information->FileName, path.c_str(), length);
+    return Util::ResultOf(
+        SetFileInformationByHandle(file.Get(), FileRenameInfo, information, static_cast<DWORD>(buffer.size())));
 }
 
 OVERLAPPED At(std::uint64_t offset) {
@@ -48,62 +58,55 @@ OVERLAPPED At(std::uint64_t offset) {
     return position;
 }
 
+DWORD LengthOfTransfer(std::size_t size) {
+    return static_cast<DWORD>(std::min<std::size_t>(size, std::numeric_limits<DWORD>::max()));
+}
+
 }  // namespace
 
 Win32ArchiveFile::Win32ArchiveFile(const std::filesystem::path& path) : path_(FileSystem::LongForm(path)) {}
 
-Win32ArchiveFile::~Win32ArchiveFile() {
-    handle_.Reset();
-    if (temporary_) {
-        // A file that stays behind does no harm, and there is nobody to tell.
-        static_cast<void>(FileSystem::RemoveName(path_));
-    }
-}
+Win32ArchiveFile::Win32ArchiveFile(FileSystem::NamedFile file)
+    : path_(std::move(file.path)), remover_(path_), handle_(std::move(file.handle)) {}
 
-FileResult<void> Win32ArchiveFile::Open() {
+Win32Result<void> Win32ArchiveFile::Open() {
     if (handle_) {
         return {};
     }
-    return ResultOf(PatientlyDo([this]() -> DWORD {
-        Util::FileHandle file = OpenFile(path_, OPEN_EXISTING);
-        if (!file) {
-            return GetLastError();
-        }
-        if (const auto plain = FileSystem::CheckPlainFile(file.Get()); !plain) {
-            return plain.error();
-        }
-        handle_ = std::move(file);
-        return ERROR_SUCCESS;
-    }));
+    auto opened = OpenPlainFile(path_, writeAccess, 0);
+    if (!opened) {
+        return std::unexpected(opened.error());
+    }
+    handle_ = *std::move(opened);
+    return {};
 }
 
-FileResult<void> Win32ArchiveFile::Create() {
-    handle_ = OpenFile(path_, CREATE_NEW);
-    return ResultOf(handle_ ? ERROR_SUCCESS : GetLastError());
+Win32Result<void> Win32ArchiveFile::Create() {
+    auto created = FileSystem::RetryWhileHeld([&] { return FileSystem::CreatePrivateFile(path_, writeAccess, 0); });
+    if (!created) {
+        return std::unexpected(created.error());
+    }
+    handle_ = *std::move(created);
+    return {};
 }
 
-void Win32ArchiveFile::Close() noexcept {
-    handle_.Reset();
-}
-
-FileResult<std::uint64_t> Win32ArchiveFile::Size() const {
+Win32Result<std::uint64_t> Win32ArchiveFile::Size() const {
     LARGE_INTEGER size{};
     if (GetFileSizeEx(handle_.Get(), &size) == FALSE) {
-        return std::unexpected(GetLastError());
+        return Util::LastError();
     }
     return static_cast<std::uint64_t>(size.QuadPart);
 }
 
-FileResult<std::size_t> Win32ArchiveFile::Read(std::uint64_t offset, std::span<std::byte> to) const {
+Win32Result<std::size_t> Win32ArchiveFile::Read(std::uint64_t offset, std::span<std::byte> to) const {
     std::size_t total = 0;
     while (total < to.size()) {
         OVERLAPPED position = At(offset + total);
-        const auto wanted =
-            static_cast<DWORD>(std::min<std::size_t>(to.size() - total, std::numeric_limits<DWORD>::max()));
         DWORD read = 0;
-        if (ReadFile(handle_.Get(), to.data() + total, wanted, &read, &position) == FALSE &&
+        if (ReadFile(handle_.Get(), to.data() + total, LengthOfTransfer(to.size() - total), &read, &position) ==
+                FALSE &&
             GetLastError() != ERROR_HANDLE_EOF) {
-            return std::unexpected(GetLastError());
+            return Util::LastError();
         }
         if (read == 0) {
             break;
@@ -113,13 +116,12 @@ FileResult<std::size_t> Win32ArchiveFile::Read(std::uint64_t offset, std::span<s
     return total;
 }
 
-FileResult<void> Win32ArchiveFile::Write(std::uint64_t offset, std::span<const std::byte> from) {
+Win32Result<void> Win32ArchiveFile::Write(std::uint64_t offset, std::span<const std::byte> from) {
     while (!from.empty()) {
         OVERLAPPED position = At(offset);
-        const auto wanted = static_cast<DWORD>(std::min<std::size_t>(from.size(), std::numeric_limits<DWORD>::max()));
         DWORD written = 0;
-        if (WriteFile(handle_.Get(), from.data(), wanted, &written, &position) == FALSE) {
-            return std::unexpected(GetLastError());
+        if (WriteFile(handle_.Get(), from.data(), LengthOfTransfer(from.size()), &written, &position) == FALSE) {
+            return Util::LastError();
         }
         if (written == 0) {
             return std::unexpected<DWORD>(ERROR_DISK_FULL);
@@ -130,47 +132,46 @@ FileResult<void> Win32ArchiveFile::Write(std::uint64_t offset, std::span<const s
     return {};
 }
 
-FileResult<void> Win32ArchiveFile::Truncate(std::uint64_t size) {
-    return ResultOf(PatientlyDo([this, size]() -> DWORD {
-        FILE_END_OF_FILE_INFO end{};
-        end.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
-        return SetFileInformationByHandle(handle_.Get(), FileEndOfFileInfo, &end, sizeof end) == FALSE ? GetLastError()
-                                                                                                       : ERROR_SUCCESS;
-    }));
+Win32Result<void> Win32ArchiveFile::Truncate(std::uint64_t size) {
+    FILE_END_OF_FILE_INFO end{};
+    end.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
+    return Util::ResultOf(SetFileInformationByHandle(handle_.Get(), FileEndOfFileInfo, &end, sizeof end));
 }
 
-FileResult<std::unique_ptr<ArchiveFile>> Win32ArchiveFile::CreateSibling() {
-    constexpr int attempts = 100;
-    for (int attempt = 0;; ++attempt) {
-        auto sibling = std::make_unique<Win32ArchiveFile>(
-            fmt::format(L"{}.{:x}-{:x}-{}.tmp", path_.native(), GetCurrentProcessId(), GetTickCount64(), attempt));
-        const auto created = sibling->Create();
-        if (created) {
-            sibling->temporary_ = true;
-            return sibling;
-        }
-        if (created.error() != ERROR_FILE_EXISTS || attempt == attempts) {
-            return std::unexpected(created.error());
-        }
+Win32Result<std::unique_ptr<ArchiveFile>> Win32ArchiveFile::CreateSibling() {
+    auto created = FileSystem::CreateUniqueFile(path_, writeAccess, 0);
+    if (!created) {
+        return std::unexpected(created.error());
     }
+    return std::unique_ptr<ArchiveFile>(new Win32ArchiveFile(*std::move(created)));
 }
 
-FileResult<void> Win32ArchiveFile::ReplaceBy(ArchiveFile& sibling) {
+Win32Result<void> Win32ArchiveFile::ReplaceBy(ArchiveFile& sibling) {
     auto& other = static_cast<Win32ArchiveFile&>(sibling);
-    other.Close();
-    Close();
-    auto replaced = ResultOf(PatientlyDo([&]() -> DWORD {
-        if (MoveFileExW(other.path_.c_str(), path_.c_str(), MOVEFILE_REPLACE_EXISTING) != FALSE) {
-            return ERROR_SUCCESS;
-        }
-        // What says that somebody has the file open that is to be replaced.
-        const DWORD code = GetLastError();
-        return code == ERROR_ACCESS_DENIED ? ERROR_SHARING_VIOLATION : code;
-    }));
-    if (replaced) {
-        other.temporary_ = false;
+    handle_.Reset();
+    auto renamed = FileSystem::RetryWhileHeld([&] { return RenameOver(other.handle_, path_); });
+    if (renamed) {
+        handle_ = std::move(other.handle_);
+        other.remover_.Release();
     }
-    return replaced;
+    return renamed;
+}
+
+Win32Result<FileIdentity> Win32ArchiveFile::Identity() const {
+    return IdentityOf(handle_);
+}
+
+Win32Result<Util::FileHandle> Win32ArchiveFile::OpenToRead(const std::filesystem::path& path,
+                                                           const FileIdentity& identity) {
+    auto file = OpenPlainFile(FileSystem::LongForm(path), GENERIC_READ, FILE_SHARE_READ);
+    if (!file) {
+        return file;
+    }
+    const auto found = IdentityOf(*file);
+    if (!found || *found != identity) {
+        return std::unexpected<DWORD>(found ? ERROR_FILE_INVALID : found.error());
+    }
+    return file;
 }
 
 }  // namespace Shared::FileZip

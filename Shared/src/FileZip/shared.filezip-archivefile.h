@@ -4,18 +4,18 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <expected>
 #include <filesystem>
 #include <memory>
 #include <span>
 
+#include "shared.filesystem-privatefile.h"
+#include "shared.filesystem-removal.h"
 #include "shared.util-handle.h"
+#include "shared.util-win32result.h"
 
 namespace Shared::FileZip {
 
-/// A value, or the Win32 code of the failure.
-template <class T>
-using FileResult = std::expected<T, DWORD>;
+using Util::Win32Result;
 
 /// The file under an archive, as far as the archive's source needs it: everything that can fail on a disk goes
 /// through here. Offsets and sizes are in bytes.
@@ -27,48 +27,64 @@ public:
     virtual ~ArchiveFile() = default;
 
     /// Opens the existing file, unless it is open already; ERROR_FILE_NOT_FOUND when there is none.
-    virtual FileResult<void> Open() = 0;
-    /// Creates and opens the file; ERROR_FILE_EXISTS when anything has its name.
-    virtual FileResult<void> Create() = 0;
-    virtual void Close() noexcept = 0;
+    virtual Win32Result<void> Open() = 0;
+    /// Creates and opens the file; ERROR_FILE_EXISTS when anything exists at its path.
+    virtual Win32Result<void> Create() = 0;
 
-    [[nodiscard]] virtual FileResult<std::uint64_t> Size() const = 0;
+    [[nodiscard]] virtual Win32Result<std::uint64_t> Size() const = 0;
     /// The number of bytes read: less than asked for at the end of the file only.
-    [[nodiscard]] virtual FileResult<std::size_t> Read(std::uint64_t offset, std::span<std::byte> to) const = 0;
-    /// Writes all of it, or fails with any part of it written. Writing behind the end extends the file.
-    virtual FileResult<void> Write(std::uint64_t offset, std::span<const std::byte> from) = 0;
-    virtual FileResult<void> Truncate(std::uint64_t size) = 0;
+    [[nodiscard]] virtual Win32Result<std::size_t> Read(std::uint64_t offset, std::span<std::byte> to) const = 0;
+    /// Writes all of it in one operation, or fails with any part of it written. Writing behind the end extends the
+    /// file.
+    virtual Win32Result<void> Write(std::uint64_t offset, std::span<const std::byte> from) = 0;
+    virtual Win32Result<void> Truncate(std::uint64_t size) = 0;
 
-    /// A new, open, empty file beside this one. It is removed with the object, unless it took this file's place.
-    [[nodiscard]] virtual FileResult<std::unique_ptr<ArchiveFile>> CreateSibling() = 0;
-    /// Puts a file made by CreateSibling in this file's place, at once; both are closed then.
-    virtual FileResult<void> ReplaceBy(ArchiveFile& sibling) = 0;
+    /// A new, open, empty file beside this one. It is removed on destruction, unless it has replaced this file.
+    [[nodiscard]] virtual Win32Result<std::unique_ptr<ArchiveFile>> CreateSibling() = 0;
+    /// Replaces this file by one that CreateSibling made, in one operation; this file is then what that one was.
+    virtual Win32Result<void> ReplaceBy(ArchiveFile& sibling) = 0;
 };
 
-/// The archive on disk. While it is open, others can read it but neither write, rename nor delete it; its handle is
-/// not inherited by child processes. Names are taken as they are: a link in the file's place is refused with
-/// ERROR_CANT_RESOLVE_FILENAME, a file with further names (hard links) with ERROR_TOO_MANY_LINKS, since writing would
-/// change a file that somebody else chose.
+/// What tells a file from any other on its volume while it exists.
+struct FileIdentity {
+    DWORD volume = 0;
+    std::uint64_t index = 0;
+
+    bool operator==(const FileIdentity&) const = default;
+};
+
+/// The archive on disk, with an access list for its administrator alone. While it is open, no other process can open
+/// it: none can read, map, lock, rename or delete it. Its handle is not inherited by child processes. Waits up to a
+/// second for a file that another process holds. A link at the path is refused with ERROR_CANT_RESOLVE_FILENAME, a file
+/// with further hard links with ERROR_TOO_MANY_LINKS, since writing would change a file elsewhere.
 class Win32ArchiveFile final : public ArchiveFile {
 public:
     /// Throws Win32Exception when the path cannot be made absolute.
     explicit Win32ArchiveFile(const std::filesystem::path& path);
-    ~Win32ArchiveFile() override;
 
-    FileResult<void> Open() override;
-    FileResult<void> Create() override;
-    void Close() noexcept override;
-    [[nodiscard]] FileResult<std::uint64_t> Size() const override;
-    [[nodiscard]] FileResult<std::size_t> Read(std::uint64_t offset, std::span<std::byte> to) const override;
-    FileResult<void> Write(std::uint64_t offset, std::span<const std::byte> from) override;
-    FileResult<void> Truncate(std::uint64_t size) override;
-    [[nodiscard]] FileResult<std::unique_ptr<ArchiveFile>> CreateSibling() override;
-    FileResult<void> ReplaceBy(ArchiveFile& sibling) override;
+    Win32Result<void> Open() override;
+    Win32Result<void> Create() override;
+    [[nodiscard]] Win32Result<std::uint64_t> Size() const override;
+    [[nodiscard]] Win32Result<std::size_t> Read(std::uint64_t offset, std::span<std::byte> to) const override;
+    Win32Result<void> Write(std::uint64_t offset, std::span<const std::byte> from) override;
+    Win32Result<void> Truncate(std::uint64_t size) override;
+    [[nodiscard]] Win32Result<std::unique_ptr<ArchiveFile>> CreateSibling() override;
+    /// This file is closed for the moment of the renaming.
+    Win32Result<void> ReplaceBy(ArchiveFile& sibling) override;
+
+    /// Of the open file.
+    [[nodiscard]] Win32Result<FileIdentity> Identity() const;
+    /// Opens a closed archive for reading, so that other processes can do no more than that; ERROR_FILE_INVALID when it
+    /// is not the file with that identity.
+    [[nodiscard]] static Win32Result<Util::FileHandle> OpenToRead(const std::filesystem::path& path,
+                                                                  const FileIdentity& identity);
 
 private:
+    explicit Win32ArchiveFile(FileSystem::NamedFile file);
+
     std::filesystem::path path_;
+    FileSystem::FileObjectRemover remover_;
     Util::FileHandle handle_;
-    bool temporary_ = false;
 };
 
 }  // namespace Shared::FileZip

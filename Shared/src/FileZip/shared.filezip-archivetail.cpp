@@ -83,7 +83,7 @@ void Put(std::span<std::byte> record, const Field& field, std::uint64_t value) {
 }
 
 /// Exactly `size` bytes, or none at the end of the file.
-FileResult<std::vector<std::byte>> ReadBytes(const ArchiveFile& file, std::uint64_t offset, std::size_t size) {
+Win32Result<std::vector<std::byte>> ReadBytes(const ArchiveFile& file, std::uint64_t offset, std::size_t size) {
     std::vector<std::byte> bytes(size);
     const auto read = file.Read(offset, bytes);
     if (!read) {
@@ -126,7 +126,7 @@ bool ApplyZip64(Bytes records, std::uint64_t recordsOffset, ArchiveTail& tail) {
 }
 
 /// The length of the directory entry at that place; 0 when there is none.
-FileResult<std::uint64_t> EntryLengthAt(const ArchiveFile& file, std::uint64_t offset) {
+Win32Result<std::uint64_t> EntryLengthAt(const ArchiveFile& file, std::uint64_t offset) {
     const auto entry = ReadBytes(file, offset, DirectoryEntry::size);
     if (!entry) {
         return std::unexpected(entry.error());
@@ -139,7 +139,7 @@ FileResult<std::uint64_t> EntryLengthAt(const ArchiveFile& file, std::uint64_t o
 }
 
 /// The number of entries, when they follow one another up to the directory's end.
-FileResult<std::optional<std::uint64_t>> CountEntries(const ArchiveFile& file, const ArchiveTail& tail) {
+Win32Result<std::optional<std::uint64_t>> CountEntries(const ArchiveFile& file, const ArchiveTail& tail) {
     std::uint64_t offset = tail.directoryOffset;
     const std::uint64_t end = offset + tail.directorySize;
     std::uint64_t count = 0;
@@ -158,7 +158,8 @@ FileResult<std::optional<std::uint64_t>> CountEntries(const ArchiveFile& file, c
 
 /// Whether the tail is one: its directory ends at its records and begins with an entry. Corrects the count where the
 /// end record cannot state it.
-FileResult<bool> CheckDirectory(const ArchiveFile& file, ArchiveTail& tail, std::uint64_t recordsOffset, bool isZip64) {
+Win32Result<bool> CheckDirectory(const ArchiveFile& file, ArchiveTail& tail, std::uint64_t recordsOffset,
+                                 bool isZip64) {
     if (tail.directorySize > recordsOffset || tail.directoryOffset != recordsOffset - tail.directorySize ||
         tail.entryCount > tail.directorySize / DirectoryEntry::size) {
         return false;
@@ -182,8 +183,8 @@ FileResult<bool> CheckDirectory(const ArchiveFile& file, ArchiveTail& tail, std:
 }
 
 /// The tail whose end record is at `position`, when it agrees with its place and ends within `limit`.
-FileResult<std::optional<ArchiveTail>> TailWithRecordAt(const ArchiveFile& file, std::uint64_t position,
-                                                        std::uint64_t limit) {
+Win32Result<std::optional<ArchiveTail>> TailWithRecordAt(const ArchiveFile& file, std::uint64_t position,
+                                                         std::uint64_t limit) {
     const std::size_t before = position >= zip64Size ? zip64Size : 0;
     const auto bytes = ReadBytes(file, position - before, before + EndRecord::size);
     if (!bytes) {
@@ -213,19 +214,25 @@ FileResult<std::optional<ArchiveTail>> TailWithRecordAt(const ArchiveFile& file,
 }
 
 /// As TailWithRecordAt, when the directory also has the recorded number of entries.
-FileResult<std::optional<ArchiveTail>> ReadableTailAt(const ArchiveFile& file, std::uint64_t position,
-                                                      std::uint64_t limit) {
-    auto tail = TailWithRecordAt(file, position, limit);
-    if (!tail || !*tail) {
-        return tail;
+Win32Result<std::optional<ArchiveTail>> ReadableTailAt(const ArchiveFile& file, std::uint64_t position,
+                                                       std::uint64_t limit) {
+    auto found = TailWithRecordAt(file, position, limit);
+    if (!found) {
+        return found;
     }
-    const auto count = CountEntries(file, **tail);
-    if (!count) {
-        return std::unexpected(count.error());
+    std::optional<ArchiveTail>& tail = *found;
+    if (!tail) {
+        return found;
     }
-    const std::uint64_t recorded = (*tail)->entryCount;
-    const bool isReadable = *count && (**count == recorded || (**count & max16) == recorded);
-    return isReadable ? std::move(*tail) : std::nullopt;
+    const auto counted = CountEntries(file, *tail);
+    if (!counted) {
+        return std::unexpected(counted.error());
+    }
+    const std::optional<std::uint64_t>& count = *counted;
+    if (!count || (*count != tail->entryCount && (*count & max16) != tail->entryCount)) {
+        tail.reset();
+    }
+    return found;
 }
 
 /// Where end records may begin, the last place first.
@@ -282,7 +289,7 @@ ArchiveTail EmptyTail() {
     return tail;
 }
 
-FileResult<bool> IsBeginningOfEmpty(const ArchiveFile& file) {
+Win32Result<bool> IsBeginningOfEmpty(const ArchiveFile& file) {
     std::vector<std::byte> bytes(EndRecord::size);
     const auto read = file.Read(0, bytes);
     if (!read) {
@@ -292,7 +299,7 @@ FileResult<bool> IsBeginningOfEmpty(const ArchiveFile& file) {
     return *read < bytes.size() && std::ranges::equal(Bytes(bytes).first(*read), Bytes(empty.records).first(*read));
 }
 
-FileResult<TailSearch> ReadTail(const ArchiveFile& file) {
+Win32Result<TailSearch> ReadTail(const ArchiveFile& file) {
     const auto size = file.Size();
     if (!size) {
         return std::unexpected(size.error());
@@ -311,12 +318,12 @@ FileResult<TailSearch> ReadTail(const ArchiveFile& file) {
                 Get(record, EndRecord::commentLength) != record.size() - EndRecord::size) {
                 continue;
             }
-            auto tail = TailWithRecordAt(file, *size - record.size(), *size);
-            if (!tail) {
-                return std::unexpected(tail.error());
+            auto read = TailWithRecordAt(file, *size - record.size(), *size);
+            if (!read) {
+                return std::unexpected(read.error());
             }
-            if (*tail) {
-                return TailSearch{FileEnd::Tail, std::move(**tail)};
+            if (std::optional<ArchiveTail>& tail = *read; tail) {
+                return TailSearch{FileEnd::Tail, std::move(*tail)};
             }
             found.end = FileEnd::Unsupported;
         }
@@ -324,7 +331,7 @@ FileResult<TailSearch> ReadTail(const ArchiveFile& file) {
     return found;
 }
 
-FileResult<std::optional<ArchiveTail>> FindLastTail(const ArchiveFile& file) {
+Win32Result<std::optional<ArchiveTail>> FindLastTail(const ArchiveFile& file) {
     const auto size = file.Size();
     if (!size) {
         return std::unexpected(size.error());

@@ -42,12 +42,12 @@ struct TailSearch {
 };
 
 /// What the file ends in.
-[[nodiscard]] FileResult<TailSearch> ReadTail(const ArchiveFile& file);
+[[nodiscard]] Win32Result<TailSearch> ReadTail(const ArchiveFile& file);
 
 /// Whether the file is but the beginning of an archive without entries, cut short.
-[[nodiscard]] FileResult<bool> IsBeginningOfEmpty(const ArchiveFile& file);
+[[nodiscard]] Win32Result<bool> IsBeginningOfEmpty(const ArchiveFile& file);
 
 /// The last tail anywhere in the file whose directory can be read from entry to entry; nothing when there is none.
-[[nodiscard]] FileResult<std::optional<ArchiveTail>> FindLastTail(const ArchiveFile& file);
+[[nodiscard]] Win32Result<std::optional<ArchiveTail>> FindLastTail(const ArchiveFile& file);
 
 }  // namespace Shared::FileZip

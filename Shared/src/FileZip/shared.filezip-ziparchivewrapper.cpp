@@ -12,8 +12,8 @@
 #include "shared.exception-guardedlog.h"
 #include "shared.exception-messages.h"
 #include "shared.exception.h"
+#include "shared.filesystem-heldfile.h"
 #include "shared.filesystem-longpath.h"
-#include "shared.filesystem-removal.h"
 #include "shared.filezip-appendsource.h"
 #include "shared.util-functions.h"
 #include "shared.util-handle.h"
@@ -27,6 +27,7 @@ namespace {
 constexpr libzippp_uint32 deflateLevel = 5;
 
 using AddResult = ZipArchiveWrapper::AddResult;
+using Util::Win32Result;
 
 std::string NotArchived(const std::filesystem::path& source, std::string_view reason) {
     return fmt::format("Cannot archive file {}: {}", Util::ToUtf8Lossy(source), reason);
@@ -44,9 +45,9 @@ AddResult TooLarge(const std::filesystem::path& source, std::uint64_t size) {
 std::string Win32Reason(DWORD code) {
     switch (code) {
         case ERROR_CANT_RESOLVE_FILENAME:
-            return "the name stands for a link";
+            return "it is a symbolic link, junction or mount point";
         case ERROR_TOO_MANY_LINKS:
-            return "the file has further names (hard links)";
+            return "the file has further hard links";
         case ERROR_BAD_FORMAT:
             return "it is not a zip archive";
         default:
@@ -147,7 +148,7 @@ std::string FormatSize(std::uint64_t bytes) {
 }
 
 void ZipArchiveWrapper::Releaser::operator()(libzippp::ZipArchive* archive) const noexcept {
-    // Releasing must not write: what is worth writing has been by then.
+    // Every add has been written by then; the library's own destructor would write what failed.
     archive->discard();
     libzippp::ZipArchive::free(archive);
 }
@@ -162,87 +163,102 @@ struct ZipArchiveWrapper::SourceFile {
     /// The reason when it cannot be opened.
     static std::expected<SourceFile, std::string> Open(const std::filesystem::path& path) {
         const std::filesystem::path longForm = FileSystem::LongForm(path);
-        Util::FileHandle handle(CreateFileW(longForm.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                            OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+        auto handle = FileSystem::SharedWait().Retry([&]() -> Win32Result<Util::FileHandle> {
+            Util::FileHandle file(CreateFileW(longForm.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                              nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+            return file ? Win32Result<Util::FileHandle>(std::move(file)) : Util::LastError();
+        });
         if (!handle) {
-            return std::unexpected(Win32Reason(GetLastError()));
+            return std::unexpected(Win32Reason(handle.error()));
         }
         std::optional<std::string> libraryPath = LibraryPath(longForm);
         if (!libraryPath) {
             return std::unexpected("its name is not valid UTF-16");
         }
-        return SourceFile{.path = path, .handle = std::move(handle), .libraryPath = std::move(*libraryPath)};
+        return SourceFile{.path = path, .handle = *std::move(handle), .libraryPath = std::move(*libraryPath)};
     }
 };
 
 ZipArchiveWrapper::ZipArchiveWrapper(std::filesystem::path path, std::uint64_t maxArchiveSize, bool deleteOnClose)
     : path_(std::move(path)), maxArchiveSize_(maxArchiveSize), deleteOnClose_(deleteOnClose) {}
 
-ZipArchiveWrapper::~ZipArchiveWrapper() {
-    try {
-        Close();
-    } catch (const std::exception& failure) {
-        Exception::LogError("{}", failure.what());
-    }
-    archive_.reset();
-    if (deleteOnClose_ && !path_.empty()) {
-        FileSystem::FileObjectRemover(path_).Clear();
-    }
-}
+ZipArchiveWrapper::~ZipArchiveWrapper() = default;
 
 void ZipArchiveWrapper::Open(Creation creation) {
-    if (const OpenResult opened = TryOpen(creation); !opened) {
-        throw Exception::RuntimeException(opened.error());
+    if (path_.empty()) {
+        throw Exception::RuntimeException("Path to archive was empty");
+    }
+    if (const auto opened = TryOpen(creation); !opened) {
+        throw Exception::Win32Exception(CannotOpen(opened.error()), opened.error());
     }
 }
 
-ZipArchiveWrapper::OpenResult ZipArchiveWrapper::TryOpen(Creation creation) {
-    if (path_.empty()) {
-        return std::unexpected("Path to archive was empty");
-    }
+Win32Result<void> ZipArchiveWrapper::TryOpen(Creation creation) {
     ForgetTimeZoneVariable();
     archive_.reset();
-    source_ = std::make_unique<AppendInPlaceSource>(std::make_unique<Win32ArchiveFile>(path_));
-    const auto created = creation == Creation::Never ? FileResult<void>() : source_->Create();
-    OpenResult opened = created || created.error() == ERROR_FILE_EXISTS ? Reopen() : CannotOpen(created.error());
+    file_ = std::make_unique<Win32ArchiveFile>(path_);
+    source_ = std::make_unique<AppendInPlaceSource>(*file_);
+    auto opened = creation == Creation::New ? source_->Create() : source_->Prepare();
+    if (!opened && opened.error() == ERROR_FILE_NOT_FOUND && creation == Creation::IfMissing) {
+        opened = source_->Create();
+    }
+    opened = opened ? OpenLibrary() : opened;
     if (!opened) {
         source_.reset();
+        file_.reset();
+    } else if (deleteOnClose_) {
+        remover_.Release();
+        remover_ = FileSystem::FileObjectRemover(path_);
     }
     return opened;
 }
 
-std::unexpected<std::string> ZipArchiveWrapper::CannotOpen(DWORD code) const {
-    return std::unexpected(fmt::format("Cannot open archive {}: {}", Util::ToUtf8Lossy(path_), Win32Reason(code)));
+/// Opens the archive as it is on disk now; leaves none when that fails.
+Win32Result<void> ZipArchiveWrapper::Reopen() {
+    archive_.reset();
+    const auto prepared = source_->Prepare();
+    return prepared ? OpenLibrary() : prepared;
 }
 
-/// Opens the archive as it is on disk now; leaves none when that fails.
-ZipArchiveWrapper::OpenResult ZipArchiveWrapper::Reopen() {
-    archive_.reset();
-    if (const auto prepared = source_->Prepare(); !prepared) {
-        return CannotOpen(prepared.error());
-    }
+Win32Result<void> ZipArchiveWrapper::OpenLibrary() {
     zip_source_t* source = source_->NewSource();
     if (source == nullptr) {
-        return CannotOpen(ERROR_NOT_ENOUGH_MEMORY);
+        return std::unexpected<DWORD>(ERROR_NOT_ENOUGH_MEMORY);
     }
     archive_.reset(libzippp::ZipArchive::fromSource(source, libzippp::ZipArchive::Write));
     if (!archive_) {
         zip_source_free(source);
-        return CannotOpen(source_->LastFailure() != ERROR_SUCCESS ? source_->LastFailure() : ERROR_BAD_FORMAT);
+        return std::unexpected(source_->LastFailure() != ERROR_SUCCESS ? source_->LastFailure() : ERROR_BAD_FORMAT);
     }
     // The library would print its failures; they are in the results here.
     archive_->setErrorHandlerCallback([](const std::string&, const std::string&, int, int) {});
     return {};
 }
 
+std::string ZipArchiveWrapper::CannotOpen(DWORD code) const {
+    return fmt::format("Cannot open archive {}: {}", Util::ToUtf8Lossy(path_), Win32Reason(code));
+}
+
 void ZipArchiveWrapper::Close() {
     const bool failed = archive_ && archive_->close() != LIBZIPPP_OK;
     const std::string reason = failed ? WritingFailure() : std::string();
+    if (file_) {
+        identity_ = file_->Identity().value_or(FileIdentity());
+    }
     archive_.reset();
     source_.reset();
+    file_.reset();
     if (failed) {
         throw Exception::RuntimeException(reason);
     }
+}
+
+Util::FileHandle ZipArchiveWrapper::ReopenToCopy() const {
+    auto file = Win32ArchiveFile::OpenToRead(path_, identity_);
+    if (!file) {
+        throw Exception::Win32Exception(CannotOpen(file.error()), file.error());
+    }
+    return *std::move(file);
 }
 
 std::string ZipArchiveWrapper::WritingFailure() const {
@@ -253,22 +269,24 @@ std::string ZipArchiveWrapper::WritingFailure() const {
 
 /// Goes back to what is on disk. Returns what to add to a message: nothing, or that this failed too.
 std::string ZipArchiveWrapper::DropChanges() {
-    const OpenResult reopened = Reopen();
-    return reopened ? std::string() : "; " + reopened.error();
+    const auto reopened = Reopen();
+    return reopened ? std::string() : "; " + CannotOpen(reopened.error());
 }
 
-/// Adds by the given function, with the archive open: the one before it may have been left closed.
+/// Adds by the given function, with the archive open: the add before may have left it closed.
 template <class Add>
 AddResult ZipArchiveWrapper::WithOpenArchive(const std::filesystem::path& source, const Add& add) {
     try {
-        if (const OpenResult opened = archive_ ? OpenResult() : TryOpen(Creation::Never); !opened) {
-            return Failed(NotArchived(source, opened.error()));
+        if (!archive_) {
+            if (const auto opened = source_ ? Reopen() : TryOpen(Creation::Never); !opened) {
+                return Failed(NotArchived(source, CannotOpen(opened.error())));
+            }
         }
         return add();
     } catch (const std::exception& failure) {
         Exception::LogError("{}", failure.what());
-        const std::string trouble = source_ ? DropChanges() : std::string();
-        return Failed(NotArchived(source, "it could not be added, see the log") + trouble);
+        const std::string error = source_ ? DropChanges() : std::string();
+        return Failed(NotArchived(source, "it could not be added, see the log") + error);
     }
 }
 
@@ -325,9 +343,10 @@ AddResult ZipArchiveWrapper::AddOpened(const std::string& entryName, const Sourc
             source_->LastFailure() != ERROR_SUCCESS ? WritingFailure() : ReadingFailure(source.handle, size);
         return Failed(NotArchived(source.path, reason) + DropChanges());
     }
-    if (const OpenResult reopened = Reopen(); !reopened) {
-        return Failed(
-            fmt::format("File {} was archived, but then: {}", Util::ToUtf8Lossy(source.path), reopened.error()), true);
+    if (const auto reopened = Reopen(); !reopened) {
+        return Failed(fmt::format("File {} was archived, but then: {}", Util::ToUtf8Lossy(source.path),
+                                  CannotOpen(reopened.error())),
+                      true);
     }
     return CheckAdded(entryName, source, size, maxSize);
 }
@@ -352,7 +371,6 @@ bool ZipArchiveWrapper::Write(const std::string& entryName, const SourceFile& so
 
 AddResult ZipArchiveWrapper::CheckAdded(const std::string& entryName, const SourceFile& source, std::uint64_t size,
                                         std::uint64_t maxSize) {
-    const std::string name = Util::ToUtf8Lossy(source.path);
     const std::uint64_t archived = archive_->getEntry(entryName).getSize();
     if (maxSize != 0 && archived > maxSize) {
         AddResult excluded = TooLarge(source.path, archived);
@@ -360,16 +378,18 @@ AddResult ZipArchiveWrapper::CheckAdded(const std::string& entryName, const Sour
         return excluded;
     }
     if (maxArchiveSize_ != 0 && source_->FileSize() > maxArchiveSize_) {
-        return Failed(fmt::format("Excluded file {} ({}) as it exceeds the maximum archive size ({}).", name,
-                                  FormatSize(size), FormatSize(maxArchiveSize_)) +
+        return Failed(fmt::format("Excluded file {} ({}) as it exceeds the maximum archive size ({}).",
+                                  Util::ToUtf8Lossy(source.path), FormatSize(size), FormatSize(maxArchiveSize_)) +
                       Remove(entryName));
     }
     if (archived < size) {
-        return Failed(fmt::format("File {}: {}; what was read is archived", name, Shrank(size, archived)), true);
+        return Failed(fmt::format("File {}: {}; what was read is archived", Util::ToUtf8Lossy(source.path),
+                                  Shrank(size, archived)),
+                      true);
     }
     if (const std::uint64_t now = SizeOf(source.handle); now > archived) {
-        return Failed(fmt::format("File {} grew to {} bytes while it was read: its first {} bytes are archived", name,
-                                  now, archived),
+        return Failed(fmt::format("File {} grew to {} bytes while it was read: its first {} bytes are archived",
+                                  Util::ToUtf8Lossy(source.path), now, archived),
                       true);
     }
     return {};
@@ -377,11 +397,11 @@ AddResult ZipArchiveWrapper::CheckAdded(const std::string& entryName, const Sour
 
 /// Takes an entry out of the file on disk. Returns what to add to a message: nothing, or what went wrong.
 std::string ZipArchiveWrapper::Remove(const std::string& entryName) {
-    std::string trouble;
+    std::string error;
     if (archive_->deleteEntry(entryName) != 1 || archive_->close() != LIBZIPPP_OK) {
-        trouble = "; its entry could not be removed: " + WritingFailure();
+        error = "; its entry could not be removed: " + WritingFailure();
     }
-    return trouble + DropChanges();
+    return error + DropChanges();
 }
 
 void ZipArchiveWrapper::SetPath(std::filesystem::path path) {

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <windows.h>
-
 #include <libzippp/libzippp.h>
 
 #include <cstdint>
@@ -12,6 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "shared.filesystem-removal.h"
+#include "shared.filezip-archivefile.h"
+#include "shared.util-handle.h"
+#include "shared.util-win32result.h"
+
 namespace Shared::FileZip {
 
 class AppendInPlaceSource;
@@ -20,7 +23,8 @@ class AppendInPlaceSource;
 [[nodiscard]] std::string FormatSize(std::uint64_t bytes);
 
 /// The output archive: owns the zip file on disk and the open library archive on it. After every add the archive is
-/// closed and opened again, so that the file on disk always holds what has been added.
+/// closed and opened again, so that the file on disk always holds what has been added. No other process can open the
+/// file meanwhile.
 ///
 /// An add costs only the file it is asked to add: when the source vanishes, is locked or cannot be read to its end, or
 /// when the disk is full, the add returns a message that names the file and the reason, the archive stays valid and
@@ -28,11 +32,15 @@ class AppendInPlaceSource;
 /// tries again.
 ///
 /// Adding writes what is added, not what is there (see AppendInPlaceSource, which also says what a kill leaves).
-/// Replacing an entry and taking out one that is over the limit cost the whole archive; an entry whose replacement is
-/// over the limit is gone.
+/// Replacing an entry and taking out one that is over a limit cost the whole archive; an entry whose replacement is
+/// over a limit is gone.
 class ZipArchiveWrapper {
 public:
-    enum class Creation : std::uint8_t { IfMissing, Never };
+    enum class Creation : std::uint8_t {
+        IfMissing,
+        New,   ///< ERROR_FILE_EXISTS when anything exists at the path
+        Never  ///< ERROR_FILE_NOT_FOUND when there is no file
+    };
 
     /// What went wrong with an add.
     struct AddFailure {
@@ -51,16 +59,20 @@ public:
                                bool deleteOnClose = false);
     ZipArchiveWrapper(const ZipArchiveWrapper&) = delete;
     ZipArchiveWrapper& operator=(const ZipArchiveWrapper&) = delete;
-    /// Closes the archive; with deleteOnClose also removes the file.
+    /// Closes the archive; with deleteOnClose also removes the file that was opened last.
     ~ZipArchiveWrapper();
 
-    /// Opens the archive at the path, keeping existing entries; where there is no file, creates one, which is a whole
-    /// zip without entries at once. Throws RuntimeException "Path to archive was empty" or, when the file cannot be
-    /// opened as an archive, one that names it and the reason.
+    /// Opens the archive at the path, keeping existing entries, or creates one, which is a whole zip without entries at
+    /// once. Throws RuntimeException "Path to archive was empty", or Win32Exception when the file cannot be opened or
+    /// is no archive.
     void Open(Creation creation = Creation::IfMissing);
 
-    /// Closes the archive; throws RuntimeException when the library cannot write it.
+    /// Closes the archive and its file; throws RuntimeException when the library cannot write it.
     void Close();
+
+    /// After Close: opens the file for reading, so that other processes can do no more than that until the handle is
+    /// closed. Throws Win32Exception, of ERROR_FILE_INVALID when another file has taken the archive's place.
+    [[nodiscard]] Util::FileHandle ReopenToCopy() const;
 
     /// Points the wrapper at another file, which the next Open opens.
     void SetPath(std::filesystem::path path);
@@ -87,11 +99,10 @@ private:
         void operator()(libzippp::ZipArchive* archive) const noexcept;
     };
 
-    using OpenResult = std::expected<void, std::string>;
-
-    [[nodiscard]] OpenResult TryOpen(Creation creation);
-    [[nodiscard]] std::unexpected<std::string> CannotOpen(DWORD code) const;
-    [[nodiscard]] OpenResult Reopen();
+    [[nodiscard]] Util::Win32Result<void> TryOpen(Creation creation);
+    [[nodiscard]] Util::Win32Result<void> Reopen();
+    [[nodiscard]] Util::Win32Result<void> OpenLibrary();
+    [[nodiscard]] std::string CannotOpen(DWORD code) const;
     [[nodiscard]] std::string DropChanges();
     [[nodiscard]] std::string Remove(const std::string& entryName);
     [[nodiscard]] std::string WritingFailure() const;
@@ -104,12 +115,16 @@ private:
     AddResult CheckAdded(const std::string& entryName, const SourceFile& source, std::uint64_t size,
                          std::uint64_t maxSize);
 
+    FileSystem::FileObjectRemover remover_;
     std::filesystem::path path_;
-    /// Null while the archive is closed; outlives the archive opened over it.
-    std::unique_ptr<AppendInPlaceSource> source_;
-    std::unique_ptr<libzippp::ZipArchive, Releaser> archive_;
     std::uint64_t maxArchiveSize_ = 0;
     bool deleteOnClose_ = false;
+    /// Of the file as it was closed.
+    FileIdentity identity_;
+    /// Null while the archive is closed. Each is used by the next one.
+    std::unique_ptr<Win32ArchiveFile> file_;
+    std::unique_ptr<AppendInPlaceSource> source_;
+    std::unique_ptr<libzippp::ZipArchive, Releaser> archive_;
 };
 
 }  // namespace Shared::FileZip

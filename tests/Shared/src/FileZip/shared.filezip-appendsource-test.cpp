@@ -34,7 +34,8 @@ Contents ReadZip(const Image& image) {
         return {};
     }
     Disk disk{.file = image};
-    AppendInPlaceSource source(std::make_unique<DiskFile>(disk));
+    DiskFile file(disk);
+    AppendInPlaceSource source(file);
     if (!source.Prepare() || *disk.file != image) {
         return {{"fault", "the end is torn"}};
     }
@@ -45,7 +46,8 @@ Contents ReadZip(const Image& image) {
 /// Opens or creates the archive on the disk, changes it, and closes it; false when it could not be written.
 template <class Change>
 bool Edit(Disk& disk, const Change& change) {
-    AppendInPlaceSource source(std::make_unique<DiskFile>(disk));
+    DiskFile file(disk);
+    AppendInPlaceSource source(file);
     if ((!disk.file && !source.Create()) || !source.Prepare()) {
         return false;
     }
@@ -119,7 +121,8 @@ TEST(AppendInPlaceSourceTest, AKillAfterAnyWriteLeavesEveryEarlierEntry) {
                 change.ApplyTo(*killed.file, done);
                 if (killed.file->Size() > image.Size() && done != whole) {
                     // Only the write of a copy behind the end may leave something to be repaired.
-                    AppendInPlaceSource source(std::make_unique<DiskFile>(killed));
+                    DiskFile file(killed);
+                    AppendInPlaceSource source(file);
                     ASSERT_TRUE(source.Prepare());
                     EXPECT_EQ(ReadZip(*killed.file), before);
                 } else {
@@ -213,7 +216,8 @@ TEST(AppendInPlaceSourceTest, OnlyATornEndIsRepaired) {
     foreign.Write(foreign.Size(), WriteZip({{"c", "third"}}).Read(0, 1000));
     for (const auto& [before, after] : {std::pair{torn, whole}, {whole, whole}, {foreign, foreign}}) {
         Disk disk{.file = before};
-        AppendInPlaceSource source(std::make_unique<DiskFile>(disk));
+        DiskFile file(disk);
+        AppendInPlaceSource source(file);
         EXPECT_TRUE(source.Prepare());
         EXPECT_TRUE(*disk.file == after);
     }

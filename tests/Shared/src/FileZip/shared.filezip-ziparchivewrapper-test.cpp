@@ -23,11 +23,15 @@ using testing::Pair;
 using TestSupport::Contents;
 using TestSupport::Noise;
 
-/// The archive on disk at this moment; opening it also shows that a user may look at it.
-Contents OnDisk(const fs::path& path) {
-    libzippp::ZipArchive archive(Util::ToUtf8Lossy(path));
-    return archive.open(libzippp::ZipArchive::ReadOnly, true) ? TestSupport::ContentsOf(archive)
-                                                              : Contents{{"fault", ""}};
+/// What the archive's file holds, which nothing can read before it is closed.
+Contents OnDisk(ZipArchiveWrapper& zip) {
+    zip.Close();
+    libzippp::ZipArchive archive(Util::ToUtf8Lossy(zip.Path()));
+    const bool opened = archive.open(libzippp::ZipArchive::ReadOnly, true);
+    Contents contents = opened ? TestSupport::ContentsOf(archive) : Contents{{"fault", ""}};
+    archive.discard();
+    zip.Open(ZipArchiveWrapper::Creation::Never);
+    return contents;
 }
 
 Util::FileHandle Hold(const fs::path& path, DWORD access, DWORD sharing) {
@@ -44,7 +48,7 @@ class ZipArchiveWrapperTest : public testing::Test {
 protected:
     ZipArchiveWrapperTest() {
         zip_.Open();
-        EXPECT_EQ(OnDisk(path_), Contents());
+        EXPECT_EQ(OnDisk(zip_), Contents());
         EXPECT_TRUE(zip_.AddFile("kept", Source(L"kept", "kept")));
     }
 
@@ -61,10 +65,10 @@ protected:
 TEST_F(ZipArchiveWrapperTest, EveryAddIsOnDiskAtOnce) {
     EXPECT_TRUE(zip_.AddFile("LOG_0\\first.log", Source(L"first.log", "first")));
     Contents expected{{"kept", "kept"}, {"LOG_0/", ""}, {"LOG_0/first.log", "first"}};
-    EXPECT_EQ(OnDisk(path_), expected);
+    EXPECT_EQ(OnDisk(zip_), expected);
     EXPECT_TRUE(zip_.AddFileToFolder(L"LOG_1", Source(L"s\u00e9cond.log", "")));
     expected.insert(expected.end(), {{"LOG_1/", ""}, {"LOG_1/s\u00e9cond.log", ""}});
-    EXPECT_EQ(OnDisk(path_), expected);
+    EXPECT_EQ(OnDisk(zip_), expected);
     const fs::path deep = folder_ / std::wstring(200, L'n') / std::wstring(200, L'n');
     for (const fs::path& folder : {deep.parent_path(), deep}) {
         ASSERT_TRUE(CreateDirectoryW(FileSystem::LongForm(folder).c_str(), nullptr));
@@ -75,7 +79,7 @@ TEST_F(ZipArchiveWrapperTest, EveryAddIsOnDiskAtOnce) {
     EXPECT_TRUE(zip_.AddFile("LOG_0/first.log", Source(L"first.log", "replaced")));
     expected.erase(expected.begin() + 2);
     expected.insert(expected.end(), {{"LOG_1/deep.log", TestSupport::Brief(data)}, {"LOG_0/first.log", "replaced"}});
-    EXPECT_EQ(OnDisk(path_), expected);
+    EXPECT_EQ(OnDisk(zip_), expected);
 }
 
 TEST_F(ZipArchiveWrapperTest, AFileThatCannotBeReadCostsItselfOnly) {
@@ -95,7 +99,7 @@ TEST_F(ZipArchiveWrapperTest, AFileThatCannotBeReadCostsItselfOnly) {
     }
     const Util::FileHandle held = Hold(locked, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE);
     EXPECT_EQ(ErrorOf(zip_.AddFile("next", locked)), "added");
-    EXPECT_EQ(OnDisk(path_), (Contents{{"kept", "kept"}, {"next", "locked"}}));
+    EXPECT_EQ(OnDisk(zip_), (Contents{{"kept", "kept"}, {"next", "locked"}}));
 }
 
 TEST_F(ZipArchiveWrapperTest, AFileThatChangesItsSizeMeanwhileIsReported) {
@@ -116,10 +120,10 @@ TEST_F(ZipArchiveWrapperTest, AFileThatChangesItsSizeMeanwhileIsReported) {
     // Some releases of the library give the part that could be read, others nothing: then the rest is read.
     EXPECT_THAT(addWhile("shrinking", 1000),
                 AnyOf("added", AllOf(HasSubstr("in part: "), HasSubstr("it shrank from 25165824 to "))));
-    EXPECT_THAT(OnDisk(path_), testing::ElementsAre(Pair("kept", "kept"), Pair("shrinking", HasSubstr(" bytes "))));
+    EXPECT_THAT(OnDisk(zip_), testing::ElementsAre(Pair("kept", "kept"), Pair("shrinking", HasSubstr(" bytes "))));
     EXPECT_THAT(addWhile("growing", data.size() + 1),
                 AllOf(HasSubstr("in part: "), HasSubstr("grew to 25165825 bytes")));
-    EXPECT_THAT(OnDisk(path_), testing::Contains(Pair("growing", TestSupport::Brief(data))));
+    EXPECT_THAT(OnDisk(zip_), testing::Contains(Pair("growing", TestSupport::Brief(data))));
 }
 
 TEST_F(ZipArchiveWrapperTest, FilesOfOneNameAreNumbered) {
@@ -143,7 +147,7 @@ TEST_F(ZipArchiveWrapperTest, AnArchiveThatCannotBeWrittenStaysAsItIs) {
     EXPECT_THAT(ErrorOf(zip.AddFile("kept", Source(L"other", "other"))), HasSubstr("could not be written: "));
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_TRUE(zip.AddFile("next", folder_ / L"other"));
-    EXPECT_EQ(OnDisk(zip.Path()), (Contents{{"kept", "kept"}, {"next", "other"}}));
+    EXPECT_EQ(OnDisk(zip), (Contents{{"kept", "kept"}, {"next", "other"}}));
 }
 
 TEST_F(ZipArchiveWrapperTest, EntryTimesAreLocalTimeByWindows) {
@@ -158,6 +162,7 @@ TEST_F(ZipArchiveWrapperTest, EntryTimesAreLocalTimeByWindows) {
     ASSERT_TRUE(TzSpecificLocalTimeToSystemTime(nullptr, &local, &utc) && SystemTimeToFileTime(&utc, &time));
     ASSERT_TRUE(SetFileTime(Hold(Source(L"new", "new"), FILE_WRITE_ATTRIBUTES, 0).Get(), nullptr, nullptr, &time));
     EXPECT_TRUE(zip_.AddFile("new", folder_ / L"new") && zip_.AddFile("next", folder_ / L"kept"));
+    zip_.Close();
     const std::string bytes = TestSupport::ReadFile(path_);
     for (const auto& [signature, offset] : {std::pair{"PK\3\4", 30U}, {"PK\1\2", 46U}}) {
         std::size_t record = bytes.find(signature, bytes.find(signature) + 1);
@@ -170,41 +175,51 @@ TEST_F(ZipArchiveWrapperTest, EntryTimesAreLocalTimeByWindows) {
     EXPECT_NE(GetEnvironmentVariableW(L"TZ", nullptr, 0), 0U);  // child processes keep it
 }
 
-TEST_F(ZipArchiveWrapperTest, TheLimitIsForTheFileOnDisk) {
+TEST_F(ZipArchiveWrapperTest, FilesOverALimitAreTakenOutAgain) {
     EXPECT_EQ(FormatSize(1023) + FormatSize(1024) + FormatSize(1048575) + FormatSize(1048576), "1023 B1 kB1023 kB1 MB");
     const fs::path source = Source(L"noise.bin", Noise(5000));
-    const auto addWith = [&](const wchar_t* name, std::uint64_t limit) {
-        ZipArchiveWrapper zip(folder_ / name, limit);
+    const auto addWith = [&](std::uint64_t limit, const Contents& expected) {
+        ZipArchiveWrapper zip(folder_ / std::to_wstring(limit), limit);
         zip.Open();
-        EXPECT_TRUE(zip.AddFile("F_0/small", Source(L"small", "small")));
-        return ErrorOf(zip.AddFile("F_0/noise.bin", source));
+        EXPECT_TRUE(zip.AddFile("F_0/small", Source(L"small", "small")) || limit == 10);
+        const std::string error = ErrorOf(zip.AddFile("F_0/noise.bin", source));
+        EXPECT_EQ(OnDisk(zip), expected);
+        return error;
     };
-    EXPECT_EQ(addWith(L"free.zip", 0), "added");
-    const std::uintmax_t size = fs::file_size(folder_ / L"free.zip");
-    EXPECT_EQ(addWith(L"exact.zip", size), "added");
-    EXPECT_EQ(addWith(L"over.zip", size - 1), "Excluded file " + Util::ToUtf8Lossy(source) +
-                                                  " (4 kB) as it exceeds the maximum archive size (" +
-                                                  FormatSize(size - 1) + ").");
-    EXPECT_LT(fs::file_size(folder_ / L"over.zip"), size - 5000);
-    EXPECT_EQ(OnDisk(folder_ / L"over.zip"), (Contents{{"F_0/", ""}, {"F_0/small", "small"}}));
-    ZipArchiveWrapper tiny(folder_ / L"tiny.zip", 10);
-    tiny.Open();
-    EXPECT_FALSE(tiny.AddFile("only", source));
-    EXPECT_EQ(OnDisk(tiny.Path()), Contents());
+    const Contents small{{"F_0/", ""}, {"F_0/small", "small"}};
+    Contents both = small;
+    both.emplace_back("F_0/noise.bin", TestSupport::Brief(Noise(5000)));
+    EXPECT_EQ(addWith(0, both), "added");
+    const std::uintmax_t size = fs::file_size(folder_ / L"0");
+    EXPECT_EQ(addWith(size, both), "added");
+    for (const auto& [limit, expected] : {std::pair{size - 1, small}, {10, {{"F_0/", ""}}}}) {
+        EXPECT_EQ(addWith(limit, expected), "Excluded file " + Util::ToUtf8Lossy(source) +
+                                                " (4 kB) as it exceeds the maximum archive size (" + FormatSize(limit) +
+                                                ").");
+    }
+
+    const auto tooLarge = zip_.AddFileToFolder(L"F_0", source, 4999);
+    EXPECT_TRUE(!tooLarge && tooLarge.error().tooLarge == 5000U && !tooLarge.error().isArchived);
+    EXPECT_EQ(OnDisk(zip_), (Contents{{"kept", "kept"}}));
+    EXPECT_TRUE(zip_.AddFileToFolder(L"F_0", source, 5000));
 }
 
 TEST_F(ZipArchiveWrapperTest, OnlyAnArchiveOfItsOwnIsOpened) {
+    using enum ZipArchiveWrapper::Creation;
     zip_.Close();
-    const fs::path text = Source(L"text.zip", "this is no archive, but some text");
     const fs::path linked = Source(L"linked.zip", TestSupport::ReadFile(path_));
     ASSERT_TRUE(CreateHardLinkW((folder_ / L"link.zip").c_str(), linked.c_str(), nullptr));
-    for (const auto& [path, reason] : {std::pair{fs::path(), "Path to archive was empty"},
-                                       {text, "text.zip: it is not a zip archive"},
-                                       {folder_ / L"none" / L"out.zip", "(3)"},
-                                       {linked, "hard links"}}) {
-        EXPECT_THAT([&] { ZipArchiveWrapper(path).Open(); },
-                    testing::ThrowsMessage<Exception::RuntimeException>(HasSubstr(reason)));
+    for (const auto& [path, creation, reason] :
+         {std::tuple{fs::path(), IfMissing, "Path to archive was empty"},
+          {Source(L"text.zip", "this is no archive, but some text"), IfMissing, "text.zip: it is not a zip archive"},
+          {folder_ / L"none" / L"out.zip", IfMissing, "(3)"},
+          {folder_ / L"missing.zip", Never, "(2)"},
+          {path_, New, "(80)"},
+          {linked, IfMissing, "hard links"}}) {
+        EXPECT_THAT([&] { ZipArchiveWrapper(path).Open(creation); },
+                    testing::ThrowsMessage<std::runtime_error>(HasSubstr(reason)));
     }
+    EXPECT_FALSE(fs::exists(folder_ / L"missing.zip"));
     {
         const Util::FileHandle lock = Hold(path_, GENERIC_READ, FILE_SHARE_READ);
         EXPECT_THAT(ErrorOf(zip_.AddFile("next", folder_ / L"kept")), AllOf(HasSubstr("kept"), HasSubstr("(32)")));
@@ -213,14 +228,36 @@ TEST_F(ZipArchiveWrapperTest, OnlyAnArchiveOfItsOwnIsOpened) {
     zip_.Close();
     TestSupport::WriteFile(path_, TestSupport::ReadFile(path_) + std::string(100000, '\0') + "PK\1\2 a torn copy");
     zip_.Open();
-    EXPECT_EQ(OnDisk(path_), (Contents{{"kept", "kept"}, {"next", "kept"}}));
+    EXPECT_EQ(OnDisk(zip_), (Contents{{"kept", "kept"}, {"next", "kept"}}));
+}
+
+TEST_F(ZipArchiveWrapperTest, NoOtherProcessChangesItWhileItIsOpenOrCopied) {
+    const auto access = [this](DWORD wanted) {
+        const Util::FileHandle file(CreateFileW(path_.c_str(), wanted,
+                                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                                OPEN_EXISTING, 0, nullptr));
+        return file ? ERROR_SUCCESS : GetLastError();
+    };
+    for (const char* name : {"kept", "next"}) {  // replaced, so that the file is another one; and added
+        EXPECT_TRUE(zip_.AddFile(name, folder_ / L"kept"));
+        EXPECT_EQ(access(GENERIC_READ), DWORD{ERROR_SHARING_VIOLATION});
+    }
+    zip_.Close();
+    {
+        const Util::FileHandle copied = zip_.ReopenToCopy();
+        EXPECT_EQ(access(GENERIC_READ), DWORD{ERROR_SUCCESS});
+        EXPECT_EQ(access(GENERIC_WRITE), DWORD{ERROR_SHARING_VIOLATION});
+        EXPECT_EQ(access(DELETE), DWORD{ERROR_SHARING_VIOLATION});
+    }
+    fs::rename(path_, folder_ / L"moved");
+    fs::copy_file(folder_ / L"moved", path_);
+    EXPECT_THROW((void)zip_.ReopenToCopy(), Exception::Win32Exception);
 
     {
         ZipArchiveWrapper passing({}, 0, true);
         passing.SetPath(folder_ / L"passing.zip");
-        passing.Open();
-        EXPECT_TRUE(passing.AddFile("kept", folder_ / L"kept"));
-        EXPECT_EQ(OnDisk(passing.Path()), (Contents{{"kept", "kept"}}));
+        passing.Open(ZipArchiveWrapper::Creation::New);
+        EXPECT_TRUE(fs::exists(passing.Path()));
     }
     EXPECT_FALSE(fs::exists(folder_ / L"passing.zip"));
 }

@@ -102,7 +102,7 @@ struct Disk {
     bool failsFromThenOn = false;
 };
 
-using Shared::FileZip::FileResult;
+using Shared::FileZip::Win32Result;
 
 /// A file of that disk under the source that is tested.
 class DiskFile final : public Shared::FileZip::ArchiveFile {
@@ -110,32 +110,31 @@ public:
     explicit DiskFile(Disk& disk) : DiskFile(disk, disk.file) {}
     DiskFile(Disk& disk, std::optional<Image>& file) : disk_(disk), file_(file) {}
 
-    FileResult<void> Open() override {
-        return file_ ? FileResult<void>() : std::unexpected<DWORD>(ERROR_FILE_NOT_FOUND);
+    Win32Result<void> Open() override {
+        return file_ ? Win32Result<void>() : std::unexpected<DWORD>(ERROR_FILE_NOT_FOUND);
     }
-    FileResult<void> Create() override { return file_.emplace(), FileResult<void>(); }
-    void Close() noexcept override {}
-    [[nodiscard]] FileResult<std::uint64_t> Size() const override { return file_->Size(); }
-    [[nodiscard]] FileResult<std::size_t> Read(std::uint64_t offset, std::span<std::byte> to) const override {
+    Win32Result<void> Create() override { return file_.emplace(), Win32Result<void>(); }
+    [[nodiscard]] Win32Result<std::uint64_t> Size() const override { return file_->Size(); }
+    [[nodiscard]] Win32Result<std::size_t> Read(std::uint64_t offset, std::span<std::byte> to) const override {
         const std::string bytes = file_->Read(offset, to.size());
         std::ranges::copy(std::as_bytes(std::span(bytes)), to.begin());
         return bytes.size();
     }
-    FileResult<void> Write(std::uint64_t offset, std::span<const std::byte> from) override {
+    Win32Result<void> Write(std::uint64_t offset, std::span<const std::byte> from) override {
         return Do({std::nullopt, offset, std::string(reinterpret_cast<const char*>(from.data()), from.size())});
     }
-    FileResult<void> Truncate(std::uint64_t size) override { return Do({size, 0, {}}); }
-    [[nodiscard]] FileResult<std::unique_ptr<ArchiveFile>> CreateSibling() override {
+    Win32Result<void> Truncate(std::uint64_t size) override { return Do({size, 0, {}}); }
+    [[nodiscard]] Win32Result<std::unique_ptr<ArchiveFile>> CreateSibling() override {
         disk_.sibling.emplace();
         return std::make_unique<DiskFile>(disk_, disk_.sibling);
     }
-    FileResult<void> ReplaceBy(ArchiveFile&) override {
+    Win32Result<void> ReplaceBy(ArchiveFile&) override {
         file_ = std::exchange(disk_.sibling, std::nullopt);
         return {};
     }
 
 private:
-    FileResult<void> Do(Disk::Change change) {
+    Win32Result<void> Do(Disk::Change change) {
         if (disk_.failing && (*disk_.failing)-- == 0) {
             change.ApplyTo(*file_, change.bytes.size() / 2);
             disk_.failing = disk_.failsFromThenOn ? std::optional<std::size_t>(0) : std::nullopt;
