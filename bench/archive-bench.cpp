@@ -47,7 +47,7 @@ void ByLibrary(const std::string& archive, const std::vector<std::string>& files
         const std::string name = "LOGS_0/" + file;
         Require(zip.addFile(name, file), file);
         libzippp::ZipEntry entry = zip.getEntry(name);
-        Require(entry.setCompressionMethod(libzippp::DEFLATE) && entry.setCompressionLevel(6), file);
+        Require(entry.setCompressionMethod(libzippp::DEFLATE) && entry.setCompressionLevel(5), file);
         Require(!reopen || (zip.close() == LIBZIPPP_OK && zip.open(libzippp::ZipArchive::Write)), file);
     }
     Require(zip.close() == LIBZIPPP_OK, archive);

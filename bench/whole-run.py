@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Measures a whole run on the demo machine: whole-run.py PREFIX PROGRAM FOLDER ROUNDS
 
-Prints one table: the wall time, the part of it that the rows which run commands took, and the rest.
+Prints one table: the wall time, the part of it that the rows which run commands took, and the rest, which has a limit:
+the exit status is 1 when it is broken.
 """
 import json
 import pathlib
@@ -14,6 +15,7 @@ import zipfile
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "demo"))
 
+import limits  # noqa: E402
 import machine  # noqa: E402
 
 
@@ -42,6 +44,9 @@ def main():
     print("|---|---:|---:|---:|")
     print(f"| {rows} rows, {size / (1 << 20):.1f} MB collected | {wall:.2f} | {children:.2f} | {rest:.2f} |")
     print(f"\nThe wall time includes the start of the program under Wine. Medians of {len(runs)} rounds.")
+    report = limits.Report()
+    report.check("whole run without its commands, s", rest, 0.5)
+    sys.exit(report.finish())
 
 
 main()
