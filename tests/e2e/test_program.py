@@ -407,6 +407,44 @@ class WorkingFolder(Case):
             self.assertNotIn(b"Unknown command.", archive.entries[name][1], name)
 
 
+class Planted(Case):
+    runs = 50
+    names = ["manifest.json", "agent-cli.1.log", "lacli_traffic_rdns.log", "lacli_tunnel.log", "regval.txt",
+             "registry-oxm.txt", "lumora-access-agent.txt", *(f"{name}.txt" for name in SAMPLE_FILES)]
+
+    def test_folders_and_locks_under_its_names_cost_neither_manifest_nor_log(self):
+        numbers = random.Random(815)
+        plans = [(number, ["-o", "-l"] if number % 5 else [], [(numbers.random() ** 2, name) for name in
+                                                              numbers.sample(self.names, 6)])
+                 for number in range(self.runs)]
+        with concurrent.futures.ThreadPoolExecutor(2) as lanes:
+            list(lanes.map(self.run_among, *zip(*plans)))
+
+    def run_among(self, number, arguments, plants):
+        folder = self.scratch / str(number)
+        folder.mkdir()
+        process = FULL.start(EXE, "agent", "collect-diagnostics", *arguments, cwd=folder)
+        holders, start = [], time.monotonic()
+        for index, (moment, name) in enumerate(sorted(plants)):
+            time.sleep(max(0, start + (2 if not arguments else 1) * moment - time.monotonic()))
+            with contextlib.suppress(FileExistsError):
+                if index or number % 5:
+                    (folder / name / "inside").mkdir(parents=True)
+                else:
+                    (folder / name).touch(exist_ok=False)
+                    holders.append(FULL.start(TOOL, "hold", windows_path(folder / name), "4000"))
+        printed, _ = process.communicate()
+        for holder in holders:
+            holder.kill()
+            holder.communicate()
+        self.assertEqual((process.returncode, printed.decode()),
+                         (0, f"Diagnostics zip located at: {windows_path(folder / 'diagnostics.zip')}\r\n"), plants)
+        archive = Archive(folder / "diagnostics.zip")
+        users = len(FULL.profiles())
+        self.assertEqual(len(archive.rows), 11 + 4 * users if arguments else 29 + 6 * users, plants)
+        self.assertIn("agent-cli.log", archive.names)
+
+
 class Kill(Case):
     runs = 50
 
