@@ -16,6 +16,7 @@
 #include "agentcore.diagnostics-manifest.h"
 #include "agentcore.diagnostics-set.h"
 #include "agentcore.diagnostics-sets.h"
+#include "shared.concurrency-interrupt.h"
 #include "shared.exception-guardedlog.h"
 #include "shared.exception.h"
 #include "shared.filesystem-longpath.h"
@@ -28,6 +29,8 @@ namespace AgentCLI::Core::Commands::Agent {
 namespace fs = std::filesystem;
 using AgentCore::Diagnostics::CollectorRow;
 using AgentCore::Diagnostics::CollectorStatus;
+using Shared::Concurrency::IsConsoleClosing;
+using Shared::Concurrency::IsInterrupted;
 using Shared::FileZip::ZipArchiveWrapper;
 
 namespace {
@@ -133,6 +136,7 @@ void CollectDiagnostics::RunCollectorSets(const CollectDiagnosticsOptions& optio
 }
 
 void CollectDiagnostics::Run(const CollectDiagnosticsOptions& options) {
+    const Shared::Concurrency::InterruptWatch watch;
     const fs::path destination = options.path.empty() ? fs::path() : DestinationPath(options.path);
     Shared::FileSystem::FreeName(archiveName);
     ZipArchiveWrapper zip{archiveName};
@@ -146,10 +150,15 @@ void CollectDiagnostics::Run(const CollectDiagnosticsOptions& options) {
     AddLog(zip);
     failure.Rethrow();
 
-    if (!destination.empty()) {
+    // A closing console leaves no time for the copy.
+    if (!destination.empty() && !IsConsoleClosing()) {
         MoveArchive(zip, destination);
     }
     Print("Diagnostics zip located at: {}\n", Shared::Util::ToUtf8Lossy(Absolute(zip.Path())));
+    if (IsInterrupted()) {
+        // The exit status alone: the parser prints nothing for this one.
+        throw CLI::RuntimeError(1);
+    }
 }
 
 }  // namespace AgentCLI::Core::Commands::Agent

@@ -30,7 +30,8 @@ public:
     /// prints where it is. When sets or the manifest fail, the archive stays in the current directory with all that
     /// the others gave and the log, and the first failure is thrown. Throws std::filesystem::filesystem_error when
     /// files cannot be removed or moved, the archive's and the manifest's exceptions, and what DestinationPath throws
-    /// before anything is collected.
+    /// before anything is collected. When the console interrupts the run, what is
+    /// there is delivered, without the move if the console is closing, and CLI::RuntimeError 1 is thrown.
     static void Run(const CollectDiagnosticsOptions& options);
 
     /// Runs the sets of the selected types in their fixed order (no flag selects all) and appends their statuses.

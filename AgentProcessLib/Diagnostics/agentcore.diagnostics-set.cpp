@@ -12,6 +12,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "shared.concurrency-interrupt.h"
 #include "shared.filesystem-heldfile.h"
 #include "shared.util-functions.h"
 
@@ -19,6 +20,7 @@ namespace AgentCore::Diagnostics {
 
 namespace {
 
+using Shared::Concurrency::IsInterrupted;
 using Shared::Util::SanitiseUtf8;
 
 // ISO 8601, whatever the user's locale.
@@ -57,6 +59,10 @@ void RunCollectors(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapper& 
     const std::filesystem::path folder = UniqueEntryFolder(row.type, zip);
     for (const CollectorRow::Run& run : row.collectors) {
         Merge(status, run(folder, zip));
+        if (IsInterrupted()) {
+            status.errors.emplace_back("Interrupted.");
+            break;
+        }
     }
     status.diagnostic.set_archive_path(Shared::Util::ToUtf8Lossy(folder));
 }
@@ -77,6 +83,32 @@ std::string OriginOf(const CollectorRow& row) {
         // The row's collectors meet the same failure and report it.
         return {};
     }
+}
+
+void Describe(const CollectorRow& row, ::Diagnostics::Diagnostic& diagnostic) {
+    diagnostic.set_type(static_cast<::Diagnostics::DiagnosticType>(row.type));
+    diagnostic.set_name(SanitiseUtf8(row.name));
+    diagnostic.set_origin(SanitiseUtf8(OriginOf(row)));
+}
+
+void AddMessages(CollectorStatus& status) {
+    status.diagnostic.set_success(status.success);
+    for (const std::string& message : status.errors) {
+        status.diagnostic.add_errors(SanitiseUtf8(message));
+    }
+}
+
+CollectorStatus NotRun(const CollectorRow& row) {
+    CollectorStatus status = Unsuccessful("Not run: the collection was interrupted.");
+    Describe(row, status.diagnostic);
+    AddMessages(status);
+    return status;
+}
+
+std::uint32_t MillisecondsSince(std::chrono::steady_clock::time_point start) {
+    using Milliseconds = std::chrono::duration<std::uint64_t, std::milli>;
+    const auto passed = std::chrono::duration_cast<Milliseconds>(std::chrono::steady_clock::now() - start).count();
+    return static_cast<std::uint32_t>(std::min<std::uint64_t>(passed, std::numeric_limits<std::uint32_t>::max()));
 }
 
 }  // namespace
@@ -106,19 +138,11 @@ CollectorStatus RunRow(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapp
     try {
         const auto start = std::chrono::steady_clock::now();
         Shared::FileSystem::RenewSharedWait();
-        status.diagnostic.set_type(static_cast<::Diagnostics::DiagnosticType>(row.type));
-        status.diagnostic.set_name(SanitiseUtf8(row.name));
-        status.diagnostic.set_origin(SanitiseUtf8(OriginOf(row)));
+        Describe(row, status.diagnostic);
         status.diagnostic.set_started_at(UtcNow());
         RunWithinBoundary(row, zip, status);
-        status.diagnostic.set_success(status.success);
-        for (const std::string& message : status.errors) {
-            status.diagnostic.add_errors(SanitiseUtf8(message));
-        }
-        const auto duration =
-            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-        status.diagnostic.set_duration_ms(
-            static_cast<std::uint32_t>(std::min<std::int64_t>(duration, std::numeric_limits<std::uint32_t>::max())));
+        AddMessages(status);
+        status.diagnostic.set_duration_ms(MillisecondsSince(start));
     } catch (...) {  // NOLINT(bugprone-empty-catch)
         // Out of memory: what the status holds so far is all that can be said.
     }
@@ -128,8 +152,9 @@ CollectorStatus RunRow(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapp
 std::vector<CollectorStatus> RunSet(std::span<const CollectorRow> rows, Shared::FileZip::ZipArchiveWrapper& zip) {
     std::vector<CollectorStatus> statuses;
     statuses.reserve(rows.size());
-    std::ranges::transform(rows, std::back_inserter(statuses),
-                           [&zip](const CollectorRow& row) { return RunRow(row, zip); });
+    std::ranges::transform(rows, std::back_inserter(statuses), [&zip](const CollectorRow& row) {
+        return IsInterrupted() ? NotRun(row) : RunRow(row, zip);
+    });
     return statuses;
 }
 

@@ -19,7 +19,8 @@ struct CollectorRow {
     std::string name;
     /// Yields the manifest's `origin`; may throw, which leaves the field empty.
     std::function<std::string()> origin;
-    /// Run in order into the row's folder. The row succeeds when any of them does; their messages follow each other.
+    /// Run in order into the row's folder, until the run is interrupted. The row succeeds when any of them does; their
+    /// messages follow each other.
     std::vector<Run> collectors;
 };
 
@@ -39,10 +40,10 @@ template <Collector T>
 [[nodiscard]] std::filesystem::path UniqueEntryFolder(int type, const Shared::FileZip::ZipArchiveWrapper& zip);
 
 /// Runs one row in a fresh folder and fills its manifest record. Files that other processes hold cost the row at most a
-/// second.
+/// second. A row during which the run is interrupted ends with the message "Interrupted.".
 [[nodiscard]] CollectorStatus RunRow(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapper& zip) noexcept;
 
-/// Runs the rows of a set in order.
+/// Runs the rows of a set in order. Once the run is interrupted the others are not run, and say so.
 [[nodiscard]] std::vector<CollectorStatus> RunSet(std::span<const CollectorRow> rows,
                                                   Shared::FileZip::ZipArchiveWrapper& zip);
 

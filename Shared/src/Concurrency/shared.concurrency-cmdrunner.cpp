@@ -6,15 +6,19 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <expected>
+#include <filesystem>
 #include <span>
 #include <string_view>
 #include <vector>
 
 #include "shared.concurrency-event.h"
+#include "shared.concurrency-interrupt.h"
 #include "shared.concurrency-pipe.h"
 #include "shared.exception-guardedlog.h"
 #include "shared.system-functions.h"
 #include "shared.util-handle.h"
+#include "shared.util-win32result.h"
 
 namespace Shared::Concurrency {
 
@@ -22,36 +26,46 @@ namespace {
 
 constexpr std::size_t chunkSize = 4096;
 constexpr DWORD endGraceMilliseconds = 1000;
+constexpr DWORD interruptGraceMilliseconds = 500;
 
 DWORD ToWait(std::chrono::milliseconds timeout) {
     return static_cast<DWORD>(std::clamp<std::chrono::milliseconds::rep>(timeout.count(), 0, INFINITE - 1));
 }
 
-// The attributes of a process to be created. The handles that they point to must outlive the object.
+struct AttributeListKind {
+    using Value = LPPROC_THREAD_ATTRIBUTE_LIST;
+    static Value Invalid() noexcept { return nullptr; }
+    static bool IsNone(Value list) noexcept { return list == nullptr; }
+    static void Close(Value list) noexcept { DeleteProcThreadAttributeList(list); }
+};
+
+/// The attributes of a process to be created. The handles that they point to must outlive the object.
 class AttributeList {
 public:
-    explicit AttributeList(DWORD count) {
+    [[nodiscard]] static Util::Win32Result<AttributeList> Create(DWORD count) {
+        AttributeList list;
         SIZE_T size = 0;
         InitializeProcThreadAttributeList(nullptr, count, 0, &size);
-        storage_.resize(size);
-        if (InitializeProcThreadAttributeList(Get(), count, 0, &size) == FALSE) {
-            throw Exception::Win32Exception("CreateProcessW() failed", GetLastError());
+        list.storage_.resize(size);
+        auto* const memory = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(list.storage_.data());
+        if (InitializeProcThreadAttributeList(memory, count, 0, &size) == FALSE) {
+            return Util::LastError();
         }
+        list.list_.Reset(memory);
+        return list;
     }
-    AttributeList(const AttributeList&) = delete;
-    AttributeList& operator=(const AttributeList&) = delete;
-    ~AttributeList() { DeleteProcThreadAttributeList(Get()); }
 
     [[nodiscard]] bool Add(DWORD_PTR attribute, std::span<HANDLE> handles) {
         return UpdateProcThreadAttribute(Get(), 0, attribute, static_cast<void*>(handles.data()), handles.size_bytes(),
                                          nullptr, nullptr) != FALSE;
     }
-    [[nodiscard]] LPPROC_THREAD_ATTRIBUTE_LIST Get() {
-        return reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(storage_.data());
-    }
+    [[nodiscard]] LPPROC_THREAD_ATTRIBUTE_LIST Get() const { return list_.Get(); }
 
 private:
+    AttributeList() = default;
+
     std::vector<std::byte> storage_;
+    Util::UniqueHandle<AttributeListKind> list_;
 };
 
 bool IsInJob(HANDLE process, HANDLE job) {
@@ -59,31 +73,44 @@ bool IsInJob(HANDLE process, HANDLE job) {
     return IsProcessInJob(process, job, &inJob) != FALSE && inJob != FALSE;
 }
 
-// One attempt to start the process: ERROR_SUCCESS or the system's reason.
-DWORD Start(const std::wstring& applicationName, const std::wstring& commandLine, std::array<HANDLE, 2> standardHandles,
-            HANDLE job, PROCESS_INFORMATION& process) {
-    AttributeList attributes(2);
-    // Without the list a child would inherit every inheritable handle that anybody in this process has open.
-    if (!attributes.Add(PROC_THREAD_ATTRIBUTE_HANDLE_LIST, standardHandles) ||
-        (job != nullptr && !attributes.Add(PROC_THREAD_ATTRIBUTE_JOB_LIST, {&job, 1}))) {
-        return GetLastError();
+/// How a child is started.
+struct ChildStart {
+    const std::wstring& applicationName;
+    const std::wstring& commandLine;
+    std::array<HANDLE, 2> standardHandles;
+    const wchar_t* currentDirectory;
+};
+
+Util::Win32Result<PROCESS_INFORMATION> Start(const ChildStart& child, HANDLE job) {
+    auto attributes = AttributeList::Create(2);
+    if (!attributes) {
+        return std::unexpected(attributes.error());
+    }
+    auto handles = child.standardHandles;
+    // Without the list a child would inherit every inheritable handle of this process.
+    if (!attributes->Add(PROC_THREAD_ATTRIBUTE_HANDLE_LIST, handles) ||
+        (job != nullptr && !attributes->Add(PROC_THREAD_ATTRIBUTE_JOB_LIST, {&job, 1}))) {
+        return Util::LastError();
     }
     STARTUPINFOEXW startup{};
     startup.StartupInfo.cb = sizeof startup;
     startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
-    startup.StartupInfo.hStdInput = standardHandles[0];
-    startup.StartupInfo.hStdOutput = standardHandles[1];
-    startup.StartupInfo.hStdError = standardHandles[1];
-    startup.lpAttributeList = attributes.Get();
-    std::wstring writable = commandLine;
-    const BOOL started =
-        CreateProcessW(applicationName.empty() ? nullptr : applicationName.c_str(), writable.data(), nullptr, nullptr,
-                       TRUE, EXTENDED_STARTUPINFO_PRESENT, nullptr, nullptr, &startup.StartupInfo, &process);
-    return started != FALSE ? ERROR_SUCCESS : GetLastError();
+    startup.StartupInfo.hStdInput = handles[0];
+    startup.StartupInfo.hStdOutput = handles[1];
+    startup.StartupInfo.hStdError = handles[1];
+    startup.lpAttributeList = attributes->Get();
+    std::wstring writable = child.commandLine;
+    PROCESS_INFORMATION process{};
+    if (CreateProcessW(child.applicationName.empty() ? nullptr : child.applicationName.c_str(), writable.data(),
+                       nullptr, nullptr, TRUE, EXTENDED_STARTUPINFO_PRESENT, nullptr, child.currentDirectory,
+                       &startup.StartupInfo, &process) == FALSE) {
+        return Util::LastError();
+    }
+    return process;
 }
 
-// A job that ends its processes when its only handle goes, also when this process is killed. A crash in it ends the
-// process instead of waiting for somebody to answer a dialog. None when the system has no job for us.
+/// A job that ends its processes when its only handle is closed, also because this process is killed. A crash in it
+/// ends the process without a dialog. None when the system creates no job.
 Util::KernelHandle CreateChildJob() {
     Util::KernelHandle job(CreateJobObjectW(nullptr, nullptr));
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
@@ -97,14 +124,15 @@ Util::KernelHandle CreateChildJob() {
     return job;
 }
 
-// A running child; nothing of it is left when the object goes.
+/// A running child; on destruction it is terminated with everything that it has started.
 class Child {
 public:
     // Built on a whole object, so that the destructor ends the process should anything fail from there on.
-    Child(const std::wstring& applicationName, const std::wstring& commandLine, HANDLE stdinRead, HANDLE stdoutWrite)
+    Child(const std::wstring& applicationName, const std::wstring& commandLine, HANDLE stdinRead, HANDLE stdoutWrite,
+          const std::filesystem::path& folder)
         : Child(CreateChildJob()) {
-        const PROCESS_INFORMATION started =
-            CreateChildProcess(applicationName, commandLine, stdinRead, stdoutWrite, job_.Get());
+        const PROCESS_INFORMATION started = CreateChildProcess(applicationName, commandLine, stdinRead, stdoutWrite,
+                                                               job_.Get(), folder.empty() ? nullptr : folder.c_str());
         process_.Reset(started.hProcess);
         thread_.Reset(started.hThread);
         if (job_ && !IsInJob(process_.Get(), job_.Get()) &&
@@ -137,7 +165,7 @@ public:
 private:
     explicit Child(Util::KernelHandle job) : job_(std::move(job)) {}
 
-    // Termination is only begun by the call that asks for it, and until it is done files stay open.
+    // TerminateProcess returns before the process has ended, and until then its files stay open.
     void AwaitEnd() const noexcept {
         const ULONGLONG deadline = GetTickCount64() + endGraceMilliseconds;
         JOBOBJECT_BASIC_ACCOUNTING_INFORMATION job{};
@@ -167,8 +195,8 @@ std::wstring InterpreterPath() {
     return path;
 }
 
-// One overlapped read into a buffer of its own. The system writes to both until the read has ended: the object does
-// not go before that.
+/// One overlapped read into a buffer of its own. The system writes to both until the read has ended, for which the
+/// destructor waits.
 class PendingRead {
 public:
     PendingRead(HANDLE pipe, const Event& event) : pipe_(pipe), event_(event) {}
@@ -208,7 +236,7 @@ public:
     }
 
 private:
-    // The end of the output comes as a broken pipe, or as nothing read; anything else has cost some of it.
+    // The end of the output is a broken pipe, or nothing read; after anything else a part of it is missing.
     static void Ended(DWORD error) {
         if (error != ERROR_BROKEN_PIPE && error != ERROR_SUCCESS) {
             Exception::LogWarning("A command's output could not be read to its end: {}",
@@ -233,23 +261,33 @@ private:
     bool underWay_ = false;
 };
 
+// Ctrl+C reaches a child at the same time as this process, and may have ended it first.
+void AwaitInterruption(std::uint32_t exitCode) {
+    if (exitCode == STATUS_CONTROL_C_EXIT && InterruptEvent() != nullptr) {
+        WaitForSingleObject(InterruptEvent(), interruptGraceMilliseconds);
+    }
+}
+
 }  // namespace
 
 ReadTimeout::ReadTimeout(std::string output, const std::source_location& location, const Exception::StackTrace& trace)
     : Exception::TimeoutException("CMD IO operation timed out.", location, trace), output_(std::move(output)) {}
 
 PROCESS_INFORMATION CreateChildProcess(const std::wstring& applicationName, const std::wstring& commandLine,
-                                       HANDLE stdinRead, HANDLE stdoutWrite, HANDLE job) {
-    const std::array handles{stdinRead, stdoutWrite};
-    PROCESS_INFORMATION process{};
-    DWORD error = Start(applicationName, commandLine, handles, job, process);
-    if (error != ERROR_SUCCESS && job != nullptr) {
-        error = Start(applicationName, commandLine, handles, nullptr, process);
+                                       HANDLE stdinRead, HANDLE stdoutWrite, HANDLE job,
+                                       const wchar_t* currentDirectory) {
+    const ChildStart child{.applicationName = applicationName,
+                           .commandLine = commandLine,
+                           .standardHandles = {stdinRead, stdoutWrite},
+                           .currentDirectory = currentDirectory};
+    auto process = Start(child, job);
+    if (!process && job != nullptr) {
+        process = Start(child, nullptr);
     }
-    if (error != ERROR_SUCCESS) {
-        throw Exception::Win32Exception("CreateProcessW() failed", error);
+    if (!process) {
+        throw Exception::Win32Exception("CreateProcessW() failed", process.error());
     }
-    return process;
+    return *process;
 }
 
 std::string ReadFromPipe(HANDLE pipe, std::chrono::milliseconds timeout) {
@@ -258,10 +296,16 @@ std::string ReadFromPipe(HANDLE pipe, std::chrono::milliseconds timeout) {
     Event event;
     event.InternalCreate(true, false, {});
     PendingRead read(pipe, event);
-    while (read.Begin()) {
-        if (!event.WaitOnEvent(ToWait(timeout), false)) {
-            output += read.Cancel();
-            throw ReadTimeout(std::move(output));
+    while (!IsInterrupted() && read.Begin()) {
+        switch (event.WaitOnEventOr(InterruptEvent(), ToWait(timeout))) {
+            case Event::Waited::TimedOut:
+                output += read.Cancel();
+                throw ReadTimeout(std::move(output));
+            case Event::Waited::OtherSignalled:
+                output += read.Cancel();
+                return output;
+            case Event::Waited::Signalled:
+                break;
         }
         const std::string_view bytes = read.End();
         if (bytes.empty()) {
@@ -273,16 +317,16 @@ std::string ReadFromPipe(HANDLE pipe, std::chrono::milliseconds timeout) {
     return output;
 }
 
-CmdRunStatus RunCommand(const std::wstring& command, std::chrono::milliseconds timeout) {
+CmdRunStatus RunCommand(const std::wstring& command, std::chrono::milliseconds timeout, const ChildFolder& folder) {
     if (command.empty()) {
         throw Exception::RuntimeException("Please specify a cmd command.");
     }
     Pipe output = CreateOutputPipe();
     Pipe input = CreateInputPipe();
     const std::wstring interpreter = InterpreterPath();
-    const Child child(interpreter, fmt::format(L"{} /c {}", interpreter, command), input.read.Get(),
-                      output.write.Get());
-    // The end of the output is reported when nobody has the write end open any more, and that includes us.
+    const Child child(interpreter, fmt::format(L"{} /c {}", interpreter, command), input.read.Get(), output.write.Get(),
+                      folder.Path());
+    // The end of the output is reported when no process has the write end open any more.
     output.write.Reset();
     input.read.Reset();
 
@@ -295,7 +339,12 @@ CmdRunStatus RunCommand(const std::wstring& command, std::chrono::milliseconds t
         child.Terminate(WAIT_TIMEOUT);
         status.exitCode = WAIT_TIMEOUT;
     }
+    if (IsInterrupted()) {
+        child.Terminate(STATUS_CONTROL_C_EXIT);
+        status.exitCode = STATUS_CONTROL_C_EXIT;
+    }
     status.exitCode = child.ExitCode(status.exitCode);
+    AwaitInterruption(status.exitCode);
     return status;
 }
 

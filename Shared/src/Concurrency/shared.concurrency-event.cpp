@@ -4,6 +4,7 @@
 
 #include <sddl.h>
 
+#include <array>
 #include <utility>
 
 #include "shared.exception.h"
@@ -32,19 +33,29 @@ void Event::InternalCreate(bool manualReset, bool mustBeNew, const std::wstring&
     manualReset_ = manualReset;
 }
 
-bool Event::WaitOnEvent(unsigned long milliseconds, bool resetAfter) {
+Event::Waited Event::WaitOnEventOr(HANDLE other, unsigned long milliseconds) {
     if (!handle_) {
         throw Exception::RuntimeException("No Event to wait on");
     }
-    switch (WaitForSingleObjectEx(handle_.Get(), milliseconds, FALSE)) {
+    const std::array handles{handle_.Get(), other};
+    switch (WaitForMultipleObjectsEx(other == nullptr ? 1 : 2, handles.data(), FALSE, milliseconds, FALSE)) {
         case WAIT_OBJECT_0:
-            break;
-        case WAIT_ABANDONED:
+            return Waited::Signalled;
+        case WAIT_OBJECT_0 + 1:
+            return Waited::OtherSignalled;
+        case WAIT_ABANDONED_0:
+        case WAIT_ABANDONED_0 + 1:
             throw Exception::RuntimeException("The wait was abandoned");
         case WAIT_FAILED:
             throw Exception::Win32Exception("WaitForSingleObject failed", GetLastError());
         default:
-            return false;
+            return Waited::TimedOut;
+    }
+}
+
+bool Event::WaitOnEvent(unsigned long milliseconds, bool resetAfter) {
+    if (WaitOnEventOr(nullptr, milliseconds) == Waited::TimedOut) {
+        return false;
     }
     if (resetAfter) {
         Reset();

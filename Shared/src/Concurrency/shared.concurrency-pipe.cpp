@@ -17,7 +17,7 @@ namespace Shared::Concurrency {
 
 namespace {
 
-// What the system holds for a child that writes faster than we read.
+// What the system holds for a child that writes faster than this process reads.
 constexpr DWORD pipeBufferSize = 1U << 16U;
 
 [[noreturn]] void ThrowPipeError(DWORD error, const std::source_location& where = std::source_location::current()) {
@@ -28,7 +28,7 @@ SECURITY_ATTRIBUTES Inheritable() {
     return {.nLength = sizeof(SECURITY_ATTRIBUTES), .lpSecurityDescriptor = nullptr, .bInheritHandle = TRUE};
 }
 
-// Between the two calls that make the ends of a named pipe, whoever knows the name could take the other end.
+// Between the two calls that make the ends of a named pipe, any process that knows the name could open the other end.
 std::wstring UnguessableName() {
     std::array<std::uint64_t, 2> random{};
     if (BCryptGenRandom(nullptr, reinterpret_cast<PUCHAR>(random.data()), sizeof random,
@@ -40,7 +40,8 @@ std::wstring UnguessableName() {
 
 }  // namespace
 
-// Anonymous pipes take no overlapped reads: the same thing is made from a named pipe of which nobody else gets an end.
+// Anonymous pipes take no overlapped reads, so this is a named pipe with one instance and a name that cannot be
+// guessed.
 Pipe CreateOutputPipe() {
     const std::wstring name = UnguessableName();
     Pipe pipe;

@@ -44,11 +44,12 @@ CollectorStatus ExportAndAdd(const Destination& destination) {
     if (QueryStatus(Shared::PV::GetLacliPath(), "exists").kind == FileKind::NotFound) {
         return Unsuccessful();
     }
-    const std::filesystem::path path(rdnsFileName);
+    const Shared::Concurrency::ChildFolder folder;
+    const std::filesystem::path path = folder.Path() / rdnsFileName;
     FreeName(path);
     const FileObjectRemover remover(path);
     static_cast<void>(
-        Shared::Concurrency::Execute<Shared::Concurrency::EmptyParser>(RdnsCommandLine(), commandTimeout));
+        Shared::Concurrency::Execute<Shared::Concurrency::EmptyParser>(RdnsCommandLine(), commandTimeout, folder));
     return AddExport(path, destination);
 }
 

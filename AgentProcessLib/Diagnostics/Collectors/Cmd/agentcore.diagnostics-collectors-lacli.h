@@ -8,7 +8,7 @@
 namespace AgentCore::Diagnostics::Collectors::Cmd {
 
 inline constexpr std::wstring_view rdnsArguments = L"traffic rdns export";
-/// The export file, which the tool writes into the current directory.
+/// The export file, which the tool writes into its current directory.
 inline constexpr std::wstring_view rdnsFileName = L"lacli_traffic_rdns.log";
 
 /// "\"{}\" {}" of the tool's path and the arguments. Throws as Shared::PV::GetLacliPath() does.

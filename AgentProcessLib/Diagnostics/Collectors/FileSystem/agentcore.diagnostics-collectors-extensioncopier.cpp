@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "shared.concurrency-interrupt.h"
 #include "shared.exception-guardedlog.h"
 #include "shared.exception-messages.h"
 #include "shared.filesystem-confinedfolder.h"
@@ -134,6 +135,9 @@ CollectorStatus CopyMatches(const std::filesystem::path& folder, std::optional<C
                                    ToUtf8Lossy(folder));
     }
     for (const FileDescriptor& file : files) {
+        if (Shared::Concurrency::IsInterrupted()) {
+            break;
+        }
         try {
             run.Copy(file);
         } catch (const std::exception& error) {

@@ -9,6 +9,7 @@
 #include <tuple>
 #include <vector>
 
+#include "shared.concurrency-interrupt.h"
 #include "shared.filesystem-confinedfolder.h"
 #include "shared.filesystem-scan.h"
 #include "shared.util-functions.h"
@@ -119,6 +120,9 @@ CollectorStatus ProfileCopier::CopyDirectory(const std::filesystem::path& source
         }
     }
     for (const std::filesystem::path& file : files.Take()) {
+        if (Shared::Concurrency::IsInterrupted()) {
+            break;
+        }
         try {
             auto copied = CopyConfined(profile, file, maxSize_, destination);
             if (copied) {

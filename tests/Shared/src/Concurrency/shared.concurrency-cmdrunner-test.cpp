@@ -111,6 +111,25 @@ TEST(CmdRunner, TheChildInheritsItsStandardHandlesAlone) {
     EXPECT_EQ(RunChild(fmt::format(L"probe {}", number), ample).output, "closed");
 }
 
+TEST(ChildFolder, IsAPrivateOneWhereTheInterpreterCannotWork) {
+    const TestSupport::WorkingFolder working;
+    const auto run = [](const ChildFolder& folder) {
+        return Execute<EmptyParser>(L"echo text>file& cd", ample, folder).output;
+    };
+    EXPECT_THAT(run(ChildFolder()), HasSubstr(working.Path().filename().string()));
+    for (const wchar_t* current : {LR"(\\server\share\folder)", LR"(\\?\C:\folder)"}) {
+        std::filesystem::path used;
+        {
+            const ChildFolder folder(current);
+            used = folder.Path();
+            EXPECT_EQ(run(folder), used.string() + "\r\n");
+            EXPECT_EQ(TestSupport::ReadFile(used / L"file"), "text\r\n");
+        }
+        EXPECT_THAT(used.native(), StartsWith(LR"(C:\windows\Temp\)"));
+        EXPECT_FALSE(std::filesystem::exists(used));
+    }
+}
+
 TEST(ReadFromPipe, GivesWhatItHasWhenTheWriterPauses) {
     Pipe pipe = CreateOutputPipe();
     DWORD written = 0;
