@@ -5,7 +5,15 @@ add_library(agentcli-options INTERFACE)
 target_compile_definitions(agentcli-options INTERFACE
   UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN _WIN32_WINNT=0x0A00 NTDDI_VERSION=0x0A000006)
 if(MSVC)
-  target_compile_options(agentcli-options INTERFACE /W4 /WX /utf-8 /permissive- /Zc:__cplusplus /Zc:preprocessor)
+  # /w14242 and /w14254: the conversions that /W4 leaves out. /guard:cf has no counterpart below: the runtime that the
+  # cross-build links does not support it.
+  target_compile_options(agentcli-options INTERFACE
+    /W4 /WX /w14242 /w14254 /permissive- /utf-8 /Zc:__cplusplus /Zc:preprocessor
+    /Zi /guard:cf /Brepro /experimental:deterministic "/pathmap:${CMAKE_SOURCE_DIR}=.")
+  if(AGENTCLI_CHECKED)
+    target_compile_definitions(agentcli-options INTERFACE _CONTAINER_DEBUG_LEVEL=1)
+    target_compile_options(agentcli-options INTERFACE /sdl)
+  endif()
 else()
   # The maps imply backslashes in source locations; our messages name files with slashes on every build machine.
   target_compile_options(agentcli-options INTERFACE
@@ -38,7 +46,11 @@ function(agentcli_program name)
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
   target_link_libraries(${name} PRIVATE ${ARG_LINK} agentcli-options)
-  if(MINGW)
+  if(MSVC)
+    # /OPT:REF and /OPT:ICF: /DEBUG would turn them off.
+    target_link_options(${name} PRIVATE
+      /DEBUG:FULL /OPT:REF /OPT:ICF /INCREMENTAL:NO /GUARD:CF /PDBALTPATH:%_PDB% /Brepro)
+  elseif(MINGW)
     target_link_libraries(${name} PRIVATE -lpthread)
     # The image carries a content hash in place of a time stamp, and the PDB's bare name; the PDB, whose hash is the
     # image's id, records the linker's arguments, so they are relative to the build.

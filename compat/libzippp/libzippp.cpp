@@ -64,6 +64,7 @@ std::string ZipEntry::readAsText() const {
     return read == static_cast<zip_int64_t>(size_) ? text : std::string();
 }
 
+// NOLINTNEXTLINE(modernize-pass-by-value): the library's signature
 ZipArchive::ZipArchive(const std::string& zipPath) : path_(zipPath), callback_(&PrintError) {}
 
 ZipArchive::~ZipArchive() {

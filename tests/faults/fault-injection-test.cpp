@@ -283,6 +283,21 @@ TEST(GeneratedFile, TakesOverNothingThatStaysUnderItsName) {
     EXPECT_EQ(TestSupport::ReadFile(folder / L"out.txt"), "another program's");
 }
 
+TEST(Archive, AFileThatIsEmptyWhenItIsOpenedBecomesAnEmptyEntry) {
+    const TestSupport::TemporaryFolder folder;
+    TestSupport::WriteFile(folder / L"log", "grown since");
+    Shared::FileZip::ZipArchiveWrapper zip(folder / L"out.zip");
+    zip.Open();
+    for (const Function& function : functions) {
+        function.calls = 0;
+    }
+    plan = {"GetFileSizeEx", 1, 2, 0, TRUE};  // succeeds, and leaves the size at zero
+    const auto added = zip.AddFile("log", folder / L"log");
+    plan = {};
+    EXPECT_TRUE(!added && added.error().isArchived);
+    EXPECT_EQ(zip.Entries().at(0).getSize(), 0U);
+}
+
 /// Whatever a faulty run lacks, its row says that something went wrong.
 void Compare(const Outcome& whole, const Outcome& faulty, bool mayDiffer) {
     for (const auto& [name, row] : whole.rows) {

@@ -102,10 +102,11 @@ std::optional<std::string> LibraryPath(const std::filesystem::path& longForm) {
 /// Lets the C library, with which libzip converts times, take the time zone from Windows. A variable TZ in the
 /// environment would come first; child processes keep it.
 void ForgetTimeZoneVariable() {
-    if (const wchar_t* zone = _wgetenv(L"TZ"); zone != nullptr) {
-        const std::wstring kept = zone;
+    std::wstring zone(GetEnvironmentVariableW(L"TZ", nullptr, 0), L'\0');
+    if (!zone.empty()) {
+        GetEnvironmentVariableW(L"TZ", zone.data(), static_cast<DWORD>(zone.size()));
         static_cast<void>(_wputenv_s(L"TZ", L""));
-        SetEnvironmentVariableW(L"TZ", kept.c_str());
+        SetEnvironmentVariableW(L"TZ", zone.c_str());
         _tzset();
     }
 }

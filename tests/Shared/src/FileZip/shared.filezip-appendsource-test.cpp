@@ -76,8 +76,8 @@ using AddCase = std::tuple<const char*, std::optional<Image>, std::size_t>;
 std::vector<AddCase> AddCases() {
     const Contents few{{"a", "first"}, {"b/", ""}, {"b/c", Noise(3000)}};
     Contents many;
-    for (int index = 0; index < 3000; ++index) {
-        many.emplace_back(std::string(400, 'n') + std::to_string(index), "");
+    for (int index = 0; index < 320; ++index) {
+        many.emplace_back(std::string(4000, 'n') + std::to_string(index), "");
     }
     return {{"new", std::nullopt, 1000},
             {"new-large", std::nullopt, 2U << 20U},
