@@ -138,6 +138,9 @@ class BareRun(Case):
         self.addCleanup(shutil.rmtree, default)
         self.assert_located(self.collect(), self.zip)
         self.assert_folder_holds("diagnostics.zip")
+        # An access list without other accounts is a mode without bits for them here.
+        for name in ("diagnostics.zip", "agent-cli.log"):
+            self.assertEqual((self.folder / name).stat().st_mode & 0o077, 0, name)
         archive = Archive(self.zip)
         self.assertEqual(archive.types(), types(len(BARE.profiles())))
         rows = {kind: [row for row in archive.rows if row["type"] == kind] for kind in (LOG, CONFIG, SAMPLE, CRASH)}
