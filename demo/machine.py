@@ -24,7 +24,7 @@ OXM = "Program Files/Velqor/OXM"
 PORTAVO = "Program Files/Velqor/Portavo"
 TOOL = "Program Files/Velqor/Lumora Access Agent/lacli.exe"
 ACCESS_LOGS = "ProgramData/Velqor/Lumora Access Agent/Logs"
-LOCKED = OXM + "/live.log"
+LOCKED = OXM + "/oxm.05.log"  # among the ten of its base name
 PROFILES = ("anna", "default", "Zoë Müller")  # beside the one that Wine makes for the user it runs as
 NO_PROFILES = ("Public", "All Users", "Default User")  # in exactly this spelling; "Default" would be one more
 

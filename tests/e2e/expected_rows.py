@@ -48,7 +48,7 @@ MACHINE_LOGS = [
     Row(LOG, "*.log", PROGRAMS + r"\OXM",
         [*(f"{OXM}/oxm{suffix}.log" for suffix in ("", ".1", ".2", ".3", ".4", ".5", ".6", ".7", ".10", ".11")),
          f"{OXM}/Service/service.log", f"{OXM}/Probe/Réseau/probe.log"],
-        [too_large(rf"{P_OXM}\\history\.log"), executable(rf"{P_OXM}\\hostprobe\.log"), rf"C:\\{P_OXM}\\live\.log",
+        [too_large(rf"{P_OXM}\\history\.log"), executable(rf"{P_OXM}\\hostprobe\.log"), rf"C:\\{P_OXM}\\oxm\.05\.log",
          skipped(rf"{P_OXM}\\oxm\.8\.log"), skipped(rf"{P_OXM}\\oxm\.9\.log")]),
     Row(LOG, "*.log, *.old, vq_pv_hrpt.xml, update_tmp.bat", PROGRAMS + r"\Portavo",
         [*family(f"{PORTAVO}/VqPVS", ".log"), *family(f"{PORTAVO}/VqPVS", ".old"), f"{PORTAVO}/vq_pv_hrpt.xml"],
@@ -142,7 +142,7 @@ EXCEPTIONS = {
 }
 
 # Files that a row looks into or tries and then refuses, with a message.
-REFUSED = {f"{OXM}/history.log", f"{OXM}/hostprobe.log", f"{OXM}/live.log", f"{PORTAVO}/VqPVS.00.log",
+REFUSED = {f"{OXM}/history.log", f"{OXM}/hostprobe.log", f"{OXM}/oxm.05.log", f"{PORTAVO}/VqPVS.00.log",
            f"{ACCESS_LOGS}/LumoraAccessAgentLog.etl.004",
            "users/anna/AppData/Local/Velqor/Portavo/VqPVA.log.old",
            "users/anna/AppData/Local/Velqor/OXM/Viewpane/history.log"}
@@ -175,10 +175,12 @@ def tool_text(arguments, output, exit_code=0):
             f"Output:\n{output}\n")
 
 
-# The generated texts that are known to the letter but for {time}; their lines end with CR LF in the archive.
+# The generated texts that are known to the letter but for {time} and, of a multi-string value, what follows its first
+# text, {unreadable}; their lines end with CR LF in the archive.
 TEXTS = {
     "regval.txt": r"""Credential Provider Filters:
 SOFTWARE\Microsoft\Windows\CurrentVersion\Authentication\Credential Provider Filters\{9a4b7b02-5d33-4b6e-8f5c-2a1c3f0e7d55} | Portavo filter | {time}
+SOFTWARE\Microsoft\Windows\CurrentVersion\Authentication\Credential Provider Filters\{b0e1c8d2-7a44-4f0b-9c13-52d6f7a9e810} | (value not set) | {time}
 
 SSO cache:
 SSO cache is not empty.
@@ -188,9 +190,25 @@ Prelogon:1
 Wrap CP Guid:
 {3d0f3c4a-6c1b-4a55-9b0e-0d6a3b6f0c11}
 Settings:
+Backup=(type 11, 8 bytes)
+Domains=example.com, example.net
+Expiry=4294967295
+Label=café �
 Portal=vpn.example.com
 Retries=3
+Token=(type 4, 0 bytes)
 """,
+    "registry-oxm.txt": r"""Keyname: SOFTWARE\Velqor\OXM
+[String] (Default) = Velqor OXM
+[String]  = Velqor OXM
+[String] Comment = 
+Value DeviceId of type 3 ignored
+[String] Path = C:\Program Files\Velqor\OXM\
+[DWord] ReportInterval = 60
+
+[Multistring] Servers = oxm1.example簠{unreadable}
+[String] Version = 7.4.1
+""".replace(r"\u7c20", "\u7c20"),
     "registry-oxm-config.txt": r"""Keyname: SOFTWARE\Velqor\OXM\Config
 [String] (Default) = (value not set)
 [String] LogLevel = info

@@ -168,5 +168,10 @@ class Case(unittest.TestCase):
         found = {path.name for path in self.folder.iterdir()} - {"agent-cli.1.log"}
         self.assertEqual(found, {"agent-cli.log", *names})
 
+    def log(self):
+        """The program's log, with what has been rotated."""
+        return "".join(path.read_text() for name in ("agent-cli.1.log", "agent-cli.log")
+                       if (path := self.folder / name).exists())
+
     def assert_located(self, printed, path):
         self.assertEqual(printed, f"Diagnostics zip located at: {windows_path(path)}\r\n")

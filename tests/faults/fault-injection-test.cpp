@@ -157,24 +157,19 @@ bool HasWarning(std::string_view log) {
 class Faults : public TestSupport::DiagnosticsTest, public testing::WithParamInterface<std::size_t> {
 protected:
     Faults() {
-        const std::wstring velqor = LR"(SOFTWARE\Velqor\)";
         TestSupport::SetFolders(hive_, machine_.Path().native() + L'\\');
-        for (const auto& [key, name] : {std::pair{LR"(OXM\Config)", L"n"},
-                                        {LR"(Lumora Access Agent\sub)", L"n"},
-                                        {LR"(Portavo\Settings)", L"n"},
-                                        {LR"(Portavo\VqPVS)", L"PreferredIP"},
-                                        {LR"(Portavo\VqSetup)", L"Prelogon"}}) {
-            hive_.SetDword(velqor + key, name, 1);
+        for (const auto& [key, name] : TestSupport::readKeys) {
+            hive_.SetDword(key, name, 1);
         }
-        hive_.SetString(velqor + L"Portavo", L"wrap-cp-guid", L"{guid}");
-        hive_.CreateKey(LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\Authentication\Credential Provider Filters\{1})");
+        hive_.SetString(LR"(SOFTWARE\Velqor\Portavo)", L"wrap-cp-guid", L"{guid}");
         hive_.SetRaw(LR"(SYSTEM\CurrentControlSet\services\Tcpip\Linkage)", L"Bind", REG_MULTI_SZ,
                      {"\\\0D\0\0\0\0\0", 8});
+        int number = 0;
+        for (const auto& [folder, ending] : TestSupport::scannedFolders) {
+            TestSupport::WriteFile(machine_ / folder / (L"scanned " + std::to_wstring(++number) + ending), "bytes");
+        }
         for (const wchar_t* file :
-             {LR"(Velqor\OXM\agent.log)", LR"(Velqor\OXM\sub\ui.log)", LR"(Velqor\OXM\sub\agent.dmp)",
-              LR"(Velqor\Portavo\pv.log)", LR"(Velqor\Portavo\vq_pv_hrpt.xml)", LR"(Velqor\Portavo\VqPVS.dmp)",
-              LR"(ProgramData\Velqor\Lumora Access Agent\Logs\laa.log)", LR"(ProgramData\Velqor\DLP\logs\dlp.txt)",
-              LR"(Users\bob\AppData\Local\Velqor\OXM\Viewpane\v.txt)",
+             {LR"(Velqor\OXM\sub\ui.log)", LR"(Velqor\Portavo\vq_pv_hrpt.xml)", LR"(Velqor\Portavo\VqPVS.dmp)",
               LR"(Users\bob\AppData\Local\Velqor\Portavo\VqPVA.log)",
               LR"(Users\bob\AppData\Local\Velqor\Portavo\VqPVA.dmp)"}) {
             TestSupport::WriteFile(machine_ / file, "bytes");

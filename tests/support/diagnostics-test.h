@@ -4,12 +4,36 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "shared.filezip-ziparchivewrapper.h"
 #include "test-support.h"
 
 namespace TestSupport {
+
+/// Keys that are read, each with a value that is looked for there.
+inline const std::pair<std::wstring, std::wstring> readKeys[] = {
+    {LR"(SOFTWARE\Velqor\OXM\Config)", L""},
+    {LR"(SOFTWARE\Velqor\Lumora Access Agent)", L""},
+    {LR"(SOFTWARE\Velqor\Lumora Access Agent\sub)", L""},
+    {LR"(SOFTWARE\Velqor\Portavo)", L"LatestCP"},
+    {LR"(SOFTWARE\Velqor\Portavo)", L"wrap-cp-guid"},
+    {LR"(SOFTWARE\Velqor\Portavo\VqPVS)", L"PreferredIP"},
+    {LR"(SOFTWARE\Velqor\Portavo\VqSetup)", L"Prelogon"},
+    {LR"(SOFTWARE\Velqor\Portavo\Settings)", L"n"},
+    {LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\Authentication\Credential Provider Filters\{1})", L""},
+    {LR"(SYSTEM\CurrentControlSet\services\Tcpip\Linkage)", L"Bind"},
+};
+/// Folders that are scanned, below the one that SetFolders is given, each with the ending of the names that count.
+inline const std::pair<std::wstring, std::wstring> scannedFolders[] = {
+    {LR"(Velqor\OXM\)", L".log"},
+    {LR"(Velqor\OXM\sub\)", L".dmp"},
+    {LR"(Velqor\Portavo\)", L".old"},
+    {LR"(ProgramData\Velqor\Lumora Access Agent\Logs\)", L".log"},
+    {LR"(ProgramData\Velqor\DLP\logs\)", L".txt"},
+    {LR"(Users\bob\AppData\Local\Velqor\OXM\Viewpane\)", L""},
+};
 
 /// Sets where the registry says that the agent, the users' profiles and ProgramData are, all below one folder.
 inline void SetFolders(const ThrowAwayHive& hive, const std::wstring& root) {

@@ -74,6 +74,10 @@ WorkingFolder::~WorkingFolder() {
     std::filesystem::current_path(before_, ignored);
 }
 
+std::string Raw(std::wstring_view text) {
+    return {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)};
+}
+
 ThrowAwayHive::ThrowAwayHive() : name_(L"Software\\" + UniqueName()) {
     Check(RegCreateKeyW(HKEY_CURRENT_USER, name_.c_str(), &hive_), "RegCreateKeyW");
     Check(RegOverridePredefKey(HKEY_LOCAL_MACHINE, hive_), "RegOverridePredefKey");
@@ -92,7 +96,7 @@ void ThrowAwayHive::SetRaw(const std::wstring& key, const std::wstring& name, DW
 }
 
 void ThrowAwayHive::SetString(const std::wstring& key, const std::wstring& name, const std::wstring& text) const {
-    SetRaw(key, name, REG_SZ, {reinterpret_cast<const char*>(text.c_str()), (text.size() + 1) * sizeof(wchar_t)});
+    SetRaw(key, name, REG_SZ, Raw({text.c_str(), text.size() + 1}));
 }
 
 void ThrowAwayHive::SetDword(const std::wstring& key, const std::wstring& name, std::uint32_t number) const {
@@ -129,6 +133,11 @@ std::string ReadFile(const std::filesystem::path& path) {
         throw std::runtime_error("cannot read a test's file");
     }
     return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+Shared::Util::FileHandle Hold(const std::filesystem::path& path) {
+    return Shared::Util::FileHandle(
+        CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
 }
 
 SymbolicLink::SymbolicLink(const std::filesystem::path& target, const std::filesystem::path& link) : link_(link) {

@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "shared.util-handle.h"
+
 namespace TestSupport {
 
 /// A new empty folder below the system's temporary folder, removed with its contents at the end. Unique per process
@@ -37,6 +39,9 @@ public:
 private:
     std::filesystem::path before_;
 };
+
+/// The text's bytes, as the registry stores them.
+[[nodiscard]] std::string Raw(std::wstring_view text);
 
 /// Gives HKEY_LOCAL_MACHINE an empty throw-away hive while the object lives.
 class ThrowAwayHive {
@@ -70,6 +75,8 @@ private:
 };
 
 void WriteFile(const std::filesystem::path& path, std::string_view bytes);
+/// Keeps an existing file or folder open without sharing.
+[[nodiscard]] Shared::Util::FileHandle Hold(const std::filesystem::path& path);
 [[nodiscard]] std::string ReadFile(const std::filesystem::path& path);
 
 /// A symbolic link to a file or folder, in a TemporaryFolder. Wine makes none, but shows those of its host: there the

@@ -19,6 +19,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using Shared::Util::SanitiseUtf8;
+using TestSupport::readKeys;
+using TestSupport::scannedFolders;
 
 /// Makes texts and bytes as no sane program does; the same in every run.
 class Generator {
@@ -56,28 +58,6 @@ constexpr std::wstring_view textUnits{L"aa\\\\=\"{\r\n\0\x00e9\x7C20\xE000\xFFFF
 constexpr std::wstring_view pathUnits{L"\\\\:.. a\"&|\n\0/?*\xD800\xDC00\xFFFF", 18};
 constexpr std::wstring_view nameUnits = L"aab..  ~%$&';=\x00e9\x4e2d\xFF0E\xD83D\xDE00";
 constexpr std::wstring_view nameStarts[] = {L"", L"", L"", L"nul", L"con", L"aux.", L"COM1", L"."};
-
-const std::wstring velqor = LR"(SOFTWARE\Velqor\)";
-/// Keys that are read, each with a value that is looked for there.
-const std::pair<std::wstring, std::wstring> keys[] = {
-    {velqor + LR"(OXM\Config)", L""},
-    {velqor + L"Lumora Access Agent", L""},
-    {velqor + LR"(Lumora Access Agent\sub)", L""},
-    {velqor + L"Portavo", L"LatestCP"},
-    {velqor + L"Portavo", L"wrap-cp-guid"},
-    {velqor + LR"(Portavo\VqPVS)", L"PreferredIP"},
-    {velqor + LR"(Portavo\VqSetup)", L"Prelogon"},
-    {velqor + LR"(Portavo\Settings)", L"n"},
-    {LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\Authentication\Credential Provider Filters\{1})", L""},
-    {LR"(SYSTEM\CurrentControlSet\services\Tcpip\Linkage)", L"Bind"},
-};
-/// Folders that are scanned, each with the ending of the names that count.
-const std::pair<std::wstring, std::wstring> folders[] = {
-    {LR"(Velqor\OXM\)", L".log"},
-    {LR"(Velqor\OXM\sub\)", L".dmp"},
-    {LR"(ProgramData\Velqor\DLP\logs\)", L".txt"},
-    {LR"(Users\bob\AppData\Local\Velqor\OXM\Viewpane\)", L""},
-};
 
 std::wstring childSteps;
 std::wstring ChildCommand() {
@@ -144,7 +124,7 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
         // Half a character ends an export with a message; most rounds shall come to more.
         const std::wstring_view units = textUnits.substr(0, textUnits.size() - (round % 4 == 0 ? 0 : 2));
         for (int number = 0; number < 100; ++number, ++cases) {
-            const auto& [key, name] = keys[any.Below(std::size(keys))];
+            const auto& [key, name] = readKeys[any.Below(std::size(readKeys))];
             hive.SetRaw(key, any.Below(3) == 0 ? name : any.Text(30, units), any.Below(12),
                         any.Stored(any.Below(8) == 0 ? 5000 : 24, units));
         }
@@ -152,7 +132,7 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
         std::vector<Shared::Util::FileHandle> locked;
         std::vector<Shared::Util::KernelHandle> mapped;
         for (int number = 0; number < 60; ++number) {
-            const auto& [folder, ending] = folders[any.Below(std::size(folders))];
+            const auto& [folder, ending] = scannedFolders[any.Below(std::size(scannedFolders))];
             std::wstring name(nameStarts[any.Below(std::size(nameStarts))]);
             // The longest names that there are; Wine's host counts bytes, and cuts off what is too long.
             const bool isLongest = any.Below(20) == 0;
@@ -196,7 +176,7 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
         mapped.clear();
 
         for (int number = 0; number < 5; ++number, ++cases) {
-            hive.SetRaw(velqor + L"OXM", L"Path", any.Below(8) == 0 ? REG_MULTI_SZ : REG_SZ,
+            hive.SetRaw(LR"(SOFTWARE\Velqor\OXM)", L"Path", any.Below(8) == 0 ? REG_MULTI_SZ : REG_SZ,
                         (any.Below(3) == 0 ? "" : std::string("C\0:\0\\\0", 6)) +
                             any.Stored(any.Below(10) == 0 ? 40000 : 20, pathUnits));
             Run(Join({LogSet(), CrashReportSet(), {ToolSet().at(3)}}));

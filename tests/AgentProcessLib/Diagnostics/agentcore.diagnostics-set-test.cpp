@@ -24,7 +24,7 @@ TEST_F(SetTest, FoldersTakeTheFirstNumberThatNoNameContains) {
         {"DIAGNOSTIC_TYPE_LOG_ALL_21/a", L"DIAGNOSTIC_TYPE_LOG_ALL_1"},
         {"DIAGNOSTIC_TYPE_LOG_ALL_10/a", L"DIAGNOSTIC_TYPE_LOG_ALL_3"},
         {"elsewhere/DIAGNOSTIC_TYPE_LOG_ALL_3", L"DIAGNOSTIC_TYPE_LOG_ALL_4"},
-        {"DIAGNOSTIC_TYPE_LOG_ALL_05/99999999999999999999", L"DIAGNOSTIC_TYPE_LOG_ALL_4"},
+        {"DIAGNOSTIC_TYPE_LOG_ALL_04/99999999999999999999", L"DIAGNOSTIC_TYPE_LOG_ALL_4"},
     };
     for (const auto& [entry, folder] : steps) {
         ASSERT_TRUE(zip_.AddFile(entry, L"a.txt")) << entry;

@@ -61,6 +61,8 @@ TEST(Exception, NamesTheThrowAndEveryFrameUpToMain) {
     const std::string first = frames.substr(0, frames.find("\t---"));
     EXPECT_THAT(first, AllOf(HasSubstr("ThrowFromHere"), HasSubstr("\n\tSource file: "),
                              EndsWith(fmt::format("shared.exception-test.cpp:{}\n", throwLine))));
+    // The line of the call, not the one behind it.
+    EXPECT_THAT(frames, HasSubstr(fmt::format("shared.exception-test.cpp:{}\n", throwLine + 5)));
     EXPECT_LT(frames.find("TextOfThrow"), frames.find("!main+"));
     EXPECT_THAT(frames.substr(frames.rfind("\tFrame: ")),
                 AllOf(StartsWith("\tFrame: shared-exception-test!main+"),
@@ -142,6 +144,7 @@ TEST(Messages, ComeFromTheTablesOfTheSystemAndItsModules) {
     }
     EXPECT_EQ(ComMessage(E_OUTOFMEMORY), WordsOf(static_cast<DWORD>(E_OUTOFMEMORY)));
     EXPECT_EQ(ComMessage(static_cast<std::int32_t>(0x8004FFFF)), "IDispatch error #65023");
+    EXPECT_EQ(ComMessage(static_cast<std::int32_t>(0x80040200)), "Unknown error 0x80040200");
     EXPECT_EQ(ComMessage(static_cast<std::int32_t>(0x8F00ABCD)), "Unknown error 0x8F00ABCD");
 }
 

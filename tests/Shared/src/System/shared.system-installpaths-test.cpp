@@ -1,10 +1,7 @@
 #include <gmock/gmock.h>
 
-#include <string>
-
 #include "shared.registry-functions.h"
 #include "shared.system-installpaths.h"
-#include "shared.system-userprofiles.h"
 #include "test-support.h"
 
 namespace Shared {
@@ -12,7 +9,6 @@ namespace Shared {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::UnorderedElementsAre;
 
 TEST(InstallPaths, ComeFromTheAgentsKey) {
     const TestSupport::ThrowAwayHive hive;
@@ -27,24 +23,6 @@ TEST(InstallPaths, ComeFromTheAgentsKey) {
         EXPECT_THROW((void)AppSettings::GetAoxmInstallPath(), Exception::RuntimeException) << fs::path(value);
         EXPECT_THROW((void)PV::GetPVInstallPath(), Exception::RuntimeException);
     }
-}
-
-TEST(ForEachUserProfile, TakesEveryFolderButTheExcludedNames) {
-    const TestSupport::TemporaryFolder users;
-    for (const wchar_t* name : {L"Public", L"Default", L"All Users", L"default user", L"default user 2"}) {
-        fs::create_directory(users / name);
-    }
-    TestSupport::WriteFile(users / L"desktop.ini", "");
-    TestSupport::WriteFile(users / L"elsewhere" / L"alice" / L"x", "");
-    const TestSupport::SymbolicLink moved(users / L"elsewhere" / L"alice", users / L"alice");
-    std::vector<fs::path> profiles;
-    const auto list = [&](const fs::path& folder) {
-        System::ForEachUserProfile(folder, [&](const fs::path& profile) { profiles.push_back(profile); });
-    };
-    list(users.Path());
-    EXPECT_THAT(profiles, UnorderedElementsAre(users / L"default user", users / L"default user 2", users / L"elsewhere",
-                                               users / L"alice"));
-    EXPECT_THROW(list(users / L"none"), fs::filesystem_error);
 }
 
 }  // namespace

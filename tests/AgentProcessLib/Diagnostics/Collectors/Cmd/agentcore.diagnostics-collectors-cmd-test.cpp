@@ -21,22 +21,6 @@ std::wstring Command() {
 }
 using Collector = Collectors::Cmd::CommandToFile<&Command, "Out.txt", sampleType>;
 
-TEST_F(CommandToFileTest, ArchivesTheOutputByteForByteAndLeavesNothing) {
-    command = [] { return L'"' + TestSupport::ChildProgram().native() + L"\" bytes 300 exit 3"; };
-    const CollectorStatus status = Collector().Collect(L"SAMPLE_0", zip_);
-
-    EXPECT_TRUE(status.success);
-    EXPECT_THAT(status.errors, IsEmpty());
-    EXPECT_EQ(status.diagnostic.raw_process_exit_code(), 3U);
-    EXPECT_TRUE(std::filesystem::is_empty(working_.Path()));
-    std::string bytes;
-    for (unsigned index = 0; index < 300; ++index) {
-        bytes += static_cast<char>(index % 251);
-    }
-    EXPECT_EQ(Text("SAMPLE_0/Out.txt"),
-              "Command: " + Shared::Util::ToUtf8Lossy(command()) + "\r\nExit code: 3\r\nOutput:\r\n" + bytes + "\r\n");
-}
-
 TEST_F(CommandToFileTest, FailuresAreOneMessageEach) {
     struct Case {
         std::function<std::wstring()> source;
