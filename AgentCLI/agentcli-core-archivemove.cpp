@@ -4,13 +4,13 @@
 
 #include <fmt/format.h>
 
+#include <expected>
 #include <string>
 
 #include "shared.exception-guardedlog.h"
 #include "shared.exception.h"
 #include "shared.filesystem-heldfile.h"
 #include "shared.filesystem-longpath.h"
-#include "shared.filesystem-open.h"
 #include "shared.filesystem-removal.h"
 #include "shared.filesystem-status.h"
 #include "shared.util-functions.h"
@@ -21,37 +21,12 @@ namespace AgentCLI::Core::Commands::Agent {
 
 namespace fs = std::filesystem;
 using namespace Shared::FileSystem;
+using Shared::Exception::Win32Exception;
 using Shared::FileZip::ZipArchiveWrapper;
-using Shared::Util::FileHandle;
 using Shared::Util::ToUtf8Lossy;
 using Shared::Util::Win32Result;
 
 namespace {
-
-/// Whether two handles are of one file. File systems without file ids give zeros for both.
-bool IsOneFile(const FileHandle& left, const FileHandle& right) {
-    BY_HANDLE_FILE_INFORMATION one{};
-    BY_HANDLE_FILE_INFORMATION other{};
-    return GetFileInformationByHandle(left.Get(), &one) != FALSE &&
-           GetFileInformationByHandle(right.Get(), &other) != FALSE &&
-           one.dwVolumeSerialNumber == other.dwVolumeSerialNumber && one.nFileIndexHigh == other.nFileIndexHigh &&
-           one.nFileIndexLow == other.nFileIndexLow;
-}
-
-/// Closes the archive and holds its file: while the handle is open, other processes can only read it.
-Win32Result<FileHandle> CloseAndHold(ZipArchiveWrapper& zip) {
-    const auto written = OpenToQuery(zip.Path(), Links::Open);
-    if (!written) {
-        return std::unexpected(written.error());
-    }
-    zip.Close();
-    auto held = RetryWhileHeld(
-        [name = NativeForm(zip.Path())] { return OpenUntrusted(name, FILE_GENERIC_READ, FILE_SHARE_READ); });
-    if (held && !IsOneFile(*written, *held)) {
-        return std::unexpected<DWORD>(ERROR_FILE_INVALID);
-    }
-    return held;
-}
 
 /// Removes a file or a link to a file, which the archive shall not be written through. A folder stays, linked or not:
 /// the copy then fails.
@@ -61,11 +36,21 @@ Win32Result<void> RemoveFile(const fs::path& path) {
     return isFolder ? Win32Result<void>() : RemoveName(path);
 }
 
-Win32Result<void> Copy(const fs::path& source, const fs::path& destination) {
-    return RetryWhileHeld([from = LongForm(source), to = LongForm(destination)] {
-        return Shared::Util::ResultOf(CopyFileExW(from.c_str(), to.c_str(), nullptr, nullptr, nullptr,
-                                                  COPY_FILE_FAIL_IF_EXISTS | COPY_FILE_ALLOW_DECRYPTED_DESTINATION));
-    });
+/// Other processes can only read the archive meanwhile.
+Win32Result<void> Copy(const ZipArchiveWrapper& zip, const fs::path& destination) {
+    try {
+        const Shared::Util::FileHandle held = zip.ReopenToCopy();
+        if (auto removed = RemoveFile(destination); !removed) {
+            return removed;
+        }
+        return RetryWhileHeld([from = LongForm(zip.Path()), to = LongForm(destination)] {
+            return Shared::Util::ResultOf(
+                CopyFileExW(from.c_str(), to.c_str(), nullptr, nullptr, nullptr,
+                            COPY_FILE_FAIL_IF_EXISTS | COPY_FILE_ALLOW_DECRYPTED_DESTINATION));
+        });
+    } catch (const Win32Exception& error) {
+        return std::unexpected<DWORD>(error.Code());
+    }
 }
 
 [[noreturn]] void ThrowCopyFailure(const fs::path& source, const fs::path& destination, DWORD code) {
@@ -75,26 +60,6 @@ Win32Result<void> Copy(const fs::path& source, const fs::path& destination) {
         operation = fmt::format("copy_file (the folder {} does not exist)", ToUtf8Lossy(folder));
     }
     ThrowFileSystemError(operation, FullPath(source), destination, code);
-}
-
-void MoveFileTo(ZipArchiveWrapper& zip, const fs::path& destination) {
-    const fs::path source = zip.Path();
-    {
-        const auto held = CloseAndHold(zip);
-        auto moved = held ? RemoveFile(destination) : std::unexpected(held.error());
-        moved = moved ? Copy(source, destination) : moved;
-        if (!moved) {
-            ThrowCopyFailure(source, destination, moved.error());
-        }
-    }
-    FreeName(source);
-}
-
-/// Whether another process keeps the file from being opened as an archive is.
-bool IsHeldFromArchive(const fs::path& path) {
-    const auto opened = RetryWhileHeld(
-        [name = NativeForm(path)] { return OpenUntrusted(name, GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, 0); });
-    return !opened && IsHeld(opened.error(), FileOwner::Program);
 }
 
 }  // namespace
@@ -111,19 +76,26 @@ fs::path DestinationPath(std::string_view given) {
 }
 
 void MoveArchive(ZipArchiveWrapper& zip, const fs::path& destination) {
+    const fs::path source = zip.Path();
     // Copying a file onto itself would empty it, and removing the source would lose it.
-    if (IsSameFile(zip.Path(), destination)) {
-        zip.Close();
-    } else {
-        MoveFileTo(zip, destination);
+    const bool isThere = IsSameFile(source, destination);
+    zip.Close();
+    if (!isThere) {
+        if (const auto copied = Copy(zip, destination); !copied) {
+            ThrowCopyFailure(source, destination, copied.error());
+        }
+        FreeName(source);
     }
     zip.SetPath(destination);
-    if (IsHeldFromArchive(destination)) {
+    try {
+        zip.Open(ZipArchiveWrapper::Creation::Never);
+    } catch (const Win32Exception& error) {
+        if (!IsHeld(error.Code(), FileOwner::Program)) {
+            throw;
+        }
         Shared::Exception::LogWarning("The archive is at {}, where another process holds it.",
                                       ToUtf8Lossy(destination));
-        return;
     }
-    zip.Open();
 }
 
 }  // namespace AgentCLI::Core::Commands::Agent

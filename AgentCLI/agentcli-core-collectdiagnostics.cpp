@@ -1,5 +1,7 @@
 #include "agentcli-core-collectdiagnostics.h"
 
+#include <windows.h>
+
 #include <fmt/ranges.h>
 
 #include <CLI/CLI.hpp>
@@ -7,6 +9,7 @@
 #include <filesystem>
 #include <iterator>
 #include <span>
+#include <string_view>
 #include <utility>
 
 #include "agentcli-core-archivemove.h"
@@ -37,8 +40,32 @@ namespace {
 
 constexpr const wchar_t* archiveName = L"diagnostics.zip";
 
-void Append(std::vector<CollectorStatus>& statuses, const std::vector<CollectorRow>& rows, ZipArchiveWrapper& zip) {
-    std::ranges::move(AgentCore::Diagnostics::RunSet(rows, zip), std::back_inserter(statuses));
+// Other processes may create files of the name between the removal and the creation.
+void OpenNew(ZipArchiveWrapper& zip) {
+    constexpr int attempts = 20;
+    for (int attempt = 1;; ++attempt) {
+        Shared::FileSystem::FreeName(zip.Path());
+        try {
+            zip.Open(ZipArchiveWrapper::Creation::New);
+            return;
+        } catch (const Shared::Exception::Win32Exception& error) {
+            if (error.Code() != ERROR_FILE_EXISTS || attempt == attempts) {
+                throw;
+            }
+        }
+    }
+}
+
+struct Set {
+    bool isSelected;
+    std::string_view name;
+    std::vector<CollectorRow> (*rows)();
+};
+
+std::vector<CollectorStatus> RunUnder(const ConsoleTitle& title, const Set& set, ZipArchiveWrapper& zip) {
+    return AgentCore::Diagnostics::RunSet(set.rows(), zip, [&](const AgentCore::Diagnostics::RowInSet& at) {
+        title.Show(fmt::format("AgentCLI: {}, {} of {}: {}", set.name, at.number, at.count, at.row.name));
+    });
 }
 
 /// Lets every step run, whatever happens to the others, and keeps the first failure.
@@ -117,19 +144,18 @@ void CollectDiagnostics::RunCollectorSets(const CollectDiagnosticsOptions& optio
                                           std::vector<CollectorStatus>& statuses, ZipArchiveWrapper& zip) {
     using namespace AgentCore::Diagnostics;
     const bool all = !options.log && !options.config && !options.samples && !options.crash;
-    struct Set {
-        bool selected;
-        std::vector<CollectorRow> (*rows)();
-    };
     const Set sets[] = {
-        {all || options.log, &LogSet},           {all || options.config, &ConfigurationSet},
-        {all || options.samples, &SampleSet},    {all || options.samples, &InstalledToolSet},
-        {all || options.crash, &CrashReportSet},
+        {all || options.log, "logs", &LogSet},
+        {all || options.config, "configuration", &ConfigurationSet},
+        {all || options.samples, "samples", &SampleSet},
+        {all || options.samples, "access agent", &InstalledToolSet},
+        {all || options.crash, "crash reports", &CrashReportSet},
     };
+    const ConsoleTitle title;
     FirstFailure failure;
     for (const Set& set : sets) {
-        if (set.selected) {
-            failure.Try([&] { Append(statuses, set.rows(), zip); });
+        if (set.isSelected) {
+            failure.Try([&] { std::ranges::move(RunUnder(title, set, zip), std::back_inserter(statuses)); });
         }
     }
     failure.Rethrow();
@@ -138,9 +164,8 @@ void CollectDiagnostics::RunCollectorSets(const CollectDiagnosticsOptions& optio
 void CollectDiagnostics::Run(const CollectDiagnosticsOptions& options) {
     const Shared::Concurrency::InterruptWatch watch;
     const fs::path destination = options.path.empty() ? fs::path() : DestinationPath(options.path);
-    Shared::FileSystem::FreeName(archiveName);
     ZipArchiveWrapper zip{archiveName};
-    zip.Open();
+    OpenNew(zip);
 
     std::vector<CollectorStatus> statuses;
     FirstFailure failure;
@@ -154,7 +179,7 @@ void CollectDiagnostics::Run(const CollectDiagnosticsOptions& options) {
     if (!destination.empty() && !IsConsoleClosing()) {
         MoveArchive(zip, destination);
     }
-    Print("Diagnostics zip located at: {}\n", Shared::Util::ToUtf8Lossy(Absolute(zip.Path())));
+    Print(stdout, "Diagnostics zip located at: {}\n", Shared::Util::ToUtf8Lossy(Absolute(zip.Path())));
     if (IsInterrupted()) {
         // The exit status alone: the parser prints nothing for this one.
         throw CLI::RuntimeError(1);

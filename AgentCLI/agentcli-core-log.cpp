@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "agentcli-core-logsink.h"
+#include "agentcli-core-process.h"
 
 namespace AgentCLI::Core {
 
@@ -20,7 +21,8 @@ constexpr std::chrono::seconds flushInterval{5};
 void SetUpLog() {
     // Until then the library's own logger prints to standard output: nothing but the failure that ends the program.
     spdlog::set_level(spdlog::level::err);
-    auto sink = std::make_shared<LogSink>(SPDLOG_FILENAME_T("agent-cli.log"), maxLogSize);
+    auto sink = std::make_shared<LogSink>(SPDLOG_FILENAME_T("agent-cli.log"), maxLogSize,
+                                          IsElevated() ? spdlog::level::info : spdlog::level::warn, DescribeProcess());
     ProcessLogger() = std::make_shared<spdlog::logger>("default", std::move(sink));
     spdlog::set_default_logger(ProcessLogger());
     spdlog::set_level(spdlog::level::info);

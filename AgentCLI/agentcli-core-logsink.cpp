@@ -5,7 +5,9 @@
 #include <aclapi.h>
 #include <fmt/format.h>
 #include <sddl.h>
+#include <spdlog/details/os.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -102,8 +104,26 @@ Win32Result<FileHandle> Prepare(const std::filesystem::path& path, std::size_t m
 
 }  // namespace
 
-LogSink::LogSink(spdlog::filename_t name, std::size_t maxSize) : name_(std::move(name)), maxSize_(maxSize) {
+LogSink::LogSink(spdlog::filename_t name, std::size_t maxSize, spdlog::level::level_enum headingLevel,
+                 std::string heading)
+    : name_(std::move(name)),
+      maxSize_(maxSize),
+      headingText_(std::move(heading)),
+      heading_("default", headingLevel, headingText_) {
     Open();
+    if (!hasHeading_) {
+        sink_it_(heading_);
+    }
+}
+
+/// Begins an empty file.
+void LogSink::WriteHeading(std::FILE* file) {
+    if (spdlog::details::os::filesize(file) == 0) {
+        spdlog::memory_buf_t line;
+        heading_.time = spdlog::log_clock::now();
+        formatter_->format(heading_, line);
+        hasHeading_ = std::fwrite(line.data(), 1, line.size(), file) == line.size();
+    }
 }
 
 void LogSink::Open() {
@@ -117,8 +137,14 @@ void LogSink::Open() {
         }
         checked_ = *std::move(file);
     };
-    events.after_open = [this](const auto&, auto*) { checked_.Reset(); };
-    file_ = std::make_unique<spdlog::sinks::rotating_file_sink_st>(name_, maxSize_, 1, false, events);
+    events.after_open = [this](const auto&, std::FILE* file) {
+        checked_.Reset();
+        WriteHeading(file);
+    };
+    // The library does not count what is written in its events.
+    constexpr std::size_t lineStart = 64;
+    const std::size_t uncounted = std::min(maxSize_ / 2, headingText_.size() + lineStart);
+    file_ = std::make_unique<spdlog::sinks::rotating_file_sink_st>(name_, maxSize_ - uncounted, 1, false, events);
     file_->set_formatter(formatter_->clone());
 }
 

@@ -4,8 +4,10 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 
 #include <chrono>
+#include <cstdio>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "shared.util-handle.h"
 
@@ -17,7 +19,7 @@ namespace AgentCLI::Core {
 class LogSink final : public spdlog::sinks::base_sink<std::mutex> {
 public:
     /// Throws spdlog::spdlog_ex when the file cannot be opened.
-    LogSink(spdlog::filename_t name, std::size_t maxSize);
+    LogSink(spdlog::filename_t name, std::size_t maxSize, spdlog::level::level_enum headingLevel, std::string heading);
 
 protected:
     void sink_it_(const spdlog::details::log_msg& message) override;
@@ -25,12 +27,16 @@ protected:
 
 private:
     void Open();
+    void WriteHeading(std::FILE* file);
     [[nodiscard]] bool IsOpen();
     template <class Write>
     [[nodiscard]] bool Try(const Write& write);
 
     spdlog::filename_t name_;
     std::size_t maxSize_;
+    std::string headingText_;
+    spdlog::details::log_msg heading_;
+    bool hasHeading_ = false;
     /// Keeps the checked file under its name until the library has opened it.
     Shared::Util::FileHandle checked_;
     /// Null while the file cannot be opened.

@@ -1,7 +1,7 @@
 #include "agentcli-core.h"
 
 #include <exception>
-#include <iostream>
+#include <sstream>
 
 #include "agentcli-core-console.h"
 #include "shared.exception-guardedlog.h"
@@ -21,9 +21,15 @@ int Application::Run(int argc, const char* const* argv) {
         app_.parse(argc, argv);
         return 0;
     } catch (const CLI::ParseError& error) {
-        return app_.exit(error, std::cout, std::cerr);
+        // The streams of the standard library would show a console their bytes in its own code page.
+        std::ostringstream output;
+        std::ostringstream errors;
+        const int status = app_.exit(error, output, errors);
+        Print(stdout, "{}", output.str());
+        Print(stderr, "{}", errors.str());
+        return status;
     } catch (const std::exception& error) {
-        Print("Unexpected error: {}", error.what());
+        Print(stdout, "Unexpected error: {}", error.what());
         Shared::Exception::LogError("{}", error.what());
         return 1;
     }

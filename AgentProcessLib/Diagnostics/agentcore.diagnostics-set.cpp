@@ -137,9 +137,9 @@ CollectorStatus RunRow(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapp
     CollectorStatus status;
     try {
         const auto start = std::chrono::steady_clock::now();
+        status.diagnostic.set_started_at(UtcNow());
         Shared::FileSystem::RenewSharedWait();
         Describe(row, status.diagnostic);
-        status.diagnostic.set_started_at(UtcNow());
         RunWithinBoundary(row, zip, status);
         AddMessages(status);
         status.diagnostic.set_duration_ms(MillisecondsSince(start));
@@ -149,12 +149,20 @@ CollectorStatus RunRow(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapp
     return status;
 }
 
-std::vector<CollectorStatus> RunSet(std::span<const CollectorRow> rows, Shared::FileZip::ZipArchiveWrapper& zip) {
+std::vector<CollectorStatus> RunSet(std::span<const CollectorRow> rows, Shared::FileZip::ZipArchiveWrapper& zip,
+                                    const Progress& progress) {
     std::vector<CollectorStatus> statuses;
     statuses.reserve(rows.size());
-    std::ranges::transform(rows, std::back_inserter(statuses), [&zip](const CollectorRow& row) {
-        return IsInterrupted() ? NotRun(row) : RunRow(row, zip);
-    });
+    for (const CollectorRow& row : rows) {
+        if (IsInterrupted()) {
+            statuses.push_back(NotRun(row));
+            continue;
+        }
+        if (progress) {
+            progress({.number = statuses.size() + 1, .count = rows.size(), .row = row});
+        }
+        statuses.push_back(RunRow(row, zip));
+    }
     return statuses;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <span>
@@ -43,8 +44,19 @@ template <Collector T>
 /// second. A row during which the run is interrupted ends with the message "Interrupted.".
 [[nodiscard]] CollectorStatus RunRow(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapper& zip) noexcept;
 
-/// Runs the rows of a set in order. Once the run is interrupted the others are not run, and say so.
+/// A row that is about to be run.
+struct RowInSet {
+    /// From 1 to `count`.
+    std::size_t number;
+    std::size_t count;
+    const CollectorRow& row;
+};
+using Progress = std::function<void(const RowInSet&)>;
+
+/// Runs the rows of a set in order and calls `progress` before each. Once the run is interrupted the others are not
+/// run, and say so.
 [[nodiscard]] std::vector<CollectorStatus> RunSet(std::span<const CollectorRow> rows,
-                                                  Shared::FileZip::ZipArchiveWrapper& zip);
+                                                  Shared::FileZip::ZipArchiveWrapper& zip,
+                                                  const Progress& progress = {});
 
 }  // namespace AgentCore::Diagnostics

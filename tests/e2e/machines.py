@@ -91,6 +91,12 @@ class Console:
         """Waits for the program's end; returns the seconds."""
         return self.wait_until(lambda: self.process.poll() is not None, seconds)
 
+    def still_runs_after(self, seconds):
+        with contextlib.suppress(AssertionError):
+            self.wait(seconds)
+            return False
+        return True
+
     def text(self):
         """What the redirected program has printed."""
         return self.printed.read_bytes().decode()

@@ -517,6 +517,12 @@ class CommandLine(Case):
                 self.assertIn(wanted.encode(), done.stdout + done.stderr)
                 self.assertFalse(self.zip.exists())
 
+    def test_a_console_shows_an_error_as_it_was_typed(self):
+        with Console(BARE, self.folder, "--Größe=日本", redirected=False) as run:
+            run.wait()
+            self.assertEqual(run.process.returncode, 109)
+            self.assertIn("--Größe=日本", run.shown.decode())
+
     def test_a_log_that_cannot_be_opened_ends_the_run_with_mains_error_line(self):
         (self.folder / "agent-cli.log" / "inside").mkdir(parents=True)
         printed = self.collect(status=1)
@@ -539,14 +545,19 @@ class WorkingFolder(Case):
         log.write_bytes(b"earlier\r\n")
         log.chmod(0o666)
         self.collect("-o", on=FULL)
-        self.assertTrue(log.read_bytes().startswith(b"earlier\r\n"))
+        self.assert_heading(log.read_text(), "earlier\n")
         # Wine shows the access list as a mode.
         self.assertEqual(log.stat().st_mode & 0o007, 0)
         log.write_bytes(b"x" * 10_230 + b"\r\n")
         self.collect("-o", on=FULL)
         self.assertTrue(rotated.read_bytes().startswith(b"xxx"))
-        self.assertNotIn("xxx", Archive(self.zip).text("agent-cli.log"))
+        self.assert_heading(Archive(self.zip).text("agent-cli.log"))
         self.assertEqual(log.stat().st_mode & 0o007, 0)
+
+    def assert_heading(self, log, before=""):
+        self.assertRegex(log, rf"\A{before}\[.*\] \[default\] \[(info\] .*, |warning\] .*, not )elevated.*, "
+                              rf"current directory {re.escape(windows_path(self.folder))}, command line .* -o\r?\n")
+        self.assertRegex(log, r"\] AgentCLI \d+\.\d+\.\d+ on Windows \d+\.\d+\.\d+, ")
 
     def test_a_log_that_cannot_be_rotated_costs_its_older_lines(self):
         (self.folder / "agent-cli.log").write_bytes(b"x" * 10_230 + b"\r\n")

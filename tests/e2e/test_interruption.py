@@ -1,0 +1,103 @@
+"""Ctrl+C, and what the console shows during a run."""
+
+import re
+import shutil
+
+from expected_rows import LOG, TEXTS, rows_of_full_run, types
+from machines import BARE, FULL, Archive, Case, Console, machine, running_in
+
+EMPTY_ZIP = 22  # bytes
+INTERRUPTED, NOT_RUN = "Interrupted.", "Not run: the collection was interrupted."
+
+
+class Interruption(Case):
+    def test_a_command_is_ended_and_the_rest_is_named(self):
+        for arguments, name in ((), "diagnostics.zip"), (("-p", "out.zip"), "out.zip"):
+            with self.subTest(name), Console(FULL, self.folder, *arguments, LACLI_PAUSE_status="60000") as run:
+                self.interrupt_tool(run, "status")
+                self.assertLess(run.wait(), 3)
+                self.assertEqual(run.process.returncode, 1)
+                self.assert_located(run.text(), self.folder / name)
+                self.assert_nothing_runs_in(self.folder)
+                self.assert_folder_holds(name)
+                self.check_interrupted_in(Archive(self.folder / name), "status")
+                (self.folder / name).unlink()
+
+    def interrupt_tool(self, run, question):
+        """Presses Ctrl+C once the tool has written the first line of its answer."""
+        run.wait_until(lambda: any(line.startswith("C:\\Program Files") and line.endswith("lacli.exe " + question)
+                                   for line in running_in(self.folder)))
+        self.assertTrue(run.still_runs_after(1))
+        run.press_ctrl_c()
+
+    def check_interrupted_in(self, archive, name):
+        expected = rows_of_full_run([profile.name for profile in FULL.profiles()])
+        self.assertEqual([(row["type"], row["name"], row["origin"]) for row in archive.rows],
+                         [(row.type, row.name, row.origin) for row in expected])
+        at = [row.name for row in expected].index(name)
+        for row, wanted in zip(archive.rows[:at], expected[:at]):
+            self.assertEqual(row.get("success", False), bool(wanted.files), row)
+            self.assertNotIn(INTERRUPTED, row.get("errors", []))
+        self.assertEqual(archive.rows[at]["errors"], [INTERRUPTED])
+        for row in archive.rows[at + 1:]:
+            self.assertEqual((row.get("success"), row.get("errors"), row.get("rawProcessExitCode")),
+                             (None, [NOT_RUN], None), row)
+        folders = {row["archivePath"] for row in archive.rows[:at + 1]}
+        self.assertEqual({name for name in archive.names if name.split("/")[0] not in folders},
+                         {"manifest.json", "agent-cli.log"})
+        # What it had written is kept.
+        half = TEXTS["lacli_status.log"].replace("Signed in: yes\n", "").replace("code: 0", "code: #")
+        wanted = re.escape(half.replace("\n", "\r\n")).replace(r"\#", r"\d+")
+        self.assertRegex(archive.text(archive.rows[at]["archivePath"] + "/lacli_status.log"), rf"\A{wanted}\Z")
+        self.assertIn(f"{INTERRUPTED}\n{NOT_RUN}\n", archive.text("agent-cli.log").replace("\r\n", "\n"))
+
+
+class InterruptionOfFiles(Case):
+    """Ctrl+C while a file that takes some seconds is being archived."""
+
+    def setUp(self):
+        super().setUp()
+        self.logs = BARE.drive / "ProgramData/Velqor/DLP/logs"
+        self.addCleanup(shutil.rmtree, self.logs.parent)
+        self.logs.mkdir(parents=True)
+        for name in ("one.txt", "two.txt", "three.txt"):
+            with open(self.logs / name, "wb") as file:
+                file.truncate(machine.SIZE_LIMIT)
+
+    def begin(self, run):
+        run.wait_until(lambda: self.zip.exists() and self.zip.stat().st_size > EMPTY_ZIP)
+        self.assertTrue(run.still_runs_after(0.7))
+        run.press_ctrl_c()
+
+    def test_it_ends_with_the_file(self):
+        with Console(BARE, self.folder, "-l") as run:
+            self.begin(run)
+            run.wait()
+            self.assertEqual(run.process.returncode, 1)
+            self.assert_located(run.text(), self.zip)
+        archive = Archive(self.zip)
+        self.assertEqual(archive.types(), types(len(BARE.profiles()), (LOG,)))
+        self.assertLess(len([name for name in archive.names if name.endswith(".txt")]), 3)
+        self.assertIn(INTERRUPTED, archive.row("*.txt")["errors"])
+        self.assertEqual({row["errors"][0] for row in archive.rows[4:]}, {NOT_RUN})
+
+    def test_a_second_one_ends_the_process_at_once(self):
+        with Console(BARE, self.folder, "-l") as run:
+            self.begin(run)
+            self.assertTrue(run.still_runs_after(0.3))
+            run.press_ctrl_c()
+            self.assertLess(run.wait(), 1)
+            self.assertNotEqual(run.process.returncode, 0)
+            self.assertEqual(run.text(), "")
+        self.assert_nothing_runs_in(self.folder)
+        self.assertNotIn("manifest.json", Archive(self.zip).names)
+
+
+class Title(Case):
+    def test_the_title_says_what_runs_and_is_restored(self):
+        with Console(BARE, self.folder, "-s", redirected=False) as run:
+            run.wait()
+            self.assertEqual(run.process.returncode, 0)
+            titles = run.titles()
+        self.assertIn("AgentCLI: samples, 6 of 10: systeminfo", titles)
+        self.assertNotIn("AgentCLI", titles[-1])
