@@ -79,7 +79,7 @@ std::string DescribeProcess() {
 Utf8Arguments::Utf8Arguments(int count, const char* const* values) {
     int wideCount = 0;
     LPWSTR* const wide = CommandLineToArgvW(GetCommandLineW(), &wideCount);
-    const Shared::Util::LocalMemory memory(wide);
+    const Shared::Util::LocalMemory memory(static_cast<void*>(wide));
     if (wide != nullptr) {
         std::transform(wide, wide + wideCount, std::back_inserter(texts_),
                        [](const wchar_t* text) { return Shared::Util::ToUtf8Lossy(std::wstring_view(text)); });
