@@ -55,7 +55,7 @@ public:
         return list;
     }
 
-    [[nodiscard]] bool Add(DWORD_PTR attribute, std::span<HANDLE> handles) {
+    [[nodiscard]] bool Add(DWORD_PTR attribute, std::span<HANDLE> handles) const {
         return UpdateProcThreadAttribute(Get(), 0, attribute, static_cast<void*>(handles.data()), handles.size_bytes(),
                                          nullptr, nullptr) != FALSE;
     }

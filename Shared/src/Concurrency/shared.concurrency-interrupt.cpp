@@ -54,7 +54,7 @@ bool IsConsoleClosing() noexcept {
 
 HANDLE InterruptEvent() noexcept {
     // Never closed: the handler's thread may still use it when the program ends.
-    static const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    static auto* const event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     return event;
 }
 
