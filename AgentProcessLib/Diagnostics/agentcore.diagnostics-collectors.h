@@ -41,8 +41,8 @@ concept Collector =
         { collector.Collect(archiveFolder, zip) } noexcept -> std::same_as<CollectorStatus>;
     };
 
-/// What an add makes of a collector that adds one file: successful when the archive holds the file, or a part of it; what
-/// went wrong is the one message.
+/// What an add makes of a collector that adds one file: successful when the archive holds the file, or a part of it;
+/// what went wrong is the one message.
 [[nodiscard]] CollectorStatus StatusOf(Shared::FileZip::ZipArchiveWrapper::AddResult added);
 
 /// A folder in the open archive, where a collector puts its files.

@@ -1,5 +1,6 @@
 """Ctrl+C, and what the console shows during a run."""
 
+import random
 import re
 import shutil
 
@@ -60,9 +61,9 @@ class InterruptionOfFiles(Case):
         self.logs = BARE.drive / "ProgramData/Velqor/DLP/logs"
         self.addCleanup(shutil.rmtree, self.logs.parent)
         self.logs.mkdir(parents=True)
+        noise = random.Random(7).randbytes(100 << 20)  # which takes a second or two to compress
         for name in ("one.txt", "two.txt", "three.txt"):
-            with open(self.logs / name, "wb") as file:
-                file.truncate(machine.SIZE_LIMIT)
+            (self.logs / name).write_bytes(noise)
 
     def begin(self, run):
         run.wait_until(lambda: self.zip.exists() and self.zip.stat().st_size > EMPTY_ZIP)

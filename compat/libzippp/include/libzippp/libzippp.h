@@ -7,7 +7,8 @@
 /// that the library can take this one's place without a change to the callers. Nothing here throws except
 /// std::bad_alloc.
 
-// NOLINTBEGIN(modernize-*, bugprone-macro-parentheses, performance-enum-size): the shape is that of the library's header
+// NOLINTBEGIN(modernize-*, bugprone-macro-parentheses, performance-enum-size): the shape is that of the library's
+// header
 
 struct zip;
 struct zip_source;
