@@ -69,8 +69,8 @@ wine_environment() { # wine_environment PREFIX
     quietly "$WINEPREFIX.log" wine wineboot --init
     wineserver -w 2>/dev/null || true
   fi
-  # A server that outlives the single program spares every next one its start. The services that come with it are
-  # started here, with no output of ours in their hands: whoever waits for a program's output would wait for them.
+  # A server that stays after a program has ended saves the next one its start. Its services are started here, without
+  # an inherited output: a caller that waits for the end of a program's output would wait for them as well.
   if wineserver --persistent=300 </dev/null >/dev/null 2>&1; then
     wine cmd /c exit </dev/null >/dev/null 2>&1 || true
   fi

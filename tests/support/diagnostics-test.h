@@ -26,13 +26,17 @@ inline const std::pair<std::wstring, std::wstring> readKeys[] = {
     {LR"(SYSTEM\CurrentControlSet\services\Tcpip\Linkage)", L"Bind"},
 };
 /// Folders that are scanned, below the one that SetFolders is given, each with the ending of the names that count.
-inline const std::pair<std::wstring, std::wstring> scannedFolders[] = {
-    {LR"(Velqor\OXM\)", L".log"},
-    {LR"(Velqor\OXM\sub\)", L".dmp"},
-    {LR"(Velqor\Portavo\)", L".old"},
-    {LR"(ProgramData\Velqor\Lumora Access Agent\Logs\)", L".log"},
-    {LR"(ProgramData\Velqor\DLP\logs\)", L".txt"},
-    {LR"(Users\bob\AppData\Local\Velqor\OXM\Viewpane\)", L""},
+struct ScannedFolder {
+    std::wstring folder;
+    std::wstring ending;
+};
+inline const ScannedFolder scannedFolders[] = {
+    {.folder = LR"(Velqor\OXM\)", .ending = L".log"},
+    {.folder = LR"(Velqor\OXM\sub\)", .ending = L".dmp"},
+    {.folder = LR"(Velqor\Portavo\)", .ending = L".old"},
+    {.folder = LR"(ProgramData\Velqor\Lumora Access Agent\Logs\)", .ending = L".log"},
+    {.folder = LR"(ProgramData\Velqor\DLP\logs\)", .ending = L".txt"},
+    {.folder = LR"(Users\bob\AppData\Local\Velqor\OXM\Viewpane\)", .ending = L""},
 };
 
 /// Sets where the registry says that the agent, the users' profiles and ProgramData are, all below one folder.

@@ -60,7 +60,7 @@ TemporaryFolder::TemporaryFolder() : path_(std::filesystem::temp_directory_path(
     std::filesystem::create_directories(path_);
 }
 
-// The standard library would follow links, and never ends on names that only a verbatim path reaches.
+// The standard library would follow links, and never ends on names that only a `\\?\` path reaches.
 TemporaryFolder::~TemporaryFolder() {
     Shared::FileSystem::FileObjectRemover(path_).Clear();
 }

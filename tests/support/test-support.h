@@ -20,8 +20,7 @@ namespace TestSupport {
 class TemporaryFolder {
 public:
     TemporaryFolder();
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    TemporaryFolder(TemporaryFolder&&) = delete;
     ~TemporaryFolder();
     [[nodiscard]] const std::filesystem::path& Path() const { return path_; }
     [[nodiscard]] std::filesystem::path operator/(const std::filesystem::path& name) const { return path_ / name; }
@@ -47,8 +46,7 @@ private:
 class ThrowAwayHive {
 public:
     ThrowAwayHive();
-    ThrowAwayHive(const ThrowAwayHive&) = delete;
-    ThrowAwayHive& operator=(const ThrowAwayHive&) = delete;
+    ThrowAwayHive(ThrowAwayHive&&) = delete;
     ~ThrowAwayHive();
 
     /// Creates the key below HKEY_LOCAL_MACHINE when needed and sets a value (an empty name is the default value).

@@ -7,8 +7,8 @@
 #include "shared.util-handle.h"
 #include "shared.util-win32result.h"
 
-// What this program creates is for its administrator: files and folders get a protected access list that gives SYSTEM,
-// the Administrators, the running user and the owner full access, and nothing to anybody else.
+// What this program creates is for its administrator: files and folders get a protected access list that gives full
+// access to SYSTEM, the Administrators, the running user and the owner, and none to other accounts.
 namespace Shared::FileSystem {
 
 /// Creates a file; ERROR_FILE_EXISTS when anything exists at the path, a link included.

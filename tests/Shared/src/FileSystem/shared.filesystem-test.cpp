@@ -139,7 +139,7 @@ TEST(ConfinedFolder, OpensOnlyWhatLiesInTheFolder) {
         const auto outside = folder.Open(LR"(..\bobby\a.log)");
         EXPECT_FALSE(outside && outside->status.kind == FileKind::Regular);
     }
-    EXPECT_EQ(ConfinedFolder(machine / L"nobody").Open(L"a.log")->status.kind, FileKind::NotFound);
+    EXPECT_EQ(ConfinedFolder(machine / L"none").Open(L"a.log")->status.kind, FileKind::NotFound);
 }
 
 TEST(ConfinedFolder, HoldsTheCheckedFile) {
@@ -154,6 +154,11 @@ TEST(ConfinedFolder, HoldsTheCheckedFile) {
         EXPECT_EQ(MoveFileW(file.c_str(), (profile / L"b.log").c_str()), FALSE);
         WriteFile(file, "its owner writes on");
         EXPECT_EQ(TestSupport::ReadFile(opened->path), "its owner writes on");
+    }
+    {
+        const auto listing = ConfinedFolder(profile.Path()).List(profile / L"sub");
+        EXPECT_EQ(MoveFileW((profile / L"sub").c_str(), (profile / L"moved").c_str()), FALSE)
+            << "a folder is listed through the handle that was checked";
     }
     const auto locked = Hold(file);
     const auto refused = ConfinedFolder(profile.Path()).Open(LR"(sub\a.log)");

@@ -162,6 +162,19 @@ TEST(AppendInPlaceSourceTest, AFailingWriteIsUndoneAndTheNextAddWorks) {
     }
 }
 
+TEST(AppendInPlaceSourceTest, AnExceptionNeverReachesTheLibrary) {
+    struct ThrowingFile : DiskFile {
+        using DiskFile::DiskFile;
+        [[nodiscard]] Util::Win32Result<std::size_t> Read(std::uint64_t, std::span<std::byte>) const override {
+            throw std::runtime_error("unexpected");
+        }
+    };
+    Disk disk{.file = WriteZip({{"a", "first"}})};
+    ThrowingFile file(disk);
+    AppendInPlaceSource source(file);
+    EXPECT_EQ(OpenOver(source, ZipArchive::Write), nullptr);
+}
+
 TEST(AppendInPlaceSourceTest, DeletingAndReplacingGoThroughAnotherFile) {
     const Image before = WriteZip({{"a", "first"}, {"b", Noise(2U << 20U)}, {"c", "third"}}, {.comment = "kept"});
     for (const bool full : {false, true}) {

@@ -105,7 +105,7 @@ struct Disk {
 using Shared::FileZip::Win32Result;
 
 /// A file of that disk under the source that is tested.
-class DiskFile final : public Shared::FileZip::ArchiveFile {
+class DiskFile : public Shared::FileZip::ArchiveFile {
 public:
     explicit DiskFile(Disk& disk) : DiskFile(disk, disk.file) {}
     DiskFile(Disk& disk, std::optional<Image>& file) : disk_(disk), file_(file) {}
