@@ -15,6 +15,7 @@
 #include "shared.exception.h"
 #include "shared.registry-functions.h"
 #include "shared.util-functions.h"
+#include "shared.util-win32result.h"
 
 namespace Shared::Registry {
 
@@ -61,6 +62,57 @@ std::wstring JoinedMultiString(const std::vector<std::byte>& data) {
         offset += text.size() + 1;
     }
     return joined;
+}
+
+// Reads a value that may grow between two calls; the first one has a buffer of that many bytes.
+std::expected<RegKey::Value, long> ReadValue(HKEY key, const std::wstring& name, std::size_t capacity) {
+    RegKey::Value value;
+    value.name = name;
+    for (int attempt = 0; attempt < maxAttempts; ++attempt) {
+        // Never an empty buffer, which would turn the call into another query for the size.
+        value.data.resize(std::max<std::size_t>(capacity, 1));
+        auto bytes = static_cast<DWORD>(value.data.size());
+        DWORD type = REG_NONE;
+        const LSTATUS status =
+            RegQueryValueExW(key, name.c_str(), nullptr, &type, reinterpret_cast<BYTE*>(value.data.data()), &bytes);
+        if (status == ERROR_SUCCESS) {
+            value.data.resize(bytes);
+            value.type = type;
+            return value;
+        }
+        if (status != ERROR_MORE_DATA) {
+            return std::unexpected(status);
+        }
+        capacity = std::max<std::size_t>(capacity * 2, bytes);
+    }
+    return std::unexpected(ERROR_MORE_DATA);
+}
+
+// Appends the values of a key in the registry's order. A value that cannot be read is left out.
+Util::Win32Result<void> AppendValues(const RegKey& key, std::vector<RegKey::Value>& values) {
+    std::wstring buffer(valueNameCapacity, L'\0');
+    for (DWORD index = 0;; ++index) {
+        DWORD length = valueNameCapacity;
+        DWORD type = REG_NONE;
+        const LSTATUS status =
+            RegEnumValueW(key.handle, index, buffer.data(), &length, nullptr, &type, nullptr, nullptr);
+        if (status == ERROR_NO_MORE_ITEMS) {
+            return {};
+        }
+        if (status != ERROR_SUCCESS) {
+            return std::unexpected(static_cast<DWORD>(status));
+        }
+        if (auto value = key.GetRawValue(std::wstring(buffer.data(), length))) {
+            values.push_back(*std::move(value));
+        }
+    }
+}
+
+void WarnIncomplete(const std::wstring& key, std::string_view details) {
+    Exception::LogWarning(
+        "Failed extracting all key values for {}. Will return what has been found, which may be incomplete. Error "
+        "details: {}",
+        Util::ToUtf8Lossy(key), details);
 }
 
 }  // namespace
@@ -201,27 +253,7 @@ std::expected<RegKey::Value, long> RegKey::GetRawValue(const std::wstring& value
         return std::unexpected(size.error());
     }
     try {
-        Value value;
-        value.name = valueName;
-        std::size_t capacity = *size;
-        for (int attempt = 0; attempt < maxAttempts; ++attempt) {
-            // Never an empty buffer, which would turn the call into another query for the size.
-            value.data.resize(std::max<std::size_t>(capacity, 1));
-            auto bytes = static_cast<DWORD>(value.data.size());
-            DWORD type = REG_NONE;
-            const LSTATUS status = RegQueryValueExW(handle, valueName.c_str(), nullptr, &type,
-                                                    reinterpret_cast<BYTE*>(value.data.data()), &bytes);
-            if (status == ERROR_SUCCESS) {
-                value.data.resize(bytes);
-                value.type = type;
-                return value;
-            }
-            if (status != ERROR_MORE_DATA) {
-                return std::unexpected(status);
-            }
-            capacity = std::max<std::size_t>(capacity * 2, bytes);
-        }
-        return std::unexpected(ERROR_MORE_DATA);
+        return ReadValue(handle, valueName, *size);
     } catch (const std::exception&) {
         return std::unexpected(ERROR_NOT_ENOUGH_MEMORY);
     }
@@ -233,33 +265,13 @@ std::vector<RegKey::Value> RegKey::GetAllValues() const noexcept {
         Warn("Cannot query all values of an null registry key.");
         return values;
     }
-    const auto warnIncomplete = [this](std::string_view details) {
-        Exception::LogWarning(
-            "Failed extracting all key values for {}. Will return what has been found, which may be incomplete. Error "
-            "details: {}",
-            Util::ToUtf8Lossy(name), details);
-    };
     try {
         try {
-            std::wstring buffer(valueNameCapacity, L'\0');
-            for (DWORD index = 0;; ++index) {
-                DWORD length = valueNameCapacity;
-                DWORD type = REG_NONE;
-                const LSTATUS status =
-                    RegEnumValueW(handle, index, buffer.data(), &length, nullptr, &type, nullptr, nullptr);
-                if (status == ERROR_NO_MORE_ITEMS) {
-                    return values;
-                }
-                if (status != ERROR_SUCCESS) {
-                    warnIncomplete(Exception::Win32Message(static_cast<std::uint32_t>(status)));
-                    return values;
-                }
-                if (auto value = GetRawValue(std::wstring(buffer.data(), length))) {
-                    values.push_back(*std::move(value));
-                }
+            if (const auto ended = AppendValues(*this, values); !ended) {
+                WarnIncomplete(name, Exception::Win32Message(ended.error()));
             }
         } catch (const std::exception& error) {
-            warnIncomplete(error.what());
+            WarnIncomplete(name, error.what());
         }
     } catch (...) {  // NOLINT(bugprone-empty-catch): no memory even for the warning
     }

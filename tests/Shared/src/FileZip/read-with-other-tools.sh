@@ -1,6 +1,6 @@
-#!/ usr / bin / env bash
-#Lets unzip, 7z and Python's zipfile test every archive that a kill in the middle of an add leaves.
-#read - with - other - tools.sh TEST_PROGRAM_COMMAND...
+#!/usr/bin/env bash
+# Lets unzip, 7z and Python's zipfile test every archive that a kill in the middle of an add leaves.
+# read-with-other-tools.sh TEST_PROGRAM_COMMAND...
 set -euo pipefail
 
 folder=$(mktemp -d)
