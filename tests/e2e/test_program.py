@@ -175,8 +175,7 @@ class BareRun(Case):
                 ("-l", [("info", r"The ProgramData folder path is C:\ProgramData."),
                         ("info", r"No files with extension .log were found in directory C:\WINDOWS\inf.")]),
                 ("-c", [("error", "Diagnostics failed copying extensions for .dmp: Exception in ")]),
-                ("-o", [("warning", "Not dumping the AOXM registry key "),
-                        ("warning", "Failed exporting Lumora Access Agent key ")])):
+                ("-o", [("warning", "Failed exporting Lumora Access Agent key ")])):
             for log in self.folder.glob("agent-cli*"):
                 log.unlink()
             self.collect(flag)

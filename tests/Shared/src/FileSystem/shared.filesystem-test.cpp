@@ -216,16 +216,6 @@ TEST(LongForm, MakesAbsolutePathsWithThePrefix) {
     }
 }
 
-TEST(IsSameFile, AsksForTheFinalPaths) {
-    const TemporaryFolder folder;
-    WriteFile(folder / L"a.txt", "a");
-    fs::create_hard_link(folder / L"a.txt", folder / L"hard.txt");
-    const SymbolicLink link(folder.Path(), folder / L"link");
-    EXPECT_TRUE(IsSameFile(folder / L"a.txt", folder / L"link" / L"A.TXT"));
-    EXPECT_FALSE(IsSameFile(folder / L"a.txt", folder / L"hard.txt"));
-    EXPECT_FALSE(IsSameFile(folder / L"none", folder / L"none"));
-}
-
 TEST(PrivateFile, IsNewAndForItsAdministratorAlone) {
     const TemporaryFolder folder;
     const fs::path file = folder / L"file";
