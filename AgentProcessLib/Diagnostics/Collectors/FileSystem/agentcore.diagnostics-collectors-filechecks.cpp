@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include <optional>
 #include <utility>
 
 #include "shared.exception-guardedlog.h"
@@ -90,8 +91,8 @@ CheckResult FileChecksPass(const std::filesystem::path& file, const Shared::File
 std::expected<CollectorStatus, CheckError> AddWithinLimit(const std::filesystem::path& file, std::uint64_t maxSize,
                                                           const Destination& destination) {
     auto added = destination.zip.AddFileToFolder(destination.folder, file, maxSize);
-    if (!added && added.error().tooLarge) {
-        return TooLarge(file, *added.error().tooLarge, maxSize);
+    if (const std::optional<std::uint64_t> size = added ? std::nullopt : added.error().tooLarge; size) {
+        return TooLarge(file, *size, maxSize);
     }
     return StatusOf(std::move(added));
 }

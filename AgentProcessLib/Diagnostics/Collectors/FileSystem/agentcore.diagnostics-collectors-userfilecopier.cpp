@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <exception>
 #include <iterator>
+#include <ranges>
 #include <set>
 #include <tuple>
 #include <vector>
@@ -47,8 +48,7 @@ public:
     [[nodiscard]] std::vector<std::filesystem::path> Take() {
         std::vector<std::pair<std::size_t, std::filesystem::path>> taken;
         std::uint64_t total = 0;
-        for (auto file = newest_.rbegin(); file != newest_.rend(); ++file) {
-            const auto& [lastWritten, order, size, path] = *file;
+        for (const auto& [lastWritten, order, size, path] : std::views::reverse(newest_)) {
             // A file over the limit is refused by the gate, with a message of its own.
             const std::uint64_t counted = size > maxSize_ ? 0 : size;
             if (total + counted <= maxFolderSize) {
