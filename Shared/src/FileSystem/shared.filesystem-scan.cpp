@@ -55,7 +55,8 @@ bool DirectoryEntry::IsRealDirectory() const noexcept {
     return IsDirectory() && !IsLink(attributes, reparseTag);
 }
 
-DirectoryListing::DirectoryListing(std::filesystem::path folder) : DirectoryListing(folder, OpenToList(folder)) {}
+DirectoryListing::DirectoryListing(const std::filesystem::path& folder)
+    : DirectoryListing(folder, OpenToList(folder)) {}
 
 DirectoryListing::DirectoryListing(std::filesystem::path folder, Util::FileHandle handle) noexcept
     : folder_(std::move(folder)), handle_(std::move(handle)), reader_(handle_.Get()) {}

@@ -54,7 +54,7 @@ class DirectoryListing {
 public:
     /// Opens the folder, links followed, whatever the path's length. Throws std::filesystem::filesystem_error of the
     /// operation "directory_iterator::directory_iterator" when it cannot be opened.
-    explicit DirectoryListing(std::filesystem::path folder);
+    explicit DirectoryListing(const std::filesystem::path& folder);
 
     /// Lists a folder that is open for listing; `folder` is its path.
     DirectoryListing(std::filesystem::path folder, Util::FileHandle handle) noexcept;
