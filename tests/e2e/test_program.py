@@ -106,11 +106,10 @@ class FullRun(Case):
             pattern = re.escape(wanted.replace("\n", "\r\n"))
             pattern = pattern.replace(r"\{time\}", r"\d\d:\d\d:\d\d \d{4}-\d\d-\d\d").replace(r"\{unreadable\}", ".*")
             self.assertRegex(texts[name], rf"\A{pattern}\Z", name)
-        # The key was made with the machine.
+        # The key was made with the machine, which is not kept for long.
         written = re.search(r"\d\d:\d\d:\d\d \d{4}-\d\d-\d\d", texts["regval.txt"])[0]
         written = datetime.datetime.strptime(written, "%H:%M:%S %Y-%m-%d").replace(tzinfo=UTC).timestamp()
-        self.assertLess((FULL.prefix / "dosdevices").stat().st_mtime - 60, written)
-        self.assertLess(written, time.time())
+        self.assertTrue(0 < time.time() - written < 30 * 24 * 3600, written)
         self.assertTrue(archive.text("manifest.json").startswith('{\r\n "diagnostics": [\r\n  {\r\n'))
         log = archive.text("agent-cli.log")
         problems = "".join(error + "\n" for row in archive.rows for error in row.get("errors", []))
