@@ -31,7 +31,6 @@ using Shared::Util::LocalMemory;
 using Shared::Util::Win32Result;
 
 constexpr std::chrono::seconds openInterval{2};
-constexpr DWORD sharing = FILE_SHARE_READ | FILE_SHARE_WRITE;
 
 /// Owner and access list as text; empty when they cannot be read.
 std::wstring AccessOf(const FileHandle& file) {
@@ -69,7 +68,7 @@ std::uint64_t SizeOf(const FileHandle& file) {
 }
 
 Win32Result<FileHandle> CreateWith(const std::filesystem::path& path, const std::string& text) {
-    auto file = RetryWhileHeld([&path] { return CreatePrivateFile(path, GENERIC_WRITE, sharing); });
+    auto file = RetryWhileHeld([&path] { return CreatePrivateFile(path, GENERIC_WRITE, shareContent); });
     DWORD written = 0;
     if (file && WriteFile(file->Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) == FALSE) {
         return Shared::Util::LastError();
@@ -80,7 +79,8 @@ Win32Result<FileHandle> CreateWith(const std::filesystem::path& path, const std:
 /// Makes sure that the file is this program's own, or too large to be written to before it is rotated.
 Win32Result<FileHandle> Prepare(const std::filesystem::path& path, std::size_t maxSize) {
     std::string text;
-    auto file = RetryWhileHeld([name = NativeForm(path)] { return OpenUntrusted(name, FILE_GENERIC_READ, sharing); });
+    auto file =
+        RetryWhileHeld([name = NativeForm(path)] { return OpenUntrusted(name, FILE_GENERIC_READ, shareContent); });
     if (!file) {
         return IsNotFound(file.error()) ? CreateWith(path, text) : std::move(file);
     }

@@ -53,11 +53,11 @@ struct Destination {
     /// Adds a file under its own name.
     [[nodiscard]] CollectorStatus Add(const std::filesystem::path& file) const;
 
-    /// The number of files below the folder.
-    [[nodiscard]] std::size_t CountFiles() const;
-
     /// Adds a generated file under the name that it was asked for.
     [[nodiscard]] CollectorStatus Add(const Shared::FileSystem::GeneratedFile& file) const;
+
+    /// The number of files below the folder.
+    [[nodiscard]] std::size_t CountFiles() const;
 };
 
 /// The collector of a function that takes no constants of its own.

@@ -130,9 +130,7 @@ std::expected<ConfinedFile, RefusedOpen> ConfinedFolder::Open(std::wstring_view 
     }
     const std::wstring expected = NameBelow(root_, name);
     const std::wstring native = NativeForm(expected);
-    // Without delete sharing, which keeps the file from being renamed, deleted or replaced.
-    auto opened = SharedWait().Retry(
-        [&native] { return OpenUntrusted(native, FILE_GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE); });
+    auto opened = SharedWait().Retry([&native] { return OpenUntrusted(native, FILE_GENERIC_READ, shareContent); });
     if (!opened) {
         if (!IsNotFound(opened.error())) {
             return std::unexpected(RefusedOpen{.kind = file.status.kind, .code = opened.error()});

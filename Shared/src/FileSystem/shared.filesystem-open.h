@@ -10,7 +10,9 @@
 
 namespace Shared::FileSystem {
 
-inline constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+/// While a file is open with it, other processes can neither delete nor rename the file.
+inline constexpr DWORD shareContent = FILE_SHARE_READ | FILE_SHARE_WRITE;
+inline constexpr DWORD shareAll = shareContent | FILE_SHARE_DELETE;
 
 enum class Links : std::uint8_t {
     Follow,  ///< what a symbolic link or junction leads to is opened

@@ -156,21 +156,11 @@ Win32Result<std::optional<std::uint64_t>> CountEntries(const ArchiveFile& file, 
     return offset == end ? std::optional(count) : std::nullopt;
 }
 
-/// Whether the tail is one: its directory ends at its records and begins with an entry. Corrects the count where the
-/// end record cannot state it.
-Win32Result<bool> CheckDirectory(const ArchiveFile& file, ArchiveTail& tail, std::uint64_t recordsOffset,
-                                 bool isZip64) {
+/// Whether the tail is one: its directory ends at its records and begins with an entry.
+Win32Result<bool> CheckDirectory(const ArchiveFile& file, const ArchiveTail& tail, std::uint64_t recordsOffset) {
     if (tail.directorySize > recordsOffset || tail.directoryOffset != recordsOffset - tail.directorySize ||
         tail.entryCount > tail.directorySize / DirectoryEntry::size) {
         return false;
-    }
-    if (tail.entryCount == max16 && !isZip64) {
-        const auto count = CountEntries(file, tail);
-        if (!count) {
-            return std::unexpected(count.error());
-        }
-        tail.entryCount = count->value_or(max16);
-        return count->has_value();
     }
     if (tail.directorySize == 0) {
         return true;
@@ -201,7 +191,7 @@ Win32Result<std::optional<ArchiveTail>> TailWithRecordAt(const ArchiveFile& file
     if (end > limit || (isZip64 && !ApplyZip64(*bytes, recordsOffset, *tail))) {
         return std::nullopt;
     }
-    const auto isTail = CheckDirectory(file, *tail, recordsOffset, isZip64);
+    const auto isTail = CheckDirectory(file, *tail, recordsOffset);
     if (!isTail) {
         return std::unexpected(isTail.error());
     }

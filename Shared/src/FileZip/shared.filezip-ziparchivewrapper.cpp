@@ -14,6 +14,7 @@
 #include "shared.exception.h"
 #include "shared.filesystem-heldfile.h"
 #include "shared.filesystem-longpath.h"
+#include "shared.filesystem-open.h"
 #include "shared.filezip-appendsource.h"
 #include "shared.util-functions.h"
 #include "shared.util-handle.h"
@@ -165,8 +166,8 @@ struct ZipArchiveWrapper::SourceFile {
     static std::expected<SourceFile, std::string> Open(const std::filesystem::path& path) {
         const std::filesystem::path longForm = FileSystem::LongForm(path);
         auto handle = FileSystem::SharedWait().Retry([&]() -> Win32Result<Util::FileHandle> {
-            Util::FileHandle file(CreateFileW(longForm.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                              nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+            Util::FileHandle file(CreateFileW(longForm.c_str(), GENERIC_READ, FileSystem::shareContent, nullptr,
+                                              OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
             return file ? Win32Result<Util::FileHandle>(std::move(file)) : Util::LastError();
         });
         if (!handle) {

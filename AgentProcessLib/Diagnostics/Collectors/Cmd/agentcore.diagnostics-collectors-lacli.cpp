@@ -23,9 +23,8 @@ namespace {
 // Adds the export while it is held open, so that no process can put another file in its place.
 CollectorStatus AddExport(const std::filesystem::path& path, const Destination& destination) {
     using namespace Shared::FileSystem;
-    const auto file = RetryWhileHeld([name = NativeForm(path)] {
-        return OpenUntrusted(name, FILE_GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
-    });
+    const auto file =
+        RetryWhileHeld([name = NativeForm(path)] { return OpenUntrusted(name, FILE_GENERIC_READ, shareContent); });
     if (!file && IsNotFound(file.error())) {
         return Unsuccessful();
     }

@@ -85,7 +85,7 @@ std::vector<AddCase> AddCases() {
             {"no-entries", WriteZip({}), 1000},
             {"small", WriteZip(few), 1000},
             {"large", WriteZip(few), 7U << 20U},
-            {"comment", WriteZip(few, {.comment = "of another tool"}), 2U << 20U},
+            {"comment", WriteZip(few, {.comment = std::string(65535, 'c')}), 2U << 20U},
             {"descriptors", WriteZip(few, {.dataDescriptors = true}), 1000},
             {"zip64", WriteZip(few, {.zip64 = true}), 2U << 20U},
             {"wide-directory", WriteZip(many), 2U << 20U}};
