@@ -18,7 +18,6 @@ namespace AgentCore::Diagnostics {
 namespace {
 
 namespace fs = std::filesystem;
-using Shared::Util::SanitiseUtf8;
 using TestSupport::readKeys;
 using TestSupport::scannedFolders;
 
@@ -164,7 +163,7 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
         std::string archived;
         for (const libzippp::ZipEntry& entry : zip_.Entries()) {
             const std::string text = entry.readAsText();
-            EXPECT_EQ(SanitiseUtf8(text), text) << entry.getName();
+            EXPECT_EQ(Shared::Util::SanitiseUtf8(text), text) << entry.getName();
             archived += entry.getName() + '\n';
         }
         for (const std::string& file : wanted) {

@@ -43,20 +43,6 @@ std::multiset<std::wstring> Names(const fs::path& folder, Depth depth) {
     return names;
 }
 
-TEST(QueryStatus, FollowsLinks) {
-    const TemporaryFolder folder;
-    WriteFile(folder / L"target" / L"a.txt", "abc");
-    const SymbolicLink fileLink(folder / L"target" / L"a.txt", folder / L"file-link");
-    const SymbolicLink folderLink(folder / L"target", folder / L"folder-link");
-
-    EXPECT_EQ(QueryStatus(folder / L"file-link", "status").size, 3U);
-    EXPECT_EQ(QueryStatus(folder / L"folder-link", "status").kind, FileKind::Directory);
-    for (const wchar_t* name : {L"none", L"no\"name"}) {
-        EXPECT_EQ(QueryStatus(folder / name, "status").kind, FileKind::NotFound);
-    }
-    EXPECT_EQ(QueryStatus(folder / L"target" / L"a.txt" / L"below-a-file", "status").kind, FileKind::NotFound);
-}
-
 TEST(Attributes, TellLinksAndAbsentContentFromOrdinaryFiles) {
     constexpr DWORD reparse = FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY;
     for (const DWORD tag :
@@ -185,10 +171,6 @@ TEST(GeneratedFile, HoldsTextAndBytesAndGoesAway) {
     EXPECT_EQ(ReadFile(L"target.txt"), "precious, and longer than what comes now");
 }
 
-bool Exists(const fs::path& path) {
-    return GetFileAttributesW(LongForm(path).c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
 TEST(LongForm, MakesAbsolutePathsWithThePrefix) {
     const std::pair<std::wstring, std::wstring> cases[] = {
         {LR"(C:\a\b.log)", LR"(\\?\C:\a\b.log)"},
@@ -288,11 +270,11 @@ TEST(FileObjectRemover, RemovesFilesAndWholeFolders) {
         FileObjectRemover single(folder / L"single.txt");
         FileObjectRemover moved(std::move(single));
         FileObjectRemover(tree).Clear();
-        EXPECT_FALSE(Exists(tree));
-        EXPECT_TRUE(Exists(folder / L"single.txt"));
+        EXPECT_FALSE(fs::exists(tree));
+        EXPECT_TRUE(fs::exists(folder / L"single.txt"));
         FileObjectRemover(folder / L"never-there").Clear();
     }
-    EXPECT_FALSE(Exists(folder / L"single.txt"));
+    EXPECT_FALSE(fs::exists(folder / L"single.txt"));
     EXPECT_EQ(log.Text(), "");
 }
 

@@ -6,6 +6,7 @@
 
 #include "shared.exception.h"
 #include "shared.filesystem-longpath.h"
+#include "shared.filesystem-open.h"
 #include "shared.filezip-ziparchivewrapper.h"
 #include "shared.util-functions.h"
 #include "shared.util-handle.h"
@@ -233,9 +234,8 @@ TEST_F(ZipArchiveWrapperTest, OnlyAnArchiveOfItsOwnIsOpened) {
 
 TEST_F(ZipArchiveWrapperTest, NoOtherProcessChangesItWhileItIsOpenOrCopied) {
     const auto access = [this](DWORD wanted) {
-        const Util::FileHandle file(CreateFileW(path_.c_str(), wanted,
-                                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                                OPEN_EXISTING, 0, nullptr));
+        const Util::FileHandle file(
+            CreateFileW(path_.c_str(), wanted, FileSystem::shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
         return file ? ERROR_SUCCESS : GetLastError();
     };
     for (const char* name : {"kept", "next"}) {  // replaced, so that the file is another one; and added

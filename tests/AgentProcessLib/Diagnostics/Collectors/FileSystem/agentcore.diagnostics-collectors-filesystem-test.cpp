@@ -57,23 +57,20 @@ TEST(FileChecksPass, RefusesInItsOrder) {
 }
 
 TEST(FileDescriptor, SplitsNames) {
-    struct Case {
-        std::wstring file;
-        std::string name, stem, extension, baseName;
+    const std::tuple<std::wstring, std::string, std::string, std::string, std::string> cases[] = {
+        {LR"(C:\x\setupapi.dev.log)", "setupapi.dev.log", "setupapi.dev", ".log", "setupapi"},
+        {LR"(C:\x.y\.hidden)", ".hidden", ".hidden", "", ""},
+        {LR"(C:\x\a.log:zone.txt)", "a.log", "a", ".log", "a"},
+        {LR"(C:\x\a.)", "a.", "a", ".", "a"},
+        {LR"(C:\x\..)", "..", "..", "", ""},
+        {L"C:\\x\\\x00e9\xD800.b.log", "\xC3\xA9\xEF\xBF\xBD.b.log", "\xC3\xA9\xEF\xBF\xBD.b", ".log",
+         "\xC3\xA9\xEF\xBF\xBD"},
     };
-    for (const Case& one : {
-             Case{LR"(C:\x\setupapi.dev.log)", "setupapi.dev.log", "setupapi.dev", ".log", "setupapi"},
-             Case{LR"(C:\x.y\.hidden)", ".hidden", ".hidden", "", ""},
-             Case{LR"(C:\x\a.log:zone.txt)", "a.log", "a", ".log", "a"},
-             Case{LR"(C:\x\a.)", "a.", "a", ".", "a"},
-             Case{LR"(C:\x\..)", "..", "..", "", ""},
-             Case{L"C:\\x\\\x00e9\xD800.b.log", "\xC3\xA9\xEF\xBF\xBD.b.log", "\xC3\xA9\xEF\xBF\xBD.b", ".log",
-                  "\xC3\xA9\xEF\xBF\xBD"},
-         }) {
-        const FileDescriptor file{fs::path(one.file)};
+    for (const auto& [path, name, stem, extension, baseName] : cases) {
+        const FileDescriptor file{fs::path(path)};
         EXPECT_EQ(std::tie(file.name, file.stem, file.extension, file.baseName),
-                  std::tie(one.name, one.stem, one.extension, one.baseName));
-        EXPECT_EQ(file.path.native(), one.file);
+                  std::tie(name, stem, extension, baseName));
+        EXPECT_EQ(file.path.native(), path);
     }
     EXPECT_THAT([] { (void)FileDescriptor(LR"(C:\x.y\nodot)"); },
                 ThrowsMessage<Shared::Exception::RuntimeException>(
