@@ -26,7 +26,8 @@ namespace {
 
 constexpr std::size_t chunkSize = 4096;
 constexpr DWORD endGraceMilliseconds = 1000;
-constexpr DWORD interruptGraceMilliseconds = 500;
+constexpr DWORD longGrace = 500;  // ms
+constexpr DWORD shortGrace = 10;  // ms
 
 DWORD ToWait(std::chrono::milliseconds timeout) {
     return static_cast<DWORD>(std::clamp<std::chrono::milliseconds::rep>(timeout.count(), 0, INFINITE - 1));
@@ -261,10 +262,11 @@ private:
     bool underWay_ = false;
 };
 
-// Ctrl+C reaches a child at the same time as this process, and may have ended it first.
+// Ctrl+C reaches a child at the same time as this process. It may have ended the child first, whatever exit code the
+// child chose for that.
 void AwaitInterruption(std::uint32_t exitCode) {
-    if (exitCode == STATUS_CONTROL_C_EXIT && InterruptEvent() != nullptr) {
-        WaitForSingleObject(InterruptEvent(), interruptGraceMilliseconds);
+    if (InterruptEvent() != nullptr) {
+        WaitForSingleObject(InterruptEvent(), exitCode == STATUS_CONTROL_C_EXIT ? longGrace : shortGrace);
     }
 }
 

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "shared.concurrency-childfolder.h"
