@@ -7,6 +7,7 @@
 #include <expected>
 #include <string>
 
+#include "shared.concurrency-interrupt.h"
 #include "shared.exception-guardedlog.h"
 #include "shared.exception.h"
 #include "shared.filesystem-heldfile.h"
@@ -28,12 +29,18 @@ using Shared::Util::Win32Result;
 
 namespace {
 
-/// Removes a file or a link to a file, which the archive shall not be written through. A folder stays, linked or not:
-/// the copy then fails.
+/// Removes a file or a link to a file: the archive is never written through a link. A folder stays, linked or not; the
+/// copy then fails.
 Win32Result<void> RemoveFile(const fs::path& path) {
     const DWORD attributes = GetFileAttributesW(LongForm(path).c_str());
     const bool isFolder = attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     return isFolder ? Win32Result<void>() : RemoveName(path);
+}
+
+/// The system removes a copy that is cancelled: a closing console leaves no time for it.
+DWORD CALLBACK CancelOnClosing(LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, DWORD, DWORD, HANDLE, HANDLE,
+                               LPVOID) {
+    return Shared::Concurrency::IsConsoleClosing() ? PROGRESS_CANCEL : PROGRESS_CONTINUE;
 }
 
 /// Other processes can only read the archive meanwhile.
@@ -45,7 +52,7 @@ Win32Result<void> Copy(const ZipArchiveWrapper& zip, const fs::path& destination
         }
         return RetryWhileHeld([from = LongForm(zip.Path()), to = LongForm(destination)] {
             return Shared::Util::ResultOf(
-                CopyFileExW(from.c_str(), to.c_str(), nullptr, nullptr, nullptr,
+                CopyFileExW(from.c_str(), to.c_str(), &CancelOnClosing, nullptr, nullptr,
                             COPY_FILE_FAIL_IF_EXISTS | COPY_FILE_ALLOW_DECRYPTED_DESTINATION));
         });
     } catch (const Win32Exception& error) {
@@ -81,7 +88,11 @@ void MoveArchive(ZipArchiveWrapper& zip, const fs::path& destination) {
     const bool isThere = IsSameFile(source, destination);
     zip.Close();
     if (!isThere) {
-        if (const auto copied = Copy(zip, destination); !copied) {
+        const auto copied = Copy(zip, destination);
+        if (!copied && copied.error() == ERROR_REQUEST_ABORTED) {
+            return;
+        }
+        if (!copied) {
             ThrowCopyFailure(source, destination, copied.error());
         }
         FreeName(source);

@@ -13,7 +13,8 @@ namespace AgentCLI::Core::Commands::Agent {
 
 /// Closes the archive, moves its file to the absolute path and opens it there. An existing file is removed first, so
 /// that the archive has the rights that the folder passes on. When another process holds the archive there, it stays
-/// closed, and the log says so.
+/// closed, and the log says so. A copy during which the console is closed is given up, and the archive stays where it
+/// was built, closed.
 ///
 /// Throws std::filesystem::filesystem_error: "copy_file" with both paths, when the file stays where it was built;
 /// "remove" when that file cannot be removed after the copy. Throws what ZipArchiveWrapper::Open throws.

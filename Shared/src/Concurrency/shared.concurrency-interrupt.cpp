@@ -41,7 +41,10 @@ InterruptWatch::InterruptWatch() noexcept {
 }
 
 InterruptWatch::~InterruptWatch() {
-    SetConsoleCtrlHandler(&OnConsoleEvent, FALSE);
+    // The removal would wait for a handler that runs, and on closing the handler waits for the process.
+    if (!closing) {
+        SetConsoleCtrlHandler(&OnConsoleEvent, FALSE);
+    }
 }
 
 bool IsInterrupted() noexcept {
