@@ -8,6 +8,7 @@
 
 #include "shared.filesystem-heldfile.h"
 #include "shared.filesystem-longpath.h"
+#include "shared.filesystem-open.h"
 #include "shared.filesystem-status.h"
 
 namespace Shared::FileZip {
@@ -18,16 +19,10 @@ namespace {
 constexpr DWORD writeAccess = GENERIC_READ | GENERIC_WRITE | DELETE;
 
 Win32Result<Util::FileHandle> OpenPlainFile(const std::filesystem::path& path, DWORD access, DWORD sharing) {
-    return FileSystem::RetryWhileHeld([&]() -> Win32Result<Util::FileHandle> {
-        Util::FileHandle file(CreateFileW(path.c_str(), access, sharing, nullptr, OPEN_EXISTING,
-                                          FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-        if (!file) {
-            return Util::LastError();
-        }
-        if (const auto plain = FileSystem::CheckPlainFile(file.Get()); !plain) {
-            return std::unexpected(plain.error());
-        }
-        return file;
+    return FileSystem::RetryWhileHeld([&, name = FileSystem::NativeForm(path)]() -> Win32Result<Util::FileHandle> {
+        auto file = FileSystem::OpenUntrusted(name, access | SYNCHRONIZE, sharing);
+        const auto plain = file ? FileSystem::CheckPlainFile(file->Get()) : Win32Result<void>();
+        return plain ? std::move(file) : std::unexpected(plain.error());
     });
 }
 
@@ -163,7 +158,7 @@ Win32Result<FileIdentity> Win32ArchiveFile::Identity() const {
 
 Win32Result<Util::FileHandle> Win32ArchiveFile::OpenToRead(const std::filesystem::path& path,
                                                            const FileIdentity& identity) {
-    auto file = OpenPlainFile(FileSystem::LongForm(path), GENERIC_READ, FILE_SHARE_READ);
+    auto file = OpenPlainFile(path, GENERIC_READ, FILE_SHARE_READ);
     if (!file) {
         return file;
     }
