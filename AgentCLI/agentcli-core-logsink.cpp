@@ -62,11 +62,6 @@ bool IsPrivate(const FileHandle& file, const std::filesystem::path& path) {
     return !access.empty() && access == AccessOf(fresh);
 }
 
-std::uint64_t SizeOf(const FileHandle& file) {
-    LARGE_INTEGER size{};
-    return GetFileSizeEx(file.Get(), &size) == FALSE ? 0 : static_cast<std::uint64_t>(size.QuadPart);
-}
-
 Win32Result<FileHandle> CreateWith(const std::filesystem::path& path, const std::string& text) {
     auto file = RetryWhileHeld([&path] { return CreatePrivateFile(path, GENERIC_WRITE, shareContent); });
     DWORD written = 0;
@@ -85,7 +80,7 @@ Win32Result<FileHandle> Prepare(const std::filesystem::path& path, std::size_t m
         return IsNotFound(file.error()) ? CreateWith(path, text) : std::move(file);
     }
     if (CheckPlainFile(file->Get())) {
-        if (SizeOf(*file) > maxSize || IsPrivate(*file, path)) {
+        if (SizeOf(file->Get()) > maxSize || IsPrivate(*file, path)) {
             return file;
         }
         text.resize(maxSize);
@@ -132,7 +127,7 @@ void LogSink::Open() {
         auto file = Prepare(name, maxSize_);
         if (!file) {
             throw spdlog::spdlog_ex(fmt::format("Failed opening file {} for writing: {}",
-                                                Shared::Util::ToUtf8Lossy(std::wstring_view(name)),
+                                                Shared::Util::ToUtf8Lossy(std::filesystem::path(name)),
                                                 Shared::Exception::Win32Message(file.error())));
         }
         checked_ = *std::move(file);

@@ -160,8 +160,9 @@ std::vector<ZipEntry> ZipArchive::getEntries() const {
     return entries;
 }
 
-bool ZipArchive::hasEntry(const std::string& name) const {
-    return isOpen() && zip_name_locate(zipHandle_, name.c_str(), 0) >= 0;
+bool ZipArchive::hasEntry(const std::string& name, bool excludeDirectories, bool caseSensitive) const {
+    const zip_flags_t flags = (excludeDirectories ? ZIP_FL_NODIR : 0) | (caseSensitive ? 0 : ZIP_FL_NOCASE);
+    return isOpen() && zip_name_locate(zipHandle_, name.c_str(), flags) >= 0;
 }
 
 ZipEntry ZipArchive::getEntry(const std::string& name) const {

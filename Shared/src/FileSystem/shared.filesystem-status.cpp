@@ -124,10 +124,9 @@ Util::Win32Result<void> CheckPlainFile(HANDLE file) noexcept {
     return {};
 }
 
-bool IsLinkOrHardLinked(const std::filesystem::path& path) {
-    const auto file = OpenToQuery(path, Links::Open);
-    const auto plain = file ? CheckPlainFile(file->Get()) : Util::Win32Result<void>();
-    return !plain && (plain.error() == ERROR_CANT_RESOLVE_FILENAME || plain.error() == ERROR_TOO_MANY_LINKS);
+std::uint64_t SizeOf(HANDLE file) noexcept {
+    LARGE_INTEGER size{};
+    return GetFileSizeEx(file, &size) == FALSE ? 0 : static_cast<std::uint64_t>(size.QuadPart);
 }
 
 bool IsSameFile(const std::filesystem::path& left, const std::filesystem::path& right) {

@@ -48,9 +48,8 @@ struct FileStatus {
 /// (hard links), ERROR_BAD_FILE_TYPE (not on a disk), or the code of the query that failed.
 [[nodiscard]] Util::Win32Result<void> CheckPlainFile(HANDLE file) noexcept;
 
-/// Whether writing at the path would write to another file as well: it is a link or a file with further hard links.
-/// False when nothing exists there, or that cannot be told.
-[[nodiscard]] bool IsLinkOrHardLinked(const std::filesystem::path& path);
+/// The size of an open file in bytes; 0 when it cannot be had.
+[[nodiscard]] std::uint64_t SizeOf(HANDLE file) noexcept;
 
 /// Whether two paths lead to one file, decided by their final paths: not every file system has file ids. False when
 /// one of them cannot be opened.

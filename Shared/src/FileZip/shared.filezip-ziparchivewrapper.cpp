@@ -15,6 +15,7 @@
 #include "shared.filesystem-heldfile.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-open.h"
+#include "shared.filesystem-status.h"
 #include "shared.filezip-appendsource.h"
 #include "shared.util-functions.h"
 #include "shared.util-handle.h"
@@ -28,6 +29,7 @@ namespace {
 constexpr libzippp_uint32 deflateLevel = 5;
 
 using AddResult = ZipArchiveWrapper::AddResult;
+using FileSystem::SizeOf;
 using Util::Win32Result;
 
 std::string NotArchived(const std::filesystem::path& source, std::string_view reason) {
@@ -56,19 +58,14 @@ std::string Win32Reason(DWORD code) {
     }
 }
 
-std::uint64_t SizeOf(const Util::FileHandle& file) {
-    LARGE_INTEGER size{};
-    return GetFileSizeEx(file.Get(), &size) == FALSE ? 0 : static_cast<std::uint64_t>(size.QuadPart);
-}
-
 std::string Shrank(std::uint64_t before, std::uint64_t now) {
     return fmt::format("it shrank from {} to {} bytes while it was read", before, now);
 }
 
-/// Why the library could not read a file of that size to its end. It keeps its reason to itself, so the file is read
-/// once more.
+/// Why the library could not read a file of that size to its end. The library does not report the reason, so the file
+/// is read once more to find it.
 std::string ReadingFailure(const Util::FileHandle& file, std::uint64_t size) {
-    if (const std::uint64_t now = SizeOf(file); now < size) {
+    if (const std::uint64_t now = SizeOf(file.Get()); now < size) {
         return Shrank(size, now);
     }
     std::vector<char> buffer(std::size_t{256} * 1024);
@@ -232,7 +229,7 @@ Win32Result<void> ZipArchiveWrapper::OpenLibrary() {
         zip_source_free(source);
         return std::unexpected(source_->LastFailure() != ERROR_SUCCESS ? source_->LastFailure() : ERROR_BAD_FORMAT);
     }
-    // The library would print its failures; they are in the results here.
+    // From now on the library prints no failures: they are in the results. A failure to open it has printed above.
     archive_->setErrorHandlerCallback([](const std::string&, const std::string&, int, int) {});
     return {};
 }
@@ -305,14 +302,15 @@ AddResult ZipArchiveWrapper::AddFileToFolder(const std::filesystem::path& entryF
     });
 }
 
-/// The entry name, or that name with the first number with which no entry has it.
+/// The entry name, or that name with the first number with which no entry has it. Names that differ in case alone are
+/// one name where the archive is unpacked.
 std::string ZipArchiveWrapper::FreeName(const std::string& folder, const std::string& name) const {
     // A dot at the beginning of a name begins no extension.
     const std::size_t dot = name.find_last_of('.');
     const std::size_t stem = dot == 0 ? std::string::npos : dot;
     const std::string extension = stem == std::string::npos ? std::string() : name.substr(stem);
     std::string entryName = folder + name;
-    for (int number = 2; archive_->hasEntry(entryName); ++number) {
+    for (int number = 2; archive_->hasEntry(entryName, false, false); ++number) {
         entryName = fmt::format("{}{} ({}){}", folder, name.substr(0, stem), number, extension);
     }
     return entryName;
@@ -327,16 +325,16 @@ AddResult ZipArchiveWrapper::AddSource(const std::string& entryName, const std::
     if (!opened) {
         return Failed(NotArchived(source, opened.error()));
     }
-    const std::uint64_t size = SizeOf(opened->handle);
+    const std::uint64_t size = SizeOf(opened->handle.Get());
     AddResult added = AddOpened(entryName, *opened, maxSize);
     const bool isDecided = added || added.error().isArchived || added.error().tooLarge;
     // A log that was begun anew meanwhile can be read to its new end.
-    const bool mayBeReadNow = !isDecided && archive_ && SizeOf(opened->handle) != size;
+    const bool mayBeReadNow = !isDecided && archive_ && SizeOf(opened->handle.Get()) != size;
     return mayBeReadNow ? AddOpened(entryName, *opened, maxSize) : added;
 }
 
 AddResult ZipArchiveWrapper::AddOpened(const std::string& entryName, const SourceFile& source, std::uint64_t maxSize) {
-    const std::uint64_t size = SizeOf(source.handle);
+    const std::uint64_t size = SizeOf(source.handle.Get());
     if (maxSize != 0 && size > maxSize) {
         return TooLarge(source.path, size);
     }
@@ -358,7 +356,7 @@ bool ZipArchiveWrapper::Write(const std::string& entryName, const SourceFile& so
     if (archive_->hasEntry(entryName) && archive_->deleteEntry(entryName) != 1) {
         return false;
     }
-    // For a file without a size the library knows no end: it would read for as long as the file grows.
+    // Of a file without a size the library reads whatever is there, for as long as the file grows.
     if (!(size == 0 ? archive_->addData(entryName, "", 0) : archive_->addFile(entryName, source.libraryPath))) {
         return false;
     }
@@ -389,7 +387,7 @@ AddResult ZipArchiveWrapper::CheckAdded(const std::string& entryName, const Sour
                                   Shrank(size, archived)),
                       true);
     }
-    if (const std::uint64_t now = SizeOf(source.handle); now > archived) {
+    if (const std::uint64_t now = SizeOf(source.handle.Get()); now > archived) {
         return Failed(fmt::format("File {} grew to {} bytes while it was read: its first {} bytes are archived",
                                   Util::ToUtf8Lossy(source.path), now, archived),
                       true);

@@ -10,9 +10,6 @@ namespace Shared::Util {
 /// N characters held by value, so that a text can be a template argument. Not terminated; N may be 0.
 template <class Char, class View, class String, std::size_t N>
 struct FixedString {
-    using View_t = View;
-    using String_t = String;
-
     // NOLINTNEXTLINE(google-explicit-constructor): template arguments are written as plain literals
     consteval FixedString(const Char (&literal)[N + 1]) { std::copy_n(literal, N, characters); }
 

@@ -17,7 +17,6 @@ typedef unsigned long long libzippp_uint64;
 typedef unsigned int libzippp_uint32;
 
 #define LIBZIPPP_OK 0
-#define LIBZIPPP_ERROR_NOT_OPEN -1
 #define LIBZIPPP_ERROR_NOT_ALLOWED -2
 #define LIBZIPPP_ERROR_INVALID_PARAMETER -4
 #define LIBZIPPP_ERROR_HANDLE_FAILURE -37
@@ -63,7 +62,8 @@ public:
     void setErrorHandlerCallback(ErrorHandlerCallback* callback) { callback_ = callback; }
 
     std::vector<ZipEntry> getEntries() const;
-    bool hasEntry(const std::string& name) const;
+    /// ASCII letters alone are compared without regard to case.
+    bool hasEntry(const std::string& name, bool excludeDirectories = false, bool caseSensitive = true) const;
     /// A null entry when there is none of that name, or libzip cannot describe it.
     ZipEntry getEntry(const std::string& name) const;
 

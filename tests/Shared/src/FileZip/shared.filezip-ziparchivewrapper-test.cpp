@@ -119,16 +119,17 @@ TEST_F(ZipArchiveWrapperTest, AFileThatChangesItsSizeMeanwhileIsReported) {
         return ErrorOf(zip_.AddFile(name, source));
     };
     // Some releases of the library give the part that could be read, others nothing: then the rest is read.
-    EXPECT_THAT(addWhile("shrinking", 1000),
-                AnyOf("added", AllOf(HasSubstr("in part: "), HasSubstr("it shrank from 25165824 to "))));
-    EXPECT_THAT(OnDisk(zip_), testing::ElementsAre(Pair("kept", "kept"), Pair("shrinking", HasSubstr(" bytes "))));
+    const std::string shrinking = addWhile("shrinking", 1000);
+    const bool isWhole = OnDisk(zip_).back().second == TestSupport::Brief(data.substr(0, 1000));
+    EXPECT_THAT(shrinking, AnyOf(isWhole ? "added" : "", AllOf(HasSubstr("in part: "), HasSubstr("it shrank from "))));
     EXPECT_THAT(addWhile("growing", data.size() + 1),
                 AllOf(HasSubstr("in part: "), HasSubstr("grew to 25165825 bytes")));
-    EXPECT_THAT(OnDisk(zip_), testing::Contains(Pair("growing", TestSupport::Brief(data))));
+    EXPECT_THAT(OnDisk(zip_), testing::ElementsAre(Pair("kept", "kept"), Pair("shrinking", HasSubstr(" bytes ")),
+                                                   Pair("growing", TestSupport::Brief(data))));
 }
 
 TEST_F(ZipArchiveWrapperTest, FilesOfOneNameAreNumbered) {
-    for (const wchar_t* name : {L"a\\x.tar.log", L"b\\x.tar.log", L"c\\x.tar.log", L"a\\.log", L"b\\.log"}) {
+    for (const wchar_t* name : {L"a\\x.tar.log", L"b\\x.tar.log", L"c\\X.TAR.log", L"a\\.log", L"b\\.log"}) {
         fs::create_directories((folder_ / name).parent_path());
         EXPECT_TRUE(zip_.AddFileToFolder(L"L", Source(name, "x")));
     }
@@ -136,7 +137,7 @@ TEST_F(ZipArchiveWrapperTest, FilesOfOneNameAreNumbered) {
     for (const libzippp::ZipEntry& entry : zip_.Entries()) {
         names += entry.getName() + '\n';
     }
-    EXPECT_EQ(names, "kept\nL/\nL/x.tar.log\nL/x.tar (2).log\nL/x.tar (3).log\nL/.log\nL/.log (2)\n");
+    EXPECT_EQ(names, "kept\nL/\nL/x.tar.log\nL/x.tar (2).log\nL/X.TAR (3).log\nL/.log\nL/.log (2)\n");
 }
 
 TEST_F(ZipArchiveWrapperTest, AnArchiveThatCannotBeWrittenStaysAsItIs) {
@@ -233,31 +234,30 @@ TEST_F(ZipArchiveWrapperTest, OnlyAnArchiveOfItsOwnIsOpened) {
 }
 
 TEST_F(ZipArchiveWrapperTest, NoOtherProcessChangesItWhileItIsOpenOrCopied) {
-    const auto access = [this](DWORD wanted) {
+    const auto access = [](const fs::path& path, DWORD wanted) {
         const Util::FileHandle file(
-            CreateFileW(path_.c_str(), wanted, FileSystem::shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
+            CreateFileW(path.c_str(), wanted, FileSystem::shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
         return file ? ERROR_SUCCESS : GetLastError();
     };
-    for (const char* name : {"kept", "next"}) {  // replaced, so that the file is another one; and added
+    for (const char* name : {"next", "kept"}) {  // added, and replaced, which makes another file
         EXPECT_TRUE(zip_.AddFile(name, folder_ / L"kept"));
-        EXPECT_EQ(access(GENERIC_READ), DWORD{ERROR_SHARING_VIOLATION});
+        EXPECT_EQ(access(path_, GENERIC_READ), DWORD{ERROR_SHARING_VIOLATION});
     }
     zip_.Close();
     {
         const Util::FileHandle copied = zip_.ReopenToCopy();
-        EXPECT_EQ(access(GENERIC_READ), DWORD{ERROR_SUCCESS});
-        EXPECT_EQ(access(GENERIC_WRITE), DWORD{ERROR_SHARING_VIOLATION});
-        EXPECT_EQ(access(DELETE), DWORD{ERROR_SHARING_VIOLATION});
+        EXPECT_EQ(access(path_, GENERIC_READ), DWORD{ERROR_SUCCESS});
+        EXPECT_EQ(access(path_, GENERIC_WRITE), DWORD{ERROR_SHARING_VIOLATION});
+        EXPECT_EQ(access(path_, DELETE), DWORD{ERROR_SHARING_VIOLATION});
     }
     fs::rename(path_, folder_ / L"moved");
     fs::copy_file(folder_ / L"moved", path_);
     EXPECT_THROW((void)zip_.ReopenToCopy(), Exception::Win32Exception);
 
     {
-        ZipArchiveWrapper passing({}, 0, true);
-        passing.SetPath(folder_ / L"passing.zip");
+        ZipArchiveWrapper passing(folder_ / L"passing.zip", 0, true);
         passing.Open(ZipArchiveWrapper::Creation::New);
-        EXPECT_TRUE(fs::exists(passing.Path()));
+        EXPECT_EQ(access(passing.Path(), GENERIC_READ), DWORD{ERROR_SHARING_VIOLATION});
     }
     EXPECT_FALSE(fs::exists(folder_ / L"passing.zip"));
 }
