@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "shared.exception-text.h"
+#include "shared.filesystem-longpath.h"
 #include "shared.system-functions.h"
 #include "shared.util-functions.h"
 #include "shared.util-handle.h"
@@ -65,14 +66,12 @@ std::string DescribeProcess() {
     RTL_OSVERSIONINFOW windows{};
     windows.dwOSVersionInfoSize = sizeof windows;
     RtlGetVersion(&windows);
-    const std::wstring folder = Shared::Exception::TextOfAnyLength(
-        [](wchar_t* buffer, DWORD size) { return GetCurrentDirectoryW(size, buffer); });
     return fmt::format("AgentCLI {} on Windows {}.{}.{}, {}, current directory {}, command line {}", AGENTCLI_VERSION,
                        windows.dwMajorVersion, windows.dwMinorVersion, windows.dwBuildNumber,
                        IsElevated() ? "elevated"
                                     : "not elevated (other users' files, protected files and a part of what the "
                                       "commands say will be missing)",
-                       Shared::Util::ToUtf8Lossy(folder),
+                       Shared::Util::ToUtf8Lossy(Shared::FileSystem::FullPath(L".")),
                        Shared::Util::ToUtf8Lossy(std::wstring_view(GetCommandLineW())));
 }
 

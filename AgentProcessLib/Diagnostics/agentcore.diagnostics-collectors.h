@@ -4,7 +4,6 @@
 
 #include <concepts>
 #include <cstddef>
-#include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <source_location>

@@ -10,7 +10,6 @@
 #include <limits>
 #include <string_view>
 #include <unordered_set>
-#include <utility>
 
 #include "shared.concurrency-interrupt.h"
 #include "shared.filesystem-heldfile.h"

@@ -6,20 +6,15 @@
 #include <fmt/xchar.h>
 
 #include <string>
-#include <utility>
 
-#include "shared.exception-text.h"
 #include "shared.exception.h"
+#include "shared.filesystem-longpath.h"
 #include "shared.filesystem-privatefile.h"
 #include "shared.system-functions.h"
 
 namespace Shared::Concurrency {
 
 namespace {
-
-std::wstring CurrentDirectory() {
-    return Exception::TextOfAnyLength([](wchar_t* buffer, DWORD size) { return GetCurrentDirectoryW(size, buffer); });
-}
 
 std::filesystem::path CreateUniqueFolder(const std::filesystem::path& parent) {
     constexpr int attempts = 100;
@@ -38,7 +33,7 @@ std::filesystem::path CreateUniqueFolder(const std::filesystem::path& parent) {
 
 }  // namespace
 
-ChildFolder::ChildFolder() : ChildFolder(CurrentDirectory()) {}
+ChildFolder::ChildFolder() : ChildFolder(FileSystem::FullPath(L".").native()) {}
 
 ChildFolder::ChildFolder(std::wstring_view currentDirectory) {
     if (currentDirectory.starts_with(LR"(\\)")) {

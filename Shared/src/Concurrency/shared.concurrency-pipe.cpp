@@ -12,6 +12,7 @@
 #include <string>
 
 #include "shared.exception.h"
+#include "shared.filesystem-privatefile.h"
 
 namespace Shared::Concurrency {
 
@@ -24,12 +25,12 @@ constexpr DWORD pipeBufferSize = 1U << 16U;
     throw Exception::Win32Exception("CreatePipe() failed", error, where);
 }
 
-SECURITY_ATTRIBUTES Inheritable() {
-    return {.nLength = sizeof(SECURITY_ATTRIBUTES), .lpSecurityDescriptor = nullptr, .bInheritHandle = TRUE};
+SECURITY_ATTRIBUTES Attributes(PSECURITY_DESCRIPTOR descriptor, BOOL inheritable) {
+    return {.nLength = sizeof(SECURITY_ATTRIBUTES), .lpSecurityDescriptor = descriptor, .bInheritHandle = inheritable};
 }
 
-// Between the two calls that make the ends of a named pipe, any process that knows the name could open the other end.
-std::wstring UnguessableName() {
+// A name that no other process can have taken before.
+std::wstring UniquePipeName() {
     std::array<std::uint64_t, 2> random{};
     if (BCryptGenRandom(nullptr, reinterpret_cast<PUCHAR>(random.data()), sizeof random,
                         BCRYPT_USE_SYSTEM_PREFERRED_RNG) < 0) {
@@ -40,19 +41,24 @@ std::wstring UnguessableName() {
 
 }  // namespace
 
-// Anonymous pipes take no overlapped reads, so this is a named pipe with one instance and a name that cannot be
-// guessed.
+// Anonymous pipes take no overlapped reads, so this is a named pipe, of one instance. Its access list keeps the
+// processes of other users from opening the other end between the two calls.
 Pipe CreateOutputPipe() {
-    const std::wstring name = UnguessableName();
+    const std::wstring name = UniquePipeName();
+    const auto descriptor = FileSystem::PrivateDescriptor();
+    if (!descriptor) {
+        ThrowPipeError(descriptor.error());
+    }
+    SECURITY_ATTRIBUTES attributes = Attributes(descriptor->Get(), FALSE);
     Pipe pipe;
     pipe.read.Reset(CreateNamedPipeW(name.c_str(),
                                      PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
                                      PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1, 0,
-                                     pipeBufferSize, 0, nullptr));
+                                     pipeBufferSize, 0, &attributes));
     if (!pipe.read) {
         ThrowPipeError(GetLastError());
     }
-    SECURITY_ATTRIBUTES attributes = Inheritable();
+    attributes = Attributes(nullptr, TRUE);
     pipe.write.Reset(
         CreateFileW(name.c_str(), GENERIC_WRITE, 0, &attributes, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!pipe.write) {
@@ -62,7 +68,7 @@ Pipe CreateOutputPipe() {
 }
 
 Pipe CreateInputPipe() {
-    SECURITY_ATTRIBUTES attributes = Inheritable();
+    SECURITY_ATTRIBUTES attributes = Attributes(nullptr, TRUE);
     HANDLE read = INVALID_HANDLE_VALUE;
     HANDLE write = INVALID_HANDLE_VALUE;
     if (CreatePipe(&read, &write, &attributes, 0) == FALSE) {

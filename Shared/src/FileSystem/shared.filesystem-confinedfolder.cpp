@@ -12,6 +12,10 @@
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-open.h"
 
+// The user-mode headers of some toolchains leave it out.
+extern "C" NTSTATUS NTAPI NtQueryInformationFile(HANDLE file, PIO_STATUS_BLOCK status, PVOID buffer, ULONG size,
+                                                 FILE_INFORMATION_CLASS informationClass);
+
 namespace Shared::FileSystem {
 
 namespace {
@@ -194,6 +198,8 @@ DirectoryListing ConfinedFolder::List(const std::filesystem::path& path) const {
     DWORD error = ERROR_SUCCESS;
     if (!opened) {
         error = opened.error().code;
+    } else if (opened->status.kind == FileKind::OutsideFolder) {
+        error = ERROR_CANT_RESOLVE_FILENAME;
     } else if (opened->status.kind != FileKind::Directory) {
         error = opened->status.kind == FileKind::NotFound ? ERROR_PATH_NOT_FOUND : ERROR_DIRECTORY;
     }

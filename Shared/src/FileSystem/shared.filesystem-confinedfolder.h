@@ -10,7 +10,6 @@
 #include "shared.filesystem-scan.h"
 #include "shared.filesystem-status.h"
 #include "shared.util-handle.h"
-#include "shared.util-win32result.h"
 
 namespace Shared::FileSystem {
 

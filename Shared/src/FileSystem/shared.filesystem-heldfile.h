@@ -6,7 +6,7 @@
 
 namespace Shared::FileSystem {
 
-/// Whose files an operation is about, which decides what counts as held by another process.
+/// The owner of the files that an operation is about; it decides what counts as held by another process.
 enum class FileOwner : std::uint8_t {
     Program,  ///< this program's own names: access denied counts too, the answer for a name whose deletion is pending
     Others

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -22,9 +23,9 @@ enum class Links : std::uint8_t {
 /// Opens a file or folder for its attributes only, which no sharing mode of other processes prevents.
 [[nodiscard]] Util::Win32Result<Util::FileHandle> OpenToQuery(const std::filesystem::path& path, Links links);
 
-/// Opens a file or folder that an unprivileged user may have made, or replaced, without giving that user a say in what
-/// happens: a link itself is opened, never its target; a file under an oplock does not make the call wait, but counts
-/// as held (ERROR_SHARING_VIOLATION); content that is not stored on this machine is not fetched.
+/// Opens a file or folder that an unprivileged user may have made, or replaced, so that the user can neither redirect
+/// nor delay the call: a link itself is opened, never its target; a file under an oplock does not make the call wait,
+/// but counts as held (ERROR_SHARING_VIOLATION); content that is not stored on this machine is not fetched.
 ///
 /// `name` is a path as NativeForm gives it, or, with `folder`, a name in that open folder. `access` must include
 /// SYNCHRONIZE. Allocates nothing.

@@ -31,24 +31,10 @@ Util::Win32Result<std::wstring> RunningUser() {
     return text;
 }
 
-Util::Win32Result<Util::LocalMemory> PrivateDescriptor() {
-    const auto user = RunningUser();
-    if (!user) {
-        return std::unexpected(user.error());
-    }
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    const std::wstring text = fmt::format(L"D:P(A;;FA;;;SY)(A;;FA;;;BA)(A;;FA;;;OW)(A;;FA;;;{})", *user);
-    if (ConvertStringSecurityDescriptorToSecurityDescriptorW(text.c_str(), SDDL_REVISION_1, &descriptor, nullptr) ==
-        FALSE) {
-        return Util::LastError();
-    }
-    return Util::LocalMemory(descriptor);
-}
-
 // Calls `create` with the attributes of what only its administrator may open.
 template <class Create>
-auto WithPrivateAttributes(const Create& create) -> decltype(create(nullptr)) {
-    const auto descriptor = PrivateDescriptor();
+auto WithPrivateAttributes(Inheritance inheritance, const Create& create) -> decltype(create(nullptr)) {
+    const auto descriptor = PrivateDescriptor(inheritance);
     if (!descriptor) {
         return std::unexpected(descriptor.error());
     }
@@ -59,19 +45,35 @@ auto WithPrivateAttributes(const Create& create) -> decltype(create(nullptr)) {
 
 }  // namespace
 
+Util::Win32Result<Util::LocalMemory> PrivateDescriptor(Inheritance inheritance) {
+    const auto user = RunningUser();
+    if (!user) {
+        return std::unexpected(user.error());
+    }
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    const std::wstring text = fmt::format(L"D:P(A;{0};FA;;;SY)(A;{0};FA;;;BA)(A;{0};FA;;;OW)(A;{0};FA;;;{1})",
+                                          inheritance == Inheritance::Contents ? L"OICI" : L"", *user);
+    if (ConvertStringSecurityDescriptorToSecurityDescriptorW(text.c_str(), SDDL_REVISION_1, &descriptor, nullptr) ==
+        FALSE) {
+        return Util::LastError();
+    }
+    return Util::LocalMemory(descriptor);
+}
+
 Util::Win32Result<Util::FileHandle> CreatePrivateFile(const std::filesystem::path& path, DWORD access, DWORD sharing) {
-    return WithPrivateAttributes([&](SECURITY_ATTRIBUTES* attributes) -> Util::Win32Result<Util::FileHandle> {
-        Util::FileHandle file(CreateFileW(LongForm(path).c_str(), access, sharing, attributes, CREATE_NEW,
-                                          FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-        if (!file) {
-            return Util::LastError();
-        }
-        return file;
-    });
+    return WithPrivateAttributes(
+        Inheritance::None, [&](SECURITY_ATTRIBUTES* attributes) -> Util::Win32Result<Util::FileHandle> {
+            Util::FileHandle file(CreateFileW(LongForm(path).c_str(), access, sharing, attributes, CREATE_NEW,
+                                              FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+            if (!file) {
+                return Util::LastError();
+            }
+            return file;
+        });
 }
 
 Util::Win32Result<void> CreatePrivateFolder(const std::filesystem::path& path) {
-    return WithPrivateAttributes([&](SECURITY_ATTRIBUTES* attributes) {
+    return WithPrivateAttributes(Inheritance::Contents, [&](SECURITY_ATTRIBUTES* attributes) {
         return Util::ResultOf(CreateDirectoryW(LongForm(path).c_str(), attributes));
     });
 }

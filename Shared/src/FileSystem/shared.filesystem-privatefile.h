@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <cstdint>
 #include <filesystem>
 
 #include "shared.util-handle.h"
@@ -15,8 +16,14 @@ namespace Shared::FileSystem {
 [[nodiscard]] Util::Win32Result<Util::FileHandle> CreatePrivateFile(const std::filesystem::path& path, DWORD access,
                                                                     DWORD sharing);
 
-/// Creates a folder; ERROR_ALREADY_EXISTS when anything exists at the path.
+/// Creates a folder, whose contents inherit the access list; ERROR_ALREADY_EXISTS when anything exists at the path.
 [[nodiscard]] Util::Win32Result<void> CreatePrivateFolder(const std::filesystem::path& path);
+
+/// What the entries of the access list pass on to the files that are created in a folder.
+enum class Inheritance : std::uint8_t { None, Contents };
+
+/// A security descriptor with that access list, released with the returned memory.
+[[nodiscard]] Util::Win32Result<Util::LocalMemory> PrivateDescriptor(Inheritance inheritance = Inheritance::None);
 
 struct NamedFile {
     std::filesystem::path path;

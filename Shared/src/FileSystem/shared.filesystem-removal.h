@@ -9,9 +9,10 @@
 
 namespace Shared::FileSystem {
 
-/// Removes what exists at the path: a file, an empty folder, or a link (never its target), read-only or not. Waits up
-/// to a second while another process holds it. Succeeds also when there is nothing; ERROR_DIR_NOT_EMPTY for a folder
-/// with contents. Throws Win32Exception when the path cannot be made absolute.
+/// Removes what exists at the path: a file, an empty folder, or a link (never its target); a read-only one where the
+/// file system supports that (NTFS). Waits up to a second while another process holds it. Succeeds also when there is
+/// nothing; ERROR_DIR_NOT_EMPTY for a folder with contents. Throws Win32Exception when the path cannot be made
+/// absolute.
 [[nodiscard]] Util::Win32Result<void> RemoveName(const std::filesystem::path& path);
 
 /// As RemoveName; throws std::filesystem::filesystem_error of the operation "remove".

@@ -80,7 +80,7 @@ const DirectoryEntry* DirectoryListing::Next(const char* operation) {
 }
 
 std::vector<UnreadableFolder> ForEachEntry(const std::filesystem::path& folder, Depth depth,
-                                           const std::function<void(const DirectoryEntry&)>& visit,
+                                           const std::function<bool(const DirectoryEntry&)>& visit,
                                            const FolderOpener& open) {
     const char* const operation =
         depth == Depth::Tree ? "recursive_directory_iterator::operator++" : "directory_iterator::operator++";
@@ -94,7 +94,9 @@ std::vector<UnreadableFolder> ForEachEntry(const std::filesystem::path& folder, 
             listings.pop_back();
             continue;
         }
-        visit(*entry);
+        if (!visit(*entry)) {
+            break;
+        }
         if (depth == Depth::Tree && entry->IsRealDirectory()) {
             std::filesystem::path subfolder = entry->path;
             try {

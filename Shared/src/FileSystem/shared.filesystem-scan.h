@@ -83,10 +83,11 @@ using FolderOpener = std::function<DirectoryListing(const std::filesystem::path&
 
 /// Visits every entry of a folder, or of the whole tree below it: a folder comes before its entries. Links are visited
 /// and never followed, so that a tree with a loop ends. A subfolder that has been removed meanwhile is passed over; one
-/// that cannot be opened is passed over and returned. Throws as the opener does for the folder itself, and with the
-/// operation "recursive_directory_iterator::operator++" when the listing of a tree fails.
+/// that cannot be opened is passed over and returned. Ends early when `visit` returns false. Throws as the opener does
+/// for the folder itself, and with the operation "recursive_directory_iterator::operator++" when the listing of a tree
+/// fails.
 std::vector<UnreadableFolder> ForEachEntry(
-    const std::filesystem::path& folder, Depth depth, const std::function<void(const DirectoryEntry&)>& visit,
+    const std::filesystem::path& folder, Depth depth, const std::function<bool(const DirectoryEntry&)>& visit,
     const FolderOpener& open = [](const std::filesystem::path& path) { return DirectoryListing(path); });
 
 }  // namespace Shared::FileSystem

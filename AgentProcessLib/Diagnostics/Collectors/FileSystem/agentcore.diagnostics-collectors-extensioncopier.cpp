@@ -56,6 +56,7 @@ public:
             } else if (confined_ && scan_.recursive && entry.IsDirectory() && !entry.IsRealDirectory()) {
                 status_.errors.push_back(NotRegular(entry.path).message);
             }
+            return !Shared::Concurrency::IsInterrupted();
         };
         const auto open = [this](const std::filesystem::path& path) {
             return confined_ ? confined_->List(path) : Shared::FileSystem::DirectoryListing(path);
@@ -63,8 +64,10 @@ public:
         for (const auto& subfolder :
              Shared::FileSystem::ForEachEntry(folder_, scan_.recursive ? Depth::Tree : Depth::Folder, visit, open)) {
             status_.errors.push_back(
-                LogWarningAndReturn(fmt::format("Cannot list the folder {}: {}", ToUtf8Lossy(subfolder.path),
-                                                Shared::Exception::Win32Message(subfolder.error))));
+                subfolder.error == ERROR_CANT_RESOLVE_FILENAME
+                    ? NotRegular(subfolder.path).message
+                    : LogWarningAndReturn(fmt::format("Cannot list the folder {}: {}", ToUtf8Lossy(subfolder.path),
+                                                      Shared::Exception::Win32Message(subfolder.error))));
         }
         return files;
     }

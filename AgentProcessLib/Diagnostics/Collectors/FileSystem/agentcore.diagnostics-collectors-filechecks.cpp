@@ -74,8 +74,8 @@ CheckError NotRegular(const std::filesystem::path& file, const std::source_locat
 
 std::string FilesLeft(std::size_t count, const std::filesystem::path& folder) {
     return fmt::format(
-        "{} further files of the folder {} were left out: a row takes at most {} files, and of a user's "
-        "folder the newest ones up to 1 GiB.",
+        "{} further files of the folder {} were left out: at most {} files are taken, and of a user's folder the "
+        "newest ones up to 1 GiB.",
         count, ToUtf8Lossy(folder), maxFilesPerRow);
 }
 

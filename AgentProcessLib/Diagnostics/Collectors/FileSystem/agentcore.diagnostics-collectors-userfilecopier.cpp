@@ -73,6 +73,22 @@ private:
     std::set<std::tuple<std::int64_t, std::size_t, std::uint64_t, std::filesystem::path>> newest_;
 };
 
+/// Adds one file of a folder's listing; one that has been removed since needs no message.
+void CopyListed(const ConfinedFolder& profile, const std::filesystem::path& file, std::uint64_t maxSize,
+                const Destination& destination, CollectorStatus& status) {
+    try {
+        auto copied = CopyConfined(profile, file, maxSize, destination);
+        if (copied) {
+            status.success = status.success || copied->success;
+            std::ranges::move(copied->errors, std::back_inserter(status.errors));
+        } else if (copied.error().reason != CheckError::Reason::NotFound) {
+            status.errors.push_back(std::move(copied.error().message));
+        }
+    } catch (const std::exception& error) {
+        static_cast<void>(FailedCopying(file, error));
+    }
+}
+
 }  // namespace
 
 CollectorStatus ProfileCopier::Collect(std::string_view relativePath, const Destination& destination) const noexcept {
@@ -112,7 +128,7 @@ CollectorStatus ProfileCopier::CopyDirectory(const std::filesystem::path& source
     CollectorStatus status;
     NewestFiles files(maxSize_);
     auto listing = profile.List(source);
-    while (const auto* entry = listing.Next()) {
+    while (const auto* entry = Shared::Concurrency::IsInterrupted() ? nullptr : listing.Next()) {
         if (!entry->IsDirectory()) {
             files.Offer(*entry);
         } else if (status.errors.size() < maxFilesPerRow) {
@@ -123,17 +139,7 @@ CollectorStatus ProfileCopier::CopyDirectory(const std::filesystem::path& source
         if (Shared::Concurrency::IsInterrupted()) {
             break;
         }
-        try {
-            auto copied = CopyConfined(profile, file, maxSize_, destination);
-            if (copied) {
-                status.success = status.success || copied->success;
-                std::ranges::move(copied->errors, std::back_inserter(status.errors));
-            } else if (copied.error().reason != CheckError::Reason::NotFound) {
-                status.errors.push_back(std::move(copied.error().message));
-            }
-        } catch (const std::exception& error) {
-            static_cast<void>(FailedCopying(file, error));
-        }
+        CopyListed(profile, file, maxSize_, destination, status);
     }
     if (files.Left() != 0) {
         status.errors.push_back(FilesLeft(files.Left(), source));

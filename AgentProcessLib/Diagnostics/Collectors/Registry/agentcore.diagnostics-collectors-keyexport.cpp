@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "shared.concurrency-interrupt.h"
 #include "shared.filesystem-generatedfile.h"
 #include "shared.util-functions.h"
 
@@ -20,7 +21,7 @@ std::wstring DumpKey(RegKey key, Subkeys subkeys) {
     // The keys still to be dumped, the next one last: the depth of the tree is unbounded.
     std::vector<RegKey> pending;
     pending.push_back(std::move(key));
-    while (!pending.empty()) {
+    while (!pending.empty() && !Shared::Concurrency::IsInterrupted()) {
         const RegKey current = std::move(pending.back());
         pending.pop_back();
         text += fmt::format(L"Keyname: {}\n", current.name);

@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <concepts>
@@ -45,7 +44,7 @@ void WriteSection(std::string_view failure, Body&& body) noexcept {
         } catch (const std::exception& error) {
             Shared::Exception::LogWarning(failure, error.what());
         }
-    } catch (...) {  // NOLINT(bugprone-empty-catch): the log failed as well; the next section has its own chance
+    } catch (...) {  // NOLINT(bugprone-empty-catch): the log failed as well; the next section is still written
     }
 }
 

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <string_view>
-#include <vector>
 
 #include "agentcore.diagnostics-collectors-keyexport.h"
 #include "shared.filesystem-generatedfile.h"
@@ -37,7 +36,7 @@ CollectorStatus CollectTcpBind(const Destination& destination) noexcept {
         [&] {
             const auto bindings = Shared::Registry::RegGetMultiString(HKEY_LOCAL_MACHINE, linkageKey, bindValue);
             std::string text;
-            // An empty list comes as one terminator or as two, depending on who wrote it.
+            // An empty list comes as one terminator or as two, depending on the program that wrote it.
             if (!std::ranges::all_of(bindings, &std::wstring::empty)) {
                 for (const std::wstring_view binding : bindings) {
                     text += fmt::format("{}\n", Shared::Util::ToUtf8Lossy(binding));

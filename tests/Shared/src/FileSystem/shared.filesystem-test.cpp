@@ -38,7 +38,7 @@ using TestSupport::WriteFile;
 std::multiset<std::wstring> Names(const fs::path& folder, Depth depth) {
     std::multiset<std::wstring> names;
     EXPECT_TRUE(ForEachEntry(folder, depth, [&](const DirectoryEntry& entry) {
-                    names.insert(entry.path.native().substr(folder.native().size() + 1));
+                    return !names.insert(entry.path.native().substr(folder.native().size() + 1))->empty();
                 }).empty());
     return names;
 }
@@ -76,6 +76,7 @@ TEST(ForEachEntry, ListsTreesThatLoopAndFoldersThatGo) {
                     if (entry.Name() == L"inner") {
                         fs::remove_all(entry.path);
                     }
+                    return true;
                 }).empty());
     EXPECT_EQ(visited, 5);
 }
@@ -84,7 +85,7 @@ TEST(ForEachEntry, NamesTheOperationThatFailed) {
     const TemporaryFolder folder;
     WriteFile(folder / L"file", "");
     for (const wchar_t* name : {L"none", L"file"}) {
-        EXPECT_THAT([&] { ForEachEntry(folder / name, Depth::Tree, [](const auto&) {}); },
+        EXPECT_THAT([&] { ForEachEntry(folder / name, Depth::Tree, [](const auto&) { return true; }); },
                     ThrowsMessage<fs::filesystem_error>(HasSubstr("directory_iterator::directory_iterator")));
     }
     EXPECT_THAT([] { ThrowFileSystemError("status", L"C:\\\xD800.log", ERROR_ACCESS_DENIED); },
