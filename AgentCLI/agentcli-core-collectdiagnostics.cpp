@@ -10,7 +10,6 @@
 #include <iterator>
 #include <span>
 #include <string_view>
-#include <utility>
 
 #include "agentcli-core-archivemove.h"
 #include "agentcli-core-console.h"

@@ -2,11 +2,13 @@
 
 #include <fmt/core.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "shared.exception-guardedlog.h"
@@ -20,7 +22,9 @@ void Print(std::FILE* stream, fmt::format_string<Args...> format, Args&&... argu
     const std::string text = fmt::format(format, std::forward<Args>(arguments)...);
     try {
         fmt::print(stream, "{}", text);
-        static_cast<void>(std::fflush(stream));
+        if (std::fflush(stream) != 0) {
+            throw std::system_error(errno, std::generic_category());
+        }
     } catch (const std::exception& error) {
         Shared::Exception::LogWarning("Cannot print \"{}\": {}", text, error.what());
     }

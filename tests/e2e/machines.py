@@ -148,6 +148,10 @@ class Case(unittest.TestCase):
         self.folder.mkdir()
         self.zip = self.folder / "diagnostics.zip"
 
+    def import_keys(self, text):
+        (self.scratch / "keys.reg").write_text("Windows Registry Editor Version 5.00\n\n" + text)
+        BARE.import_registry(self.scratch / "keys.reg")
+
     def collect(self, *arguments, **how):
         """Runs the command; returns what it printed."""
         return self.agentcli("agent", "collect-diagnostics", *arguments, **how)

@@ -10,7 +10,9 @@ import random
 import re
 import shutil
 import subprocess
+import threading
 import time
+import zlib
 
 from expected_rows import (ANY, CONFIG, CRASH, LOG, REFUSED, SAMPLE, TEXTS, rows_of_full_run, tool_text, types)
 from machines import BARE, EXE, FULL, TOOL, Archive, Case, Console, machine, windows_path
@@ -23,6 +25,7 @@ FIELDS = {"name", "origin", "rawProcessExitCode", "archivePath", "type", "succes
 TOOL_FOLDER = "Lumora Access Agent"
 MILLISECOND = datetime.timedelta(milliseconds=1)
 UTC = datetime.timezone.utc
+INDIA = datetime.timezone(datetime.timedelta(hours=5, minutes=30))
 
 
 def started_at(row):
@@ -39,7 +42,7 @@ class FullRun(Case):
             held.callback(holder.kill)
             opened = held.enter_context(OpenedFiles(FULL.drive))
             start = datetime.datetime.now(UTC)
-            printed = self.collect(on=FULL)
+            printed = self.collect(on=FULL, TZ="Asia/Kolkata")
             end = datetime.datetime.now(UTC)
         self.assert_located(printed, self.zip)
         self.assert_folder_holds("diagnostics.zip")
@@ -96,8 +99,12 @@ class FullRun(Case):
         for name, source in sources.items():
             entry, data = archive.entries[name]
             self.assertEqual(data, (FULL.drive / source).read_bytes(), name)
-            written = datetime.datetime.fromtimestamp((FULL.drive / source).stat().st_mtime)
-            self.assertLessEqual(abs((datetime.datetime(*entry.date_time) - written).total_seconds()), 2, name)
+            written = datetime.datetime.fromtimestamp((FULL.drive / source).stat().st_mtime, INDIA)
+            added = datetime.datetime(*entry.date_time, tzinfo=INDIA)
+            self.assertLessEqual(abs((added - written).total_seconds()), 2, name)
+            # As zlib deflates at level 5.
+            deflated = zlib.compressobj(5, zlib.DEFLATED, -zlib.MAX_WBITS, zlib.DEF_MEM_LEVEL + 1)
+            self.assertEqual(entry.compress_size, len(deflated.compress(data) + deflated.flush()) if data else 0, name)
 
     def check_texts(self, archive):
         texts = {name.split("/")[-1]: archive.text(name) for name in archive.names
@@ -199,10 +206,6 @@ class Registry(Case):
         self.collect("-o")
         return Archive(self.zip)
 
-    def import_keys(self, text):
-        (self.scratch / "keys.reg").write_text("Windows Registry Editor Version 5.00\n\n" + text)
-        BARE.import_registry(self.scratch / "keys.reg")
-
     def test_a_failing_section_costs_no_other(self):
         archive = self.report_on([
             ("\\Portavo", '"wrap-cp-guid"=dword:1'), ("\\Portavo\\VqPVS", '"PreferredIP"=hex:' + ",".join(["78"] * 16)),
@@ -250,11 +253,15 @@ class Limits(Case):
     def test_a_row_takes_a_thousand_files_and_of_a_user_the_newest_gigabyte(self):
         user = BARE.profiles()[0]
         logs, panes = BARE.drive / "ProgramData/Velqor/DLP/logs", user / "AppData/Local/Velqor/OXM"
-        for folder in (logs, panes / "Viewpane", panes / "ViewpaneUI"):
+        self.addCleanup(self.import_keys, f"[-{VELQOR}]\n")
+        self.import_keys(f'[{VELQOR}\\OXM]\n"Path"="C:\\\\Velqor\\\\OXM"\n')
+        vpn = BARE.drive / "Velqor/Portavo"
+        for folder in (logs, panes / "Viewpane", panes / "ViewpaneUI", vpn):
             self.addCleanup(shutil.rmtree, folder.parent, ignore_errors=True)
             folder.mkdir(parents=True)
         for number in range(1005):
             (logs / f"{number}.txt").touch()
+            (vpn / f"{number}.{'old' if number % 2 else 'log'}").touch()
             (panes / "Viewpane" / f"{number}.log").touch()
             os.utime(panes / "Viewpane" / f"{number}.log", (0, 1_700_000_000 + (number >= 5)))
             (panes / "Viewpane" / f"folder {number}").mkdir()
@@ -269,6 +276,8 @@ class Limits(Case):
         for name, files, messages, left, folder in (
                 ("*.txt", {f"{stem}.txt" for stem in sorted(map(str, range(1005)))[:1000]}, 1, 5,
                  r"ProgramData\Velqor\DLP\logs"),
+                ("*.log, *.old, vq_pv_hrpt.xml, update_tmp.bat", {f"{number}.log" for number in range(0, 1005, 2)} |
+                 {f"{stem}.old" for stem in sorted(map(str, range(1, 1005, 2)))[:497]}, 1, 5, r"Velqor\Portavo"),
                 ("Viewpane", {f"{number}.log" for number in range(5, 1005)}, 1001, 5, pane),
                 ("ViewpaneUI", {f"{number}.bin" for number in range(1, 6)}, 2, 1, pane + "UI")):
             with self.subTest(name):
@@ -277,7 +286,7 @@ class Limits(Case):
                 self.assertEqual(found, files)
                 self.assertEqual(len(row["errors"]), messages)
                 self.assertEqual(row["errors"][-1], (
-                    f"{left} further files of the folder C:\\{folder} were left out: a row takes at most 1000 files, "
+                    f"{left} further files of the folder C:\\{folder} were left out: at most 1000 files are taken, "
                     "and of a user's folder the newest ones up to 1 GiB."))
 
 
@@ -369,8 +378,13 @@ class SlowTool(Case):
     def samples_with(self, pauses):
         folder = self.scratch / "_".join(pauses)
         folder.mkdir()
+        # The log is flushed every five seconds.
+        sizes = []
+        timer = threading.Timer(8, lambda: sizes.append((folder / "agent-cli.log").stat().st_size))
         start = time.monotonic()
+        timer.start()
         self.collect("-s", on=FULL, folder=folder, **pauses)
+        self.assertNotIn(sizes, ([], [0]))
         archive = Archive(folder / "diagnostics.zip")
         measured = (time.monotonic() - start) * 1000
         self.assertLess(sum(row.get("durationMs", 0) for row in archive.rows), measured)
@@ -496,8 +510,7 @@ class Path(Case):
             with self.subTest(given):
                 (self.folder / "agent-cli.log").unlink(missing_ok=True)
                 printed = self.collect("-o", "-p", given, status=1)
-                self.assertTrue(printed.startswith("Unexpected error: "), printed)
-                self.assertFalse(printed.endswith("\n"))
+                self.assertRegex(printed, r"\AUnexpected error: .*[^\r\n]\Z")
                 self.assertIn(windows_path(self.zip), printed)
                 self.assertEqual(missing in printed, given.startswith("nowhere"), printed)
                 self.assertEqual(Archive(self.zip).types(), [(CONFIG, 4)])
@@ -552,6 +565,12 @@ class WorkingFolder(Case):
         self.assertTrue(rotated.read_bytes().startswith(b"xxx"))
         self.assert_heading(Archive(self.zip).text("agent-cli.log"))
         self.assertEqual(log.stat().st_mode & 0o007, 0)
+        # The first line of the run still fits, those behind it do not.
+        first = len(log.read_bytes().splitlines(True)[0])
+        log.write_bytes(b"x" * (10_240 - 2 * first - 30) + b"\r\n")
+        self.collect("-o")
+        self.assertIn(b" on Windows ", rotated.read_bytes())
+        self.assert_heading(Archive(self.zip).text("agent-cli.log"))
 
     def assert_heading(self, log, before=""):
         self.assertRegex(log, rf"\A{before}\[.*\] \[default\] \[(info\] .*, |warning\] .*, not )elevated.*, "

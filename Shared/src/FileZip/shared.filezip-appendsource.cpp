@@ -112,7 +112,7 @@ zip_int64_t AppendInPlaceSource::Dispatch(void* data, zip_uint64_t length, zip_s
         case ZIP_SOURCE_STAT:
             return Stat(data, length);
         case ZIP_SOURCE_OPEN:
-            // Newer releases ask for the error again at close, and take what they get for that call's own.
+            // Newer releases query the error after a close as well: an old one would make the close fail.
             ClearFailure();
             readOffset_ = 0;
             return Done(OpenExisting(), ZIP_ER_OPEN);
@@ -145,7 +145,7 @@ zip_int64_t AppendInPlaceSource::Dispatch(void* data, zip_uint64_t length, zip_s
         case ZIP_SOURCE_ROLLBACK_WRITE:
             return Done(Rollback(), ZIP_ER_WRITE);
         case ZIP_SOURCE_REMOVE:
-            // What libzip makes of an archive whose last entry is deleted.
+            // libzip calls this when the last entry has been deleted.
             return Done(ReplaceByEmpty(), ZIP_ER_REMOVE);
         default:
             zip_error_set(&error_, ZIP_ER_OPNOTSUPP, 0);

@@ -253,6 +253,32 @@ std::vector<std::byte> NewZip64Records(const ArchiveTail& tail) {
     return records;
 }
 
+/// Looks for a tail that begins in the file's last bytes, as many as `window`, and ends with the file.
+Win32Result<TailSearch> SearchTail(const ArchiveFile& file, std::uint64_t fileSize, std::uint64_t window) {
+    window = std::min(window, fileSize);
+    const auto bytes = ReadBytes(file, fileSize - window, static_cast<std::size_t>(window));
+    if (!bytes) {
+        return std::unexpected(bytes.error());
+    }
+    TailSearch found;
+    for (const std::size_t index : EndSignaturesIn(*bytes)) {
+        const Bytes record = Bytes(*bytes).subspan(index);
+        if (record.size() < EndRecord::size ||
+            Get(record, EndRecord::commentLength) != record.size() - EndRecord::size) {
+            continue;
+        }
+        auto tail = TailWithRecordAt(file, fileSize - record.size(), fileSize);
+        if (!tail) {
+            return std::unexpected(tail.error());
+        }
+        if (*tail) {
+            return TailSearch{FileEnd::Tail, **std::move(tail)};
+        }
+        found.end = FileEnd::Unsupported;
+    }
+    return found;
+}
+
 }  // namespace
 
 std::vector<std::byte> ArchiveTail::RecordsFor(std::uint64_t newDirectoryOffset) const {
@@ -294,31 +320,9 @@ Win32Result<TailSearch> ReadTail(const ArchiveFile& file) {
     if (!size) {
         return std::unexpected(size.error());
     }
-    TailSearch found;
     // The end record is followed by a comment of any length that fits 16 bits, usually of none.
-    for (const std::uint64_t longestComment : {std::uint64_t{0}, max16}) {
-        const std::uint64_t window = std::min<std::uint64_t>(*size, EndRecord::size + longestComment);
-        const auto bytes = ReadBytes(file, *size - window, static_cast<std::size_t>(window));
-        if (!bytes) {
-            return std::unexpected(bytes.error());
-        }
-        for (const std::size_t index : EndSignaturesIn(*bytes)) {
-            const Bytes record = Bytes(*bytes).subspan(index);
-            if (record.size() < EndRecord::size ||
-                Get(record, EndRecord::commentLength) != record.size() - EndRecord::size) {
-                continue;
-            }
-            auto read = TailWithRecordAt(file, *size - record.size(), *size);
-            if (!read) {
-                return std::unexpected(read.error());
-            }
-            if (std::optional<ArchiveTail>& tail = *read; tail) {
-                return TailSearch{FileEnd::Tail, std::move(*tail)};
-            }
-            found.end = FileEnd::Unsupported;
-        }
-    }
-    return found;
+    auto found = SearchTail(file, *size, EndRecord::size);
+    return found && found->end != FileEnd::Tail ? SearchTail(file, *size, EndRecord::size + max16) : std::move(found);
 }
 
 Win32Result<std::optional<ArchiveTail>> FindLastTail(const ArchiveFile& file) {

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
-#include <new>
 #include <string_view>
 #include <utility>
 
