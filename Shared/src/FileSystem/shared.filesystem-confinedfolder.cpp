@@ -12,9 +12,11 @@
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-open.h"
 
-// The user-mode headers of some toolchains leave it out.
+#ifdef _MSC_VER
+// The Windows SDK declares it in a header for drivers only.
 extern "C" NTSTATUS NTAPI NtQueryInformationFile(HANDLE file, PIO_STATUS_BLOCK status, PVOID buffer, ULONG size,
                                                  FILE_INFORMATION_CLASS informationClass);
+#endif
 
 namespace Shared::FileSystem {
 

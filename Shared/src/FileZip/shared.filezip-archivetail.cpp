@@ -267,12 +267,12 @@ Win32Result<TailSearch> SearchTail(const ArchiveFile& file, std::uint64_t fileSi
             Get(record, EndRecord::commentLength) != record.size() - EndRecord::size) {
             continue;
         }
-        auto tail = TailWithRecordAt(file, fileSize - record.size(), fileSize);
-        if (!tail) {
-            return std::unexpected(tail.error());
+        auto read = TailWithRecordAt(file, fileSize - record.size(), fileSize);
+        if (!read) {
+            return std::unexpected(read.error());
         }
-        if (*tail) {
-            return TailSearch{FileEnd::Tail, **std::move(tail)};
+        if (std::optional<ArchiveTail>& tail = *read; tail) {
+            return TailSearch{FileEnd::Tail, std::move(*tail)};
         }
         found.end = FileEnd::Unsupported;
     }
