@@ -143,8 +143,8 @@ class Machine:
         return subprocess.run([UNDER_WINE, program, *arguments], cwd=cwd or ROOT, env=self.environment(**extra),
                               stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout, check=False)
 
-    def start(self, program, *arguments, cwd=None):
-        return subprocess.Popen([UNDER_WINE, program, *arguments], cwd=cwd or ROOT, env=self.environment(),
+    def start(self, program, *arguments, cwd=None, **environment):
+        return subprocess.Popen([UNDER_WINE, program, *arguments], cwd=cwd or ROOT, env=self.environment(**environment),
                                 stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
 
     def boot(self):

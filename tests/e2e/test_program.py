@@ -15,7 +15,7 @@ import time
 import zlib
 
 from expected_rows import (ANY, CONFIG, CRASH, LOG, REFUSED, SAMPLE, TEXTS, rows_of_full_run, tool_text, types)
-from machines import BARE, EXE, FULL, TOOL, Archive, Case, Console, machine, windows_path
+from machines import BARE, EXE, FULL, TOOL, Archive, Case, Console, machine, running_in, windows_path
 from opened import OpenedFiles
 
 SAMPLE_FILES = ["RoutePrint", "IpConfig", "NicConfig", "NicDetails", "NetStat", "SystemInfo", "ProcessInfo",
@@ -665,6 +665,16 @@ class Kill(Case):
         for number in (0, self.runs - 1):
             self.collect("-o", on=FULL, folder=self.scratch / str(number))
             self.assertEqual(Archive(self.scratch / str(number) / "diagnostics.zip").types(), [(CONFIG, 4)])
+
+    def test_a_killed_run_takes_its_command_along(self):
+        process = FULL.start(EXE, "agent", "collect-diagnostics", "-s", cwd=self.folder, LACLI_PAUSE_status="60000")
+        deadline = time.monotonic() + 60
+        while not any("lacli.exe status" in line for line in running_in(self.folder)):
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.05)
+        process.kill()
+        process.communicate()
+        self.assert_nothing_runs_in(self.folder)
 
     def kill_after(self, number, delay):
         """Returns how many files the archive of the killed run holds."""

@@ -129,7 +129,7 @@ TEST(Exception, CodedTexts) {
 }
 
 TEST(Messages, ComeFromTheTablesOfTheSystemAndItsModules) {
-    for (const DWORD code : {0UL, 5UL, 1392UL, 11999UL, 12194UL, 0xE0001234UL}) {
+    for (const DWORD code : {0UL, 5UL, 193UL, 1392UL, 11999UL, 12194UL, 0xE0001234UL}) {
         EXPECT_EQ(Win32Message(code), Translated(WordsOf(code), code));
     }
     EXPECT_NE(WordsOf(5), "");
