@@ -37,7 +37,8 @@ Win32Result<void> RemoveFile(const fs::path& path) {
     return isFolder ? Win32Result<void>() : RemoveName(path);
 }
 
-/// The system removes a copy that is cancelled: a closing console leaves no time for it.
+/// Cancels the copy when the console is being closed, which leaves no time for it. The system then removes the partial
+/// file.
 DWORD CALLBACK CancelOnClosing(LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, DWORD, DWORD, HANDLE, HANDLE,
                                LPVOID) {
     return Shared::Concurrency::IsConsoleClosing() ? PROGRESS_CANCEL : PROGRESS_CONTINUE;
@@ -89,7 +90,7 @@ void MoveArchive(ZipArchiveWrapper& zip, const fs::path& destination) {
     zip.Close();
     if (!isThere) {
         const auto copied = Copy(zip, destination);
-        if (!copied && copied.error() == ERROR_REQUEST_ABORTED) {
+        if (!copied && copied.error() == ERROR_REQUEST_ABORTED && Shared::Concurrency::IsConsoleClosing()) {
             return;
         }
         if (!copied) {
