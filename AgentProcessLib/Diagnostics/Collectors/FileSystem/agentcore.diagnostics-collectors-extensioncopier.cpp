@@ -133,7 +133,7 @@ CollectorStatus CopyMatches(const std::filesystem::path& folder, std::optional<C
     }
     Run run(folder, std::move(confined), scan, destination);
     const Matches files = run.Find();
-    if (files.empty()) {
+    if (files.empty() && !Shared::Concurrency::IsInterrupted()) {
         Shared::Exception::LogInfo("No files with extension {} were found in directory {}.", scan.extension,
                                    ToUtf8Lossy(folder));
     }
