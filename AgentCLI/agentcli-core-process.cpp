@@ -10,7 +10,6 @@
 #include <string_view>
 #include <utility>
 
-#include "shared.exception-text.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.system-functions.h"
 #include "shared.util-functions.h"

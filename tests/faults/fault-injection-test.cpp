@@ -112,8 +112,8 @@ HRESULT WINAPI SHGetKnownFolderPath(const GUID& id, DWORD flags, HANDLE token, P
 }
 NTSTATUS WINAPI NtOpenFile(PHANDLE file, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes, PIO_STATUS_BLOCK status,
                            ULONG share, ULONG options) {
-    // Not all of it has an effect on every system: links are not followed, oplocks not waited for, nothing is recalled,
-    // and what is read keeps its name.
+    // Wine ignores some of these options, so the request is checked: links not followed, oplocks not waited for,
+    // content not recalled, files that are read neither renamed nor deleted.
     constexpr ULONG untrusted = FILE_OPEN_REPARSE_POINT | FILE_COMPLETE_IF_OPLOCKED | 0x00400000;
     EXPECT_EQ(options & untrusted, untrusted);
     EXPECT_EQ((access & DELETE) == 0 ? share & FILE_SHARE_DELETE : 0, 0U);

@@ -42,7 +42,7 @@ std::wstring UniquePipeName() {
 }  // namespace
 
 // Anonymous pipes take no overlapped reads, so this is a named pipe, of one instance. Its access list keeps the
-// processes of other users from opening the other end between the two calls.
+// processes of other users from opening the other end before this process does.
 Pipe CreateOutputPipe() {
     const std::wstring name = UniquePipeName();
     const auto descriptor = FileSystem::PrivateDescriptor();

@@ -48,7 +48,7 @@ struct FileStatus {
 /// (hard links), ERROR_BAD_FILE_TYPE (not on a disk), or the code of the query that failed.
 [[nodiscard]] Util::Win32Result<void> CheckPlainFile(HANDLE file) noexcept;
 
-/// The size of an open file in bytes; 0 when it cannot be had.
+/// The size of an open file in bytes; 0 when the query fails.
 [[nodiscard]] std::uint64_t SizeOf(HANDLE file) noexcept;
 
 /// Whether two paths lead to one file, decided by their final paths: not every file system has file ids. False when

@@ -229,7 +229,8 @@ Win32Result<void> ZipArchiveWrapper::OpenLibrary() {
         zip_source_free(source);
         return std::unexpected(source_->LastFailure() != ERROR_SUCCESS ? source_->LastFailure() : ERROR_BAD_FORMAT);
     }
-    // From now on the library prints no failures: they are in the results. A failure to open it has printed above.
+    // From now on the library prints no failures: they are in the results. Only a failure of fromSource() has been
+    // printed.
     archive_->setErrorHandlerCallback([](const std::string&, const std::string&, int, int) {});
     return {};
 }
@@ -302,8 +303,8 @@ AddResult ZipArchiveWrapper::AddFileToFolder(const std::filesystem::path& entryF
     });
 }
 
-/// The entry name, or that name with the first number with which no entry has it. Names that differ in case alone are
-/// one name where the archive is unpacked.
+/// The entry name, or that name with the first number with which no entry has it. Names that differ
+/// only in the case of ASCII letters count as one: they are one file name where the archive is unpacked.
 std::string ZipArchiveWrapper::FreeName(const std::string& folder, const std::string& name) const {
     // A dot at the beginning of a name begins no extension.
     const std::size_t dot = name.find_last_of('.');

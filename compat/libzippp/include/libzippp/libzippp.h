@@ -62,7 +62,7 @@ public:
     void setErrorHandlerCallback(ErrorHandlerCallback* callback) { callback_ = callback; }
 
     std::vector<ZipEntry> getEntries() const;
-    /// ASCII letters alone are compared without regard to case.
+    /// Without caseSensitive, upper and lower case of ASCII letters are the same; other letters are compared exactly.
     bool hasEntry(const std::string& name, bool excludeDirectories = false, bool caseSensitive = true) const;
     /// A null entry when there is none of that name, or libzip cannot describe it.
     ZipEntry getEntry(const std::string& name) const;
