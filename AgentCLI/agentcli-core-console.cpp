@@ -2,6 +2,10 @@
 
 #include <windows.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+
 #include "shared.exception-text.h"
 
 namespace AgentCLI::Core {
@@ -9,8 +13,11 @@ namespace AgentCLI::Core {
 ConsoleTitle::ConsoleTitle() {
     DWORD mode = 0;
     if (GetConsoleMode(GetStdHandle(STD_OUTPUT_HANDLE), &mode) != FALSE) {
-        before_ = Shared::Exception::TextOfAnyLength(
-            [](wchar_t* buffer, DWORD size) { return GetConsoleTitleW(buffer, size); });
+        // The call does not say how large a buffer a longer title needs.
+        std::wstring title(1U << 15U, L'\0');
+        const DWORD length = GetConsoleTitleW(title.data(), static_cast<DWORD>(title.size()));
+        title.resize(std::min<std::size_t>(length, title.size()));
+        before_ = std::move(title);
     }
 }
 

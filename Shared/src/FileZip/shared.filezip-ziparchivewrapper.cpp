@@ -303,8 +303,8 @@ AddResult ZipArchiveWrapper::AddFileToFolder(const std::filesystem::path& entryF
     });
 }
 
-/// The entry name, or that name with the first number with which no entry has it. Names that differ
-/// only in the case of ASCII letters count as one: they are one file name where the archive is unpacked.
+/// The entry name, or that name with the first number with which no entry has it. Names that differ only in
+/// the case of ASCII letters count as one: they are one file name where the archive is unpacked.
 std::string ZipArchiveWrapper::FreeName(const std::string& folder, const std::string& name) const {
     // A dot at the beginning of a name begins no extension.
     const std::size_t dot = name.find_last_of('.');
