@@ -112,17 +112,15 @@ FileKind ConfinedFolder::KindOf(std::wstring_view name) const {
             }
             return FileKind::NotFound;
         }
-        if (IsLink(level->Get())) {
+        const auto facts = FactsOf(level->Get());
+        if (!facts) {
+            ThrowFileSystemError("exists", path, facts.error());
+        }
+        if (facts->isLink) {
             return FileKind::OutsideFolder;
         }
-        if (GetFileType(level->Get()) != FILE_TYPE_DISK) {
-            return FileKind::Other;
-        }
-        FILE_BASIC_INFO information{};
-        if (end == std::wstring_view::npos &&
-            GetFileInformationByHandleEx(level->Get(), FileBasicInfo, &information, sizeof information) != FALSE) {
-            return (information.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? FileKind::Directory
-                                                                                : FileKind::Regular;
+        if (end == std::wstring_view::npos || facts->kind == FileKind::Other) {
+            return facts->kind;
         }
     }
     return FileKind::Regular;
@@ -153,22 +151,20 @@ std::expected<ConfinedFile, RefusedOpen> ConfinedFolder::Open(std::wstring_view 
 // The levels may have changed since they were checked. What was opened is fixed now, and its final path decides.
 FileStatus ConfinedFolder::Judge(HANDLE file, std::wstring_view expectedPath) const {
     const auto finalPath = FinalPath(file, volumeNameForm_);
-    BY_HANDLE_FILE_INFORMATION information{};
-    if (!finalPath || !IsSameName(*finalPath, expectedPath) || IsLink(file) ||
-        GetFileInformationByHandle(file, &information) == FALSE) {
+    const auto facts = FactsOf(file);
+    if (!finalPath || !IsSameName(*finalPath, expectedPath) || !facts || facts->isLink) {
         return {.kind = FileKind::OutsideFolder};
     }
-    if ((information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-        return {.kind = FileKind::Directory};
+    if (facts->kind != FileKind::Regular) {
+        return {.kind = facts->kind};
     }
-    if (information.nNumberOfLinks > 1 && !HasAllLinksBelow(file)) {
+    if (facts->links > 1 && !HasAllLinksBelow(file)) {
         return {.kind = FileKind::OutsideFolder};
     }
-    if (IsStoredElsewhere(information.dwFileAttributes)) {
+    if (facts->isStoredElsewhere) {
         return {.kind = FileKind::NotStoredHere};
     }
-    return {.kind = FileKind::Regular,
-            .size = (std::uint64_t{information.nFileSizeHigh} << 32U) | information.nFileSizeLow};
+    return {.kind = FileKind::Regular, .size = facts->size};
 }
 
 bool ConfinedFolder::HasAllLinksBelow(HANDLE file) const {

@@ -52,12 +52,6 @@ Win32Result<void> RemoveNative(const std::wstring& name) noexcept {
     }));
 }
 
-bool IsRealFolder(HANDLE handle) {
-    BY_HANDLE_FILE_INFORMATION information{};
-    return GetFileInformationByHandle(handle, &information) != FALSE &&
-           (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0 && !IsLink(handle);
-}
-
 // Removes a folder tree through handles, without following a path twice: another process cannot redirect the removal by
 // replacing a folder with a link. Depth first with a stack of its own, since the depth of the tree is unbounded. Each
 // folder is listed once, so that files which are added meanwhile cannot keep the removal busy.
@@ -92,7 +86,8 @@ private:
         if (!entry) {
             return std::unexpected(entry.error());
         }
-        if (!IsRealFolder(entry->Get())) {
+        const auto facts = FactsOf(entry->Get());
+        if (!facts || facts->kind != FileKind::Directory || facts->isLink) {
             return Delete(entry->Get());
         }
         Level level{.folder = *std::move(entry), .names = {}};

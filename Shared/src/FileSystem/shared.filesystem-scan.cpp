@@ -14,14 +14,8 @@ Util::FileHandle OpenToList(const std::filesystem::path& folder) {
     Util::FileHandle handle(CreateFileW(LongForm(folder).c_str(), FILE_LIST_DIRECTORY | SYNCHRONIZE,
                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
                                         FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    DWORD error = handle ? ERROR_SUCCESS : GetLastError();
-    FILE_BASIC_INFO information{};
-    if (handle &&
-        GetFileInformationByHandleEx(handle.Get(), FileBasicInfo, &information, sizeof information) == FALSE) {
-        error = GetLastError();
-    } else if (handle && (information.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
-        error = ERROR_DIRECTORY;
-    }
+    const auto facts = handle ? FactsOf(handle.Get()) : Util::LastError();
+    const DWORD error = !facts ? facts.error() : facts->kind == FileKind::Directory ? ERROR_SUCCESS : ERROR_DIRECTORY;
     if (error != ERROR_SUCCESS) {
         ThrowFileSystemError("directory_iterator::directory_iterator", folder, error);
     }

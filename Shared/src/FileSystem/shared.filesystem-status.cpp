@@ -67,6 +67,30 @@ FileStatus QueryStatus(const std::filesystem::path& path, const char* operation)
     return StatusFrom(information.dwFileAttributes, information.nFileSizeHigh, information.nFileSizeLow);
 }
 
+Util::Win32Result<FileFacts> FactsOf(HANDLE file) noexcept {
+    FileFacts facts;
+    if (GetFileType(file) != FILE_TYPE_DISK) {
+        return facts;
+    }
+    BY_HANDLE_FILE_INFORMATION information{};
+    if (GetFileInformationByHandle(file, &information) == FALSE) {
+        return Util::LastError();
+    }
+    const DWORD attributes = information.dwFileAttributes;
+    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+        FILE_ATTRIBUTE_TAG_INFO tag{};
+        facts.isLink = GetFileInformationByHandleEx(file, FileAttributeTagInfo, &tag, sizeof tag) == FALSE ||
+                       IsLink(tag.FileAttributes, tag.ReparseTag);
+    }
+    facts.isStoredElsewhere = IsStoredElsewhere(attributes);
+    facts.kind = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? FileKind::Directory : FileKind::Regular;
+    if (facts.kind == FileKind::Regular) {
+        facts.size = (std::uint64_t{information.nFileSizeHigh} << 32U) | information.nFileSizeLow;
+    }
+    facts.links = information.nNumberOfLinks;
+    return facts;
+}
+
 bool IsNotFound(DWORD code) noexcept {
     switch (code) {
         case ERROR_FILE_NOT_FOUND:
@@ -97,29 +121,22 @@ bool IsStoredElsewhere(DWORD attributes) noexcept {
     return (attributes & (FILE_ATTRIBUTE_OFFLINE | recallOnOpen | recallOnDataAccess)) != 0;
 }
 
-bool IsLink(HANDLE file) noexcept {
-    FILE_ATTRIBUTE_TAG_INFO tag{};
-    return GetFileInformationByHandleEx(file, FileAttributeTagInfo, &tag, sizeof tag) == FALSE ||
-           IsLink(tag.FileAttributes, tag.ReparseTag);
-}
-
 Util::Win32Result<void> CheckPlainFile(HANDLE file) noexcept {
-    const auto refused = [](DWORD code) { return std::unexpected(code); };
-    BY_HANDLE_FILE_INFORMATION information{};
-    if (GetFileType(file) != FILE_TYPE_DISK) {
-        return refused(ERROR_BAD_FILE_TYPE);
+    const auto facts = FactsOf(file);
+    if (!facts) {
+        return std::unexpected(facts.error());
     }
-    if (GetFileInformationByHandle(file, &information) == FALSE) {
-        return Util::LastError();
+    if (facts->kind == FileKind::Other) {
+        return std::unexpected<DWORD>(ERROR_BAD_FILE_TYPE);
     }
-    if (IsLink(file)) {
-        return refused(ERROR_CANT_RESOLVE_FILENAME);
+    if (facts->isLink) {
+        return std::unexpected<DWORD>(ERROR_CANT_RESOLVE_FILENAME);
     }
-    if ((information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-        return refused(ERROR_DIRECTORY);
+    if (facts->kind == FileKind::Directory) {
+        return std::unexpected<DWORD>(ERROR_DIRECTORY);
     }
-    if (information.nNumberOfLinks > 1) {
-        return refused(ERROR_TOO_MANY_LINKS);
+    if (facts->links > 1) {
+        return std::unexpected<DWORD>(ERROR_TOO_MANY_LINKS);
     }
     return {};
 }

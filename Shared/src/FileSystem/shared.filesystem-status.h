@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "shared.util-handle.h"
 #include "shared.util-win32result.h"
 
 namespace Shared::FileSystem {
@@ -30,6 +31,31 @@ struct FileStatus {
 /// operation, on any failure but "not found".
 [[nodiscard]] FileStatus QueryStatus(const std::filesystem::path& path, const char* operation);
 
+/// What one look at an open file or folder gives.
+struct FileFacts {
+    /// Regular, Directory, or Other for what is not on a disk; of the latter nothing else is known.
+    FileKind kind = FileKind::Other;
+    /// Whether it is a symbolic link, a junction or a mount point; also true when that cannot be told.
+    bool isLink = false;
+    /// Whether reading it would fetch its content from elsewhere: offline storage or a cloud.
+    bool isStoredElsewhere = false;
+    /// In bytes; 0 for a folder.
+    std::uint64_t size = 0;
+    /// The number of hard links, 1 for a file with one name.
+    std::uint32_t links = 0;
+};
+
+/// The facts of an open file or folder, or the code of the query that failed. FAT and exFAT fail the query for the
+/// reparse tag, so it is asked for only where the attributes have the reparse bit.
+[[nodiscard]] Util::Win32Result<FileFacts> FactsOf(HANDLE file) noexcept;
+
+/// A file or folder that is held open, with the path at which it was opened.
+struct OpenedFile {
+    std::filesystem::path path;
+    Util::FileHandle handle;
+    FileFacts facts;
+};
+
 /// Whether the Win32 code says that nothing exists at the path.
 [[nodiscard]] bool IsNotFound(DWORD code) noexcept;
 
@@ -39,9 +65,6 @@ struct FileStatus {
 
 /// Whether reading a file with these attributes would fetch its content from elsewhere: offline storage or a cloud.
 [[nodiscard]] bool IsStoredElsewhere(DWORD attributes) noexcept;
-
-/// As IsLink above, of an open file; also true when that cannot be told.
-[[nodiscard]] bool IsLink(HANDLE file) noexcept;
 
 /// Succeeds for a file on a disk that is no link and has no further hard links, so that what is written to it, or read
 /// from it, is that file alone. Otherwise ERROR_CANT_RESOLVE_FILENAME (link), ERROR_DIRECTORY, ERROR_TOO_MANY_LINKS
