@@ -88,7 +88,7 @@ struct Fault<function, result, R(Args...)> {
     X(GetExitCodeProcess, 0) X(GetFileAttributesExW, 0) X(GetFileInformationByHandle, 0) \
     X(GetFileInformationByHandleEx, 0) X(GetFileSizeEx, 0) X(GetFileType, 0) X(GetFinalPathNameByHandleW, 0) \
     X(GetFullPathNameW, 0) X(GetOverlappedResult, 0) X(GetProfilesDirectoryW, 0) X(GetTokenInformation, 0) \
-    X(GetWindowsDirectoryW, 0) X(InitializeProcThreadAttributeList, 0) X(IsProcessInJob, 0) \
+    X(GetWindowsDirectoryW, 0) X(InitializeProcThreadAttributeList, 0) \
     X(MultiByteToWideChar, 0) X(OpenProcessToken, 0) X(QueryInformationJobObject, 0) X(ReadFile, 0) \
     X(ResetEvent, 0) X(SetFileInformationByHandle, 0) X(SetHandleInformation, 0) X(SetInformationJobObject, 0) \
     X(TerminateJobObject, 0) X(TerminateProcess, 0) X(UpdateProcThreadAttribute, 0) X(WideCharToMultiByte, 0) \

@@ -21,13 +21,13 @@ void Check(LSTATUS status, const char* what) {
     }
 }
 
-/// Null on Windows itself.
+// Null on Windows itself.
 const auto WineUnixFileName = reinterpret_cast<char*(CDECL*)(const wchar_t*)>(
     reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
 
 std::wstring HostArgument(const std::filesystem::path& path) {
     char* const name = WineUnixFileName(path.c_str());
-    const std::wstring argument = L" \"" + Shared::Util::ConvertStringType(std::string_view(name)) + L'"';
+    const std::wstring argument = L" \"" + Shared::Util::PathFromUtf8(name).native() + L'"';
     HeapFree(GetProcessHeap(), 0, name);
     return argument;
 }

@@ -26,7 +26,7 @@ constexpr const char* vpnClientSource =
 
 template <class KeyCollector>
 CollectorRow Row(const std::string& source, std::wstring_view key) {
-    return {.type = KeyCollector::type,
+    return {.type = KeyCollector::diagnosticType,
             .name = source,
             .origin = [key] { return MachineKeyName(key); },
             .collectors = {AsRun<KeyCollector>()}};

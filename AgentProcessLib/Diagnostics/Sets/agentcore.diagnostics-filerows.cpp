@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "shared.system-functions.h"
-#include "shared.system-userprofiles.h"
 
 namespace AgentCore::Diagnostics::FileRows {
 

@@ -26,21 +26,17 @@ namespace {
 
 constexpr std::size_t chunkSize = 4096;
 constexpr DWORD endGraceMilliseconds = 1000;
-constexpr DWORD longGrace = 500;  // ms
-constexpr DWORD shortGrace = 10;  // ms
+constexpr DWORD interruptGraceMilliseconds = 500;
 
 DWORD ToWait(std::chrono::milliseconds timeout) {
     return static_cast<DWORD>(std::clamp<std::chrono::milliseconds::rep>(timeout.count(), 0, INFINITE - 1));
 }
 
-struct AttributeListKind {
-    using Value = LPPROC_THREAD_ATTRIBUTE_LIST;
-    static Value Invalid() noexcept { return nullptr; }
-    static bool IsNone(Value list) noexcept { return list == nullptr; }
+struct AttributeListKind : Util::PointerKind<LPPROC_THREAD_ATTRIBUTE_LIST> {
     static void Close(Value list) noexcept { DeleteProcThreadAttributeList(list); }
 };
 
-/// The attributes of a process to be created. The handles that they point to must outlive the object.
+// The attributes of a process to be created. The handles that they point to must outlive the object.
 class AttributeList {
 public:
     [[nodiscard]] static Util::Win32Result<AttributeList> Create(DWORD count) {
@@ -69,12 +65,7 @@ private:
     Util::UniqueHandle<AttributeListKind> list_;
 };
 
-bool IsInJob(HANDLE process, HANDLE job) {
-    BOOL inJob = FALSE;
-    return IsProcessInJob(process, job, &inJob) != FALSE && inJob != FALSE;
-}
-
-/// How a child is started.
+// How a child is started.
 struct ChildStart {
     const std::wstring& applicationName;
     const std::wstring& commandLine;
@@ -110,8 +101,8 @@ Util::Win32Result<PROCESS_INFORMATION> Start(const ChildStart& child, HANDLE job
     return process;
 }
 
-/// A job that ends its processes when its only handle is closed, also because this process is killed. A crash in it
-/// ends the process without a dialog. None when the system creates no job.
+// A job that ends its processes when its only handle is closed, also because this process is killed. A crash in it
+// ends the process without a dialog. None when the system creates no job.
 Util::KernelHandle CreateChildJob() {
     Util::KernelHandle job(CreateJobObjectW(nullptr, nullptr));
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
@@ -125,21 +116,16 @@ Util::KernelHandle CreateChildJob() {
     return job;
 }
 
-/// A running child; on destruction it is terminated with everything that it has started.
+// A running child; on destruction it is terminated with everything that it has started.
 class Child {
 public:
-    // Built on a whole object, so that the destructor ends the process should anything fail from there on.
     Child(const std::wstring& applicationName, const std::wstring& commandLine, HANDLE stdinRead, HANDLE stdoutWrite,
           const std::filesystem::path& folder)
-        : Child(CreateChildJob()) {
+        : job_(CreateChildJob()) {
         const PROCESS_INFORMATION started = CreateChildProcess(applicationName, commandLine, stdinRead, stdoutWrite,
                                                                job_.Get(), folder.empty() ? nullptr : folder.c_str());
         process_.Reset(started.hProcess);
-        thread_.Reset(started.hThread);
-        if (job_ && !IsInJob(process_.Get(), job_.Get()) &&
-            AssignProcessToJobObject(job_.Get(), process_.Get()) == FALSE) {
-            Exception::LogWarning("A command runs outside its job: {}", Exception::Win32Message(GetLastError()));
-        }
+        const Util::KernelHandle thread(started.hThread);
     }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
@@ -164,8 +150,6 @@ public:
     }
 
 private:
-    explicit Child(Util::KernelHandle job) : job_(std::move(job)) {}
-
     // TerminateProcess returns before the process has ended, and until then its files stay open.
     void AwaitEnd() const noexcept {
         const ULONGLONG deadline = GetTickCount64() + endGraceMilliseconds;
@@ -181,7 +165,6 @@ private:
 
     Util::KernelHandle job_;
     Util::KernelHandle process_;
-    Util::KernelHandle thread_;
 };
 
 std::wstring InterpreterPath() {
@@ -196,8 +179,8 @@ std::wstring InterpreterPath() {
     return path;
 }
 
-/// One overlapped read into a buffer of its own. The system writes to both until the read has ended, for which the
-/// destructor waits.
+// One overlapped read into a buffer of its own. The system writes to both until the read has ended, for which the
+// destructor waits.
 class PendingRead {
 public:
     PendingRead(HANDLE pipe, const Event& event) : pipe_(pipe), event_(event) {}
@@ -262,11 +245,10 @@ private:
     bool underWay_ = false;
 };
 
-// Ctrl+C reaches a child at the same time as this process. It may have ended the child first, whatever exit code the
-// child chose for that.
+// Ctrl+C reaches a child and this process at the same time, and may end the child first.
 void AwaitInterruption(std::uint32_t exitCode) {
-    if (InterruptEvent() != nullptr) {
-        WaitForSingleObject(InterruptEvent(), exitCode == STATUS_CONTROL_C_EXIT ? longGrace : shortGrace);
+    if (exitCode == STATUS_CONTROL_C_EXIT && InterruptEvent() != nullptr) {
+        WaitForSingleObject(InterruptEvent(), interruptGraceMilliseconds);
     }
 }
 
@@ -284,7 +266,11 @@ PROCESS_INFORMATION CreateChildProcess(const std::wstring& applicationName, cons
                            .currentDirectory = currentDirectory};
     auto process = Start(child, job);
     if (!process && job != nullptr) {
+        const DWORD error = process.error();
         process = Start(child, nullptr);
+        if (process) {
+            Exception::LogWarning("A command runs outside its job: {}", Exception::Win32Message(error));
+        }
     }
     if (!process) {
         throw Exception::Win32Exception("CreateProcessW() failed", process.error());

@@ -41,8 +41,8 @@ private:
 /// no other. Without an application name the command line begins with the program. The caller closes both handles of
 /// the result.
 ///
-/// With a job the process belongs to it from its first instruction on, so that nothing that it starts can escape. Where
-/// the system does not take a job at creation the process starts outside, which IsProcessInJob tells.
+/// With a job the process belongs to it from its first instruction on, so that nothing that it starts can escape. When
+/// it cannot be created in the job it runs outside, with a warning in the log.
 ///
 /// Throws Win32Exception "CreateProcessW() failed".
 [[nodiscard]] PROCESS_INFORMATION CreateChildProcess(const std::wstring& applicationName,

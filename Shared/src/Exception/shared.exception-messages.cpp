@@ -4,17 +4,21 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <iostream>
-#include <memory>
-#include <type_traits>
+#include <limits>
 #include <utility>
 
 #include "shared.exception-text.h"
+#include "shared.util-handle.h"
 
 namespace Shared::Exception {
 
 namespace {
+
+using Util::ModuleHandle;
 
 constexpr std::uint32_t firstWinHttpCode = 12000;
 constexpr std::uint32_t lastWinHttpCode = 12193;
@@ -41,25 +45,16 @@ constexpr std::array hints{
          "your agents via Centrion.)"},
 };
 
-struct FreeModule {
-    void operator()(HMODULE module) const noexcept { FreeLibrary(module); }
-};
-using Module = std::unique_ptr<std::remove_pointer_t<HMODULE>, FreeModule>;
-
-struct FreeLocal {
-    void operator()(char* buffer) const noexcept { LocalFree(buffer); }
-};
-
-Module LoadedModule(const wchar_t* name) {
+ModuleHandle LoadedModule(const wchar_t* name) {
     HMODULE module = nullptr;
-    return Module(GetModuleHandleExW(0, name, &module) == FALSE ? nullptr : module);
+    return ModuleHandle(GetModuleHandleExW(0, name, &module) == FALSE ? nullptr : module);
 }
 
-Module WinHttpModule() {
-    Module module = LoadedModule(L"winhttp.dll");
+ModuleHandle WinHttpModule() {
+    ModuleHandle module = LoadedModule(L"winhttp.dll");
     if (!module) {
         // Nothing here imports it. As a data file it runs no code and still yields its message table.
-        module.reset(
+        module.Reset(
             LoadLibraryExW(L"winhttp.dll", nullptr,
                            LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE | LOAD_LIBRARY_SEARCH_SYSTEM32));
     }
@@ -77,7 +72,7 @@ std::string FormatSystemMessage(DWORD sources, HMODULE module, std::uint32_t cod
     const DWORD length =
         FormatMessageA(sources | FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS, module, code,
                        MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<char*>(&text), 0, nullptr);
-    const std::unique_ptr<char, FreeLocal> buffer(text);
+    const Util::LocalMemory buffer(text);
     const std::string_view ansi = WithoutTrailingBlanks({text, length});
     if (ansi.empty()) {
         return {};
@@ -93,6 +88,20 @@ std::string FormatSystemMessage(DWORD sources, HMODULE module, std::uint32_t cod
     return utf8;
 }
 
+// What is converted of a text. The system's conversions take and return lengths as int, and a character takes up to
+// three bytes of UTF-8.
+int ConvertibleLength(std::size_t length) {
+    return static_cast<int>(std::min<std::size_t>(length, std::numeric_limits<int>::max() / 3));
+}
+
+// The text that `convert(buffer, capacity)` makes, which returns its length, also without a buffer.
+template <class Text, class Convert>
+Text Converted(const Convert& convert) {
+    Text text(static_cast<std::size_t>(convert(nullptr, 0)), 0);
+    text.resize(static_cast<std::size_t>(convert(text.data(), static_cast<int>(text.size()))));
+    return text;
+}
+
 std::string OrUntranslated(std::string text, std::uint32_t code) {
     return text.empty() ? fmt::format("Failed to translate Win32 error code: {}", code) : std::move(text);
 }
@@ -100,28 +109,24 @@ std::string OrUntranslated(std::string text, std::uint32_t code) {
 }  // namespace
 
 std::wstring Widen(std::string_view text, UINT codePage) {
-    const int length = MultiByteToWideChar(codePage, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring wide(static_cast<std::size_t>(length), L'\0');
-    wide.resize(static_cast<std::size_t>(
-        MultiByteToWideChar(codePage, 0, text.data(), static_cast<int>(text.size()), wide.data(), length)));
-    return wide;
+    return Converted<std::wstring>([&](wchar_t* buffer, int capacity) {
+        return MultiByteToWideChar(codePage, 0, text.data(), ConvertibleLength(text.size()), buffer, capacity);
+    });
 }
 
 std::string Narrow(std::wstring_view text) {
-    const int length =
-        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    std::string utf8(static_cast<std::size_t>(length), '\0');
-    utf8.resize(static_cast<std::size_t>(WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                                             utf8.data(), length, nullptr, nullptr)));
-    return utf8;
+    return Converted<std::string>([&](char* buffer, int capacity) {
+        return WideCharToMultiByte(CP_UTF8, 0, text.data(), ConvertibleLength(text.size()), buffer, capacity, nullptr,
+                                   nullptr);
+    });
 }
 
 std::string Win32Message(std::uint32_t code) {
     const LastErrorKeeper lastError;
     if (code >= firstWinHttpCode && code <= lastWinHttpCode) {
-        if (const Module module = WinHttpModule()) {
+        if (const ModuleHandle module = WinHttpModule()) {
             return OrUntranslated(
-                FormatSystemMessage(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_FROM_HMODULE, module.get(), code),
+                FormatSystemMessage(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_FROM_HMODULE, module.Get(), code),
                 code);
         }
     }
@@ -130,12 +135,12 @@ std::string Win32Message(std::uint32_t code) {
 
 std::string NtStatusMessage(std::uint32_t status) {
     const LastErrorKeeper lastError;
-    const Module module = LoadedModule(L"ntdll.dll");
+    const ModuleHandle module = LoadedModule(L"ntdll.dll");
     if (!module) {
         return "failed acquiring ntdll.dll handle";
     }
     // Not from the system's table as well: there a small status would find the text of an unrelated Win32 code.
-    return OrUntranslated(FormatSystemMessage(FORMAT_MESSAGE_FROM_HMODULE, module.get(), status), status);
+    return OrUntranslated(FormatSystemMessage(FORMAT_MESSAGE_FROM_HMODULE, module.Get(), status), status);
 }
 
 std::string ComMessage(std::int32_t result) {

@@ -37,10 +37,11 @@ template <class Fill>
     }
 }
 
-/// Text in a code page to UTF-16, faulty characters replaced. Empty, with GetLastError set, when that fails.
+/// Text in a code page to UTF-16, with U+FFFD in place of what is invalid. Empty, with GetLastError set, when that
+/// fails. Of more than 700 million characters only the first are converted.
 [[nodiscard]] std::wstring Widen(std::string_view text, UINT codePage = CP_UTF8);
 
-/// UTF-16 to UTF-8, faulty characters replaced. Empty, with GetLastError set, when that fails.
+/// UTF-16 to UTF-8, with U+FFFD in place of each unpaired surrogate; otherwise as Widen().
 [[nodiscard]] std::string Narrow(std::wstring_view text);
 
 }  // namespace Shared::Exception

@@ -3,10 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include "shared.util-functions.h"
-#include "shared.util-win32result.h"
 
 namespace Shared::Registry {
 
@@ -16,55 +16,24 @@ std::string FullName(HKEY parent, std::wstring_view path) {
     return fmt::format("{}\\{}", Util::ToUtf8Lossy(SuperkeyName(parent)), Util::ToUtf8Lossy(path));
 }
 
-// How often a value may outgrow its buffer between two calls before reading it is given up.
-constexpr int maxAttempts = 16;
-
-Util::Win32Result<std::size_t> TextSize(HKEY root, const wchar_t* subkey, const wchar_t* name, DWORD restriction) {
-    DWORD size = 0;
-    const LSTATUS status = RegGetValueW(root, subkey, name, restriction, nullptr, nullptr, &size);
-    if (status != ERROR_SUCCESS) {
-        return std::unexpected(static_cast<DWORD>(status));
-    }
-    return size;
+// A registry call for a text value.
+RegistryQuery TextQuery(HKEY root, const wchar_t* subkey, const wchar_t* name, DWORD restriction) {
+    return
+        [=](void* buffer, DWORD* size) { return RegGetValueW(root, subkey, name, restriction, nullptr, buffer, size); };
 }
 
-// All characters of a text value, terminators included.
-Util::Win32Result<std::wstring> ReadText(HKEY root, const wchar_t* subkey, const wchar_t* name, DWORD restriction,
-                                         std::size_t size) {
-    for (int attempt = 0; attempt < maxAttempts; ++attempt) {
-        // Never an empty buffer, which would turn the call into another query for the size. The spare characters are
-        // for an odd byte and for the terminators that the call adds to a value without them.
-        std::wstring buffer((size / sizeof(wchar_t)) + 3, L'\0');
-        auto bytes = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
-        const LSTATUS status = RegGetValueW(root, subkey, name, restriction, nullptr, buffer.data(), &bytes);
-        if (status == ERROR_SUCCESS) {
-            buffer.resize(std::min(buffer.size(), bytes / sizeof(wchar_t)));
-            return buffer;
-        }
-        if (status != ERROR_MORE_DATA) {
-            return std::unexpected(static_cast<DWORD>(status));
-        }
-        size = std::max<std::size_t>(size * 2, bytes);
-    }
-    return std::unexpected<DWORD>(ERROR_MORE_DATA);
-}
-
-std::wstring ReadValue(HKEY root, std::wstring_view subkey, std::wstring_view name, DWORD restriction,
-                       std::wstring_view failure, const std::source_location& location) {
+std::vector<std::byte> ReadText(HKEY root, std::wstring_view subkey, std::wstring_view name, DWORD restriction,
+                                std::wstring_view failure, const std::source_location& location) {
     if (root == nullptr) {
         throw Exception::InvalidArgumentException("key cannot be null", location);
     }
     const std::wstring path(subkey);
     const std::wstring value(name);
-    const auto size = TextSize(root, path.c_str(), value.c_str(), restriction);
-    if (!size) {
-        ThrowRegError(size.error(), failure, root, subkey, name, location);
+    auto data = ReadGrowing(TextQuery(root, path.c_str(), value.c_str(), restriction));
+    if (!data) {
+        ThrowRegError(data.error(), failure, root, subkey, name, location);
     }
-    auto text = ReadText(root, path.c_str(), value.c_str(), restriction, *size);
-    if (!text) {
-        ThrowRegError(text.error(), failure, root, subkey, name, location);
-    }
-    return *std::move(text);
+    return *std::move(data);
 }
 
 }  // namespace
@@ -106,38 +75,78 @@ std::wstring RegGetDefault(HKEY key) {
     if (key == nullptr) {
         throw Exception::InvalidArgumentException("key cannot be null");
     }
-    const auto size = TextSize(key, nullptr, nullptr, RRF_RT_REG_SZ);
-    if (!size || *size == 0) {
+    const RegistryQuery query = TextQuery(key, nullptr, nullptr, RRF_RT_REG_SZ);
+    if (DWORD size = 0; query(nullptr, &size) != ERROR_SUCCESS || size == 0) {
         return L"(value not set)";
     }
-    auto text = ReadText(key, nullptr, nullptr, RRF_RT_REG_SZ, *size);
-    if (!text) {
-        ThrowRegError(text.error(), L"Cannot read default string from registry", key, L"", L"(default)");
+    const auto data = ReadGrowing(query);
+    if (!data) {
+        ThrowRegError(data.error(), L"Cannot read default string from registry", key, L"", L"(default)");
     }
+    std::wstring text(data->size() / sizeof(wchar_t), L'\0');
+    std::memcpy(text.data(), data->data(), text.size() * sizeof(wchar_t));
     // The call adds a terminator where the value lacks one, but not every system counts an added one.
-    if (text->ends_with(L'\0')) {
-        text->pop_back();
+    if (text.ends_with(L'\0')) {
+        text.pop_back();
     }
-    return *std::move(text);
-}
-
-std::wstring RegGetString(HKEY root, std::wstring_view subkey, std::wstring_view name) {
-    std::wstring text = ReadValue(root, subkey, name, RRF_RT_REG_SZ, L"Cannot read string from registry",
-                                  std::source_location::current());
-    text.resize(std::min(text.find(L'\0'), text.size()));
     return text;
 }
 
+std::wstring RegGetString(HKEY root, std::wstring_view subkey, std::wstring_view name) {
+    return FirstText(ReadText(root, subkey, name, RRF_RT_REG_SZ, L"Cannot read string from registry",
+                              std::source_location::current()));
+}
+
 std::vector<std::wstring> RegGetMultiString(HKEY root, std::wstring_view subkey, std::wstring_view name) {
-    const std::wstring text = ReadValue(root, subkey, name, RRF_RT_REG_MULTI_SZ, L"Cannot read MULTI_SZ from registry",
-                                        std::source_location::current());
-    std::vector<std::wstring> strings;
-    for (std::size_t start = 0; start < text.size();) {
-        const std::size_t end = std::min(text.find(L'\0', start), text.size());
-        strings.push_back(text.substr(start, end - start));
-        start = end + 1;
+    return Texts(ReadText(root, subkey, name, RRF_RT_REG_MULTI_SZ, L"Cannot read MULTI_SZ from registry",
+                          std::source_location::current()));
+}
+
+Util::Win32Result<std::vector<std::byte>> ReadGrowing(const RegistryQuery& query) {
+    constexpr int maxAttempts = 16;
+    DWORD size = 0;
+    LSTATUS status = query(nullptr, &size);
+    for (int attempt = 0; attempt < maxAttempts && (status == ERROR_SUCCESS || status == ERROR_MORE_DATA); ++attempt) {
+        // The spare bytes are for an odd byte and the terminators that the call adds to a text without them. They also
+        // keep the buffer from being empty, which would turn the call into another query for the size.
+        std::vector<std::byte> data(std::size_t{size} + 8);
+        const DWORD asked = size;
+        size = static_cast<DWORD>(data.size());
+        status = query(data.data(), &size);
+        if (status == ERROR_SUCCESS) {
+            data.resize(std::min<std::size_t>(size, data.size()));
+            return data;
+        }
+        size = std::max(size, asked * 2);
     }
-    return strings;
+    return std::unexpected(static_cast<DWORD>(status));
+}
+
+std::wstring FirstText(std::span<const std::byte> data) {
+    std::wstring text;
+    for (wchar_t unit = 0; data.size() >= sizeof unit; data = data.subspan(sizeof unit)) {
+        std::memcpy(&unit, data.data(), sizeof unit);
+        if (unit == 0) {
+            break;
+        }
+        text += unit;
+    }
+    return text;
+}
+
+std::vector<std::wstring> Texts(std::span<const std::byte> data) {
+    std::vector<std::wstring> texts;
+    while (data.size() >= sizeof(wchar_t)) {
+        const std::wstring& text = texts.emplace_back(FirstText(data));
+        data = data.subspan(std::min(data.size(), (text.size() + 1) * sizeof(wchar_t)));
+    }
+    return texts;
+}
+
+std::uint32_t Number(std::span<const std::byte> data) noexcept {
+    std::uint32_t number = 0;
+    std::memcpy(&number, data.data(), std::min(sizeof number, data.size()));
+    return number;
 }
 
 void ThrowRegError(std::uint32_t code, std::wstring_view message, HKEY key, std::wstring_view subkey,

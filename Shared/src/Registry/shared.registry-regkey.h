@@ -5,8 +5,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <expected>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "shared.util-handle.h"
 
 namespace Shared::Registry {
 
@@ -30,15 +33,13 @@ struct RegKey {
     RegKey() noexcept = default;
     /// Throws InvalidArgumentException for a null root, otherwise what OpenKey throws.
     RegKey(HKEY rootKey, std::wstring path, std::uint32_t accessMask);
-    RegKey(RegKey&& other) noexcept;
-    RegKey& operator=(RegKey&& other) noexcept;
-    RegKey(const RegKey&) = delete;
-    RegKey& operator=(const RegKey&) = delete;
-    ~RegKey();
 
     /// As the constructor; a failure is logged as a warning and its text returned.
     [[nodiscard]] static std::expected<RegKey, std::string> Open(HKEY rootKey, const std::wstring& path,
                                                                  std::uint32_t accessMask) noexcept;
+
+    /// As the constructor, but none for a key that does not exist.
+    [[nodiscard]] static std::optional<RegKey> Find(HKEY rootKey, std::wstring path, std::uint32_t accessMask);
 
     /// The direct subkeys, open with the same access. Throws RuntimeException without a key, Win32Exception when the
     /// enumeration fails, and what OpenKey throws for a subkey that cannot be opened.
@@ -61,7 +62,7 @@ struct RegKey {
     /// list with a warning in the log.
     [[nodiscard]] std::vector<Value> GetAllValues() const noexcept;
 
-    HKEY handle = nullptr;
+    Util::RegistryHandle handle;
     std::uint32_t access = 0;
     /// The path below the root, without the root's name.
     std::wstring name;

@@ -3,16 +3,19 @@
 #include <windows.h>
 
 #include <knownfolders.h>
-#include <objbase.h>
 #include <shlobj.h>
 #include <userenv.h>
 
-#include <memory>
+#include <algorithm>
+#include <array>
 #include <string>
+#include <string_view>
 
 #include "shared.exception-guardedlog.h"
 #include "shared.exception.h"
+#include "shared.filesystem-scan.h"
 #include "shared.util-functions.h"
+#include "shared.util-handle.h"
 
 namespace Shared::System {
 
@@ -20,11 +23,11 @@ std::filesystem::path GetProgramDataPath() {
     PWSTR text = nullptr;
     const HRESULT result = SHGetKnownFolderPath(FOLDERID_ProgramData, 0, nullptr, &text);
     // The buffer is the caller's to free whether or not the call succeeds.
-    const std::unique_ptr<wchar_t, decltype(&CoTaskMemFree)> buffer(text, &CoTaskMemFree);
+    const Util::TaskMemory buffer(text);
     if (FAILED(result)) {
         throw Exception::ComException("SHGetKnownFolderPath() failed", result);
     }
-    std::filesystem::path path(buffer.get());
+    std::filesystem::path path(text);
     Exception::LogInfo("The ProgramData folder path is {}.", Util::ToUtf8Lossy(path));
     return path;
 }
@@ -48,6 +51,18 @@ std::filesystem::path GetUserProfilesDirectory() {
         throw Exception::RuntimeException("TryGetUserProfilesDirectory() failed.");
     }
     return text.c_str();
+}
+
+void ForEachUserProfile(const std::filesystem::path& profilesDirectory,
+                        const std::function<void(const std::filesystem::path&)>& visit) {
+    static constexpr std::array<std::wstring_view, 4> excludedNames{L"Public", L"Default", L"All Users",
+                                                                    L"Default User"};
+    FileSystem::DirectoryListing listing(profilesDirectory);
+    while (const auto* entry = listing.Next()) {
+        if (entry->IsDirectory() && std::ranges::find(excludedNames, entry->Name()) == excludedNames.end()) {
+            visit(entry->path);
+        }
+    }
 }
 
 }  // namespace Shared::System

@@ -2,9 +2,12 @@
 
 #include <windows.h>
 
+#include <combaseapi.h>
+
 #include <utility>
 
 #include "shared.exception-messages.h"
+#include "shared.exception-text.h"
 
 namespace Shared::Util {
 
@@ -35,9 +38,8 @@ public:
     void Reset(Value value = Kind::Invalid()) noexcept {
         Value old = std::exchange(value_, value);
         if (!Kind::IsNone(old)) {
-            const DWORD lastError = GetLastError();
+            const Exception::LastErrorKeeper lastError;
             Kind::Close(old);
-            SetLastError(lastError);
         }
     }
 
@@ -59,11 +61,24 @@ struct KernelHandleKind {
 struct FileHandleKind : KernelHandleKind {
     static HANDLE Invalid() noexcept { return INVALID_HANDLE_VALUE; }
 };
-struct LocalMemoryKind {
-    using Value = void*;
-    static void* Invalid() noexcept { return nullptr; }
-    static bool IsNone(const void* memory) noexcept { return memory == nullptr; }
+/// Of what null means none.
+template <class T>
+struct PointerKind {
+    using Value = T;
+    static T Invalid() noexcept { return nullptr; }
+    static bool IsNone(T value) noexcept { return value == nullptr; }
+};
+struct LocalMemoryKind : PointerKind<void*> {
     static void Close(void* memory) noexcept { LocalFree(memory); }
+};
+struct TaskMemoryKind : PointerKind<void*> {
+    static void Close(void* memory) noexcept { CoTaskMemFree(memory); }
+};
+struct ModuleKind : PointerKind<HMODULE> {
+    static void Close(HMODULE module) noexcept { FreeLibrary(module); }
+};
+struct RegistryKeyKind : PointerKind<HKEY> {
+    static void Close(HKEY key) noexcept { RegCloseKey(key); }
 };
 
 /// Processes, threads, events, jobs, tokens: null means none.
@@ -72,5 +87,11 @@ using KernelHandle = UniqueHandle<KernelHandleKind>;
 using FileHandle = UniqueHandle<FileHandleKind>;
 /// What the system allocates with LocalAlloc for its caller.
 using LocalMemory = UniqueHandle<LocalMemoryKind>;
+/// What the system allocates with CoTaskMemAlloc for its caller.
+using TaskMemory = UniqueHandle<TaskMemoryKind>;
+/// Libraries.
+using ModuleHandle = UniqueHandle<ModuleKind>;
+/// Registry keys that this process has opened.
+using RegistryHandle = UniqueHandle<RegistryKeyKind>;
 
 }  // namespace Shared::Util

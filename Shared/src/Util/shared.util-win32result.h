@@ -23,12 +23,4 @@ using Win32Result = std::expected<T, DWORD>;
     return {};
 }
 
-/// The result of a call that returns its code, ERROR_SUCCESS included.
-[[nodiscard]] inline Win32Result<void> ResultOfCode(DWORD code) noexcept {
-    if (code != ERROR_SUCCESS) {
-        return std::unexpected(code);
-    }
-    return {};
-}
-
 }  // namespace Shared::Util

@@ -2,23 +2,31 @@
 
 #include <windows.h>
 
+#include <fmt/format.h>
 #include <fmt/xchar.h>
 
+#include <cstdint>
 #include <iterator>
 #include <utility>
 #include <vector>
 
 #include "shared.concurrency-interrupt.h"
 #include "shared.filesystem-generatedfile.h"
+#include "shared.registry-regkey.h"
 #include "shared.util-functions.h"
 
 namespace AgentCore::Diagnostics::Collectors::Registry {
 
+namespace {
+
 using Shared::Registry::RegKey;
+using Shared::Util::ToUtf8Lossy;
+
+enum class Subkeys : std::uint8_t { Excluded, Included };
 
 std::wstring DumpKey(RegKey key, Subkeys subkeys) {
     std::wstring text;
-    // The keys still to be dumped, the next one last: the depth of the tree is unbounded.
+    // A stack instead of recursion: the tree may be arbitrarily deep.
     std::vector<RegKey> pending;
     pending.push_back(std::move(key));
     while (!pending.empty() && !Shared::Concurrency::IsInterrupted()) {
@@ -31,8 +39,7 @@ std::wstring DumpKey(RegKey key, Subkeys subkeys) {
         }
         text += fmt::format(L"[String] (Default) = {}\n", current.DefaultValue());
         for (const RegKey::Value& value : values) {
-            text += value.ToWide();
-            text += L'\n';
+            text += value.ToWide() + L'\n';
         }
         if (subkeys == Subkeys::Included) {
             auto children = current.Subkeys();
@@ -42,17 +49,46 @@ std::wstring DumpKey(RegKey key, Subkeys subkeys) {
     return text;
 }
 
-CollectorStatus ArchiveKeyDump(std::wstring_view keyPath, std::string_view fileName, Subkeys subkeys,
-                               const Destination& destination) {
-    RegKey key(HKEY_LOCAL_MACHINE, std::wstring(keyPath), KEY_READ);
-    const std::string text = Shared::Util::ConvertStringType(std::wstring_view(DumpKey(std::move(key), subkeys)));
+CollectorStatus ArchiveDump(RegKey key, std::string_view fileName, Subkeys subkeys, const Destination& destination) {
+    const std::string text = Shared::Util::ConvertStringType(DumpKey(std::move(key), subkeys));
     Shared::FileSystem::GeneratedFile file(Shared::Util::PathFromUtf8(fileName));
     file.WriteText(text);
     return destination.Add(file);
 }
 
+}  // namespace
+
+CollectorStatus CollectAgentKey(std::wstring_view keyPath, std::string_view fileName,
+                                const Destination& destination) noexcept {
+    return WithinBoundary(
+        [&] {
+            auto key = RegKey::Find(HKEY_LOCAL_MACHINE, std::wstring(keyPath), KEY_READ);
+            if (!key) {
+                return Unsuccessful(LogWarningAndReturn(
+                    fmt::format("Not dumping the AOXM registry key {} as it wasn't found.", ToUtf8Lossy(keyPath))));
+            }
+            return ArchiveDump(*std::move(key), fileName, Subkeys::Excluded, destination);
+        },
+        [&](std::string_view error) {
+            return LogWarningAndReturn(
+                fmt::format("Failed exporting AOXM registry key {}: {}", ToUtf8Lossy(keyPath), error));
+        });
+}
+
+CollectorStatus CollectAccessAgentKey(const Destination& destination) noexcept {
+    return WithinBoundary(
+        [&] {
+            return ArchiveDump(RegKey(HKEY_LOCAL_MACHINE, std::wstring(accessAgentKey), KEY_READ),
+                               "lumora-access-agent.txt", Subkeys::Included, destination);
+        },
+        [](std::string_view error) {
+            return LogWarningAndReturn(fmt::format("Failed exporting Lumora Access Agent key {}: {}",
+                                                   ToUtf8Lossy(std::wstring_view(accessAgentKey)), error));
+        });
+}
+
 std::string MachineKeyName(std::wstring_view keyPath) {
-    return fmt::format("HKLM\\{}", Shared::Util::ToUtf8Lossy(keyPath));
+    return fmt::format("HKLM\\{}", ToUtf8Lossy(keyPath));
 }
 
 }  // namespace AgentCore::Diagnostics::Collectors::Registry

@@ -4,11 +4,11 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <concepts>
+#include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <exception>
+#include <expected>
 #include <optional>
 #include <sstream>
 #include <string_view>
@@ -25,15 +25,31 @@ namespace AgentCore::Diagnostics::Collectors::Registry {
 
 namespace {
 
-using Shared::Registry::RegKey;
+using namespace Shared::Registry;
 using Shared::Util::ToUtf8Lossy;
 
 std::wstring BelowPortavo(std::wstring_view name) {
     return std::wstring(portavoKey) + std::wstring(name);
 }
 
-RegKey OpenToRead(std::wstring path) {
-    return {HKEY_LOCAL_MACHINE, std::move(path), KEY_READ};
+std::optional<RegKey> FindKey(std::wstring path) {
+    return RegKey::Find(HKEY_LOCAL_MACHINE, std::move(path), KEY_READ);
+}
+
+// What a query of a value returns, or nothing when the value or its key does not exist. Throws when it fails.
+template <class T>
+std::optional<T> Find(std::wstring keyPath, const std::wstring& name,
+                      std::expected<T, long> (RegKey::*query)(const std::wstring&) const noexcept) {
+    const auto key = FindKey(std::move(keyPath));
+    auto found = key ? ((*key).*query)(name) : std::unexpected(ERROR_FILE_NOT_FOUND);
+    if (found) {
+        return *std::move(found);
+    }
+    if (found.error() != ERROR_FILE_NOT_FOUND) {
+        throw Shared::Exception::Win32Exception(fmt::format("Cannot read the value {}", ToUtf8Lossy(name)),
+                                                static_cast<std::uint32_t>(found.error()));
+    }
+    return std::nullopt;
 }
 
 template <std::invocable Body>
@@ -48,69 +64,27 @@ void WriteSection(std::string_view failure, Body&& body) noexcept {
     }
 }
 
-// A value of a key. Writes the text for a value that does not exist, with its key or alone; throws when the value
-// cannot be read.
-std::optional<RegKey::Value> FindValue(std::ostream& report, std::wstring keyPath, const std::wstring& name,
-                                       std::string_view absent) {
-    try {
-        auto value = OpenToRead(std::move(keyPath)).GetRawValue(name);
-        if (value) {
-            return *std::move(value);
-        }
-        if (value.error() != ERROR_FILE_NOT_FOUND) {
-            throw Shared::Exception::Win32Exception(fmt::format("Cannot read the value {}", ToUtf8Lossy(name)),
-                                                    static_cast<std::uint32_t>(value.error()));
-        }
-    } catch (const Shared::Exception::NotFoundException&) {  // NOLINT(bugprone-empty-catch): as without the value
-    }
-    report << absent;
-    return std::nullopt;
-}
-
-bool KeyExists(const std::wstring& path) {
-    try {
-        static_cast<void>(OpenToRead(path));
-        return true;
-    } catch (const Shared::Exception::NotFoundException&) {
-        return false;
-    }
-}
-
-// The stored bytes as characters, without half a character at the end.
-std::wstring Characters(const std::vector<std::byte>& data) {
-    std::wstring text(data.size() / sizeof(wchar_t), L'\0');
-    if (!text.empty()) {
-        std::memcpy(text.data(), data.data(), text.size() * sizeof(wchar_t));
-    }
-    return text;
-}
-
 }  // namespace
 
 std::string ValueText(const RegKey::Value& value) {
     switch (value.type) {
-        case REG_SZ: {
-            const std::wstring text = Characters(value.data);
-            return ToUtf8Lossy(std::wstring_view(text).substr(0, text.find(L'\0')));
-        }
+        case REG_SZ:
+            return ToUtf8Lossy(FirstText(value.data));
         case REG_DWORD:
             if (!value.data.empty()) {
-                std::uint32_t number = 0;
-                std::memcpy(&number, value.data.data(), std::min(sizeof number, value.data.size()));
-                return fmt::to_string(number);
+                return fmt::to_string(Number(value.data));
             }
             break;
         case REG_MULTI_SZ: {
-            std::wstring text = Characters(value.data);
-            text.resize(text.find_last_not_of(L'\0') + 1);
-            std::string joined;
-            for (std::size_t start = 0; start < text.size();) {
-                const std::size_t end = std::min(text.find(L'\0', start), text.size());
-                joined += start == 0 ? "" : ", ";
-                joined += ToUtf8Lossy(std::wstring_view(text).substr(start, end - start));
-                start = end + 1;
+            auto texts = Texts(value.data);
+            while (!texts.empty() && texts.back().empty()) {
+                texts.pop_back();
             }
-            return joined;
+            std::string joined;
+            for (const std::wstring& text : texts) {
+                joined += ", " + ToUtf8Lossy(text);
+            }
+            return joined.erase(0, 2);
         }
         default:
             break;
@@ -122,12 +96,9 @@ void WriteCredentialProviderFilters(std::ostream& report) noexcept {
     WriteSection("Failed writing out Credential Provider Filters: {}", [&] {
         report << "Credential Provider Filters:\n";
         const std::wstring path(credentialProviderFiltersKey);
-        if (!KeyExists(path)) {
-            return;
-        }
-        const auto key = RegKey::Open(HKEY_LOCAL_MACHINE, path, KEY_READ);
+        const auto key = FindKey(path);
         if (!key) {
-            throw Shared::Exception::RuntimeException(fmt::format("Failed opening {}", ToUtf8Lossy(path)));
+            return;
         }
         for (const RegKey& filter : key->Subkeys()) {
             const std::wstring name = filter.name.substr(path.size() + 1);
@@ -140,20 +111,16 @@ void WriteCredentialProviderFilters(std::ostream& report) noexcept {
 void WriteLatestCP(std::ostream& report) noexcept {
     WriteSection("Failed writing out Latest CP: {}", [&] {
         report << "\nSSO cache:";
-        const auto size = OpenToRead(std::wstring(portavoKey)).GetValueSize(L"LatestCP");
-        if (!size && size.error() != ERROR_FILE_NOT_FOUND) {
-            throw Shared::Exception::Win32Exception("Cannot read the size of the value LatestCP",
-                                                    static_cast<std::uint32_t>(size.error()));
-        }
+        const auto size = Find(BelowPortavo(L""), L"LatestCP", &RegKey::GetValueSize);
         report << (size.value_or(0) != 0 ? "\nSSO cache is not empty.\n" : "\nSSO cache is empty.\n");
     });
 }
 
 void WritePreferredIP(std::ostream& report) noexcept {
     WriteSection("Failed writing out Preferred IP: {}", [&] {
-        const auto value =
-            FindValue(report, BelowPortavo(L"\\VqPVS"), L"PreferredIP", "\nPreferredIP is not present\n");
+        const auto value = Find(BelowPortavo(L"\\VqPVS"), L"PreferredIP", &RegKey::GetRawValue);
         if (!value) {
+            report << "\nPreferredIP is not present\n";
             return;
         }
         report << "\nPreferredIP:";
@@ -169,23 +136,16 @@ void WritePreferredIP(std::ostream& report) noexcept {
 
 void WritePrelogon(std::ostream& report) noexcept {
     WriteSection("Failed writing out PreLogon: {}", [&] {
-        const auto value =
-            FindValue(report, BelowPortavo(L"\\VqSetup"), L"Prelogon", "\nPrelogon value is not present\n");
-        if (value) {
-            report << "\nPrelogon:" << ValueText(*value);
-        }
+        const auto value = Find(BelowPortavo(L"\\VqSetup"), L"Prelogon", &RegKey::GetRawValue);
+        report << (value ? "\nPrelogon:" + ValueText(*value) : "\nPrelogon value is not present\n");
     });
 }
 
 void WriteCPGuid(std::ostream& report) noexcept {
     WriteSection("Failed writing out CP GUID: {}", [&] {
-        try {
-            const std::wstring guid = Shared::Registry::RegGetString(HKEY_LOCAL_MACHINE, portavoKey, L"wrap-cp-guid");
-            report << "\nWrap CP Guid:\n" << ToUtf8Lossy(guid);
-        } catch (const Shared::Registry::RegistryException& error) {
-            if (error.Code() != ERROR_FILE_NOT_FOUND) {
-                throw;
-            }
+        if (Find(BelowPortavo(L""), L"wrap-cp-guid", &RegKey::GetValueSize)) {
+            report << "\nWrap CP Guid:\n" << ToUtf8Lossy(RegGetString(HKEY_LOCAL_MACHINE, portavoKey, L"wrap-cp-guid"));
+        } else {
             report << "\nwrap-cp-guid value is not present.\n";
         }
     });
@@ -194,11 +154,8 @@ void WriteCPGuid(std::ostream& report) noexcept {
 void WriteSettings(std::ostream& report) noexcept {
     WriteSection("Failed writing out registry settings: {}", [&] {
         report << "\nSettings:\n";
-        const std::wstring path = BelowPortavo(L"\\Settings");
-        if (!KeyExists(path)) {
-            return;
-        }
-        for (const RegKey::Value& value : OpenToRead(path).GetAllValues()) {
+        const auto key = FindKey(BelowPortavo(L"\\Settings"));
+        for (const RegKey::Value& value : key ? key->GetAllValues() : std::vector<RegKey::Value>()) {
             report << fmt::format("{}={}\n", ToUtf8Lossy(value.name), ValueText(value));
         }
     });
@@ -208,7 +165,7 @@ CollectorStatus CollectPVRegistryValues(const Destination& destination) noexcept
     return WithinBoundary(
         [&] {
             try {
-                (void)OpenToRead(std::wstring(portavoKey));
+                (void)RegKey(HKEY_LOCAL_MACHINE, std::wstring(portavoKey), KEY_READ);
             } catch (const std::exception&) {
                 return Unsuccessful(fmt::format("Not dumping the Portavo key {} as it does not exist.",
                                                 ToUtf8Lossy(std::wstring_view(portavoKey))));

@@ -15,51 +15,34 @@ auto Fails(const char* text) {
 
 }  // namespace
 
-TEST(ConvertStringType, ValidTextGoesBothWays) {
-    const std::pair<std::wstring, std::string> table[] = {
-        {L"", ""},
-        {L"plain \\ text", "plain \\ text"},
-        {L"caf\u00E9 \u4E2D", "caf\xC3\xA9 \xE4\xB8\xAD"},
-        {L"\xD800\xDC00\xDBFF\xDFFF", "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"},
-        {L"\xFFFF\xE000", "\xEF\xBF\xBF\xEE\x80\x80"},
-        {std::wstring(L"a\0b", 3), std::string("a\0b", 3)},
-        {std::wstring(100000, L'x'), std::string(100000, 'x')},
-    };
-    for (const auto& [wide, utf8] : table) {
-        EXPECT_EQ(ConvertStringType(std::wstring_view(wide)), utf8);
-        EXPECT_EQ(ConvertStringType(std::string_view(utf8)), wide);
-        EXPECT_EQ(ToUtf8Lossy(wide), utf8);
-        EXPECT_EQ(ToUtf8Lossy(PathFromUtf8(utf8)), utf8);
-        EXPECT_EQ(SanitiseUtf8(utf8), utf8);
-    }
-}
-
-TEST(ConvertStringType, WhatIsInvalidFailsStrictlyAndIsReplacedLossily) {
+TEST(Conversions, ReplaceOrRefuseWhatIsInvalidAlone) {
     const std::string mark = "\xEF\xBF\xBD";
-    const std::pair<std::wstring, std::string> surrogates[] = {
-        {L"a\xD83D", "a" + mark},
-        {L"\xDFFFz", mark + "z"},
-        {L"\xD83D\xD83D\xDE00", mark + "\xF0\x9F\x98\x80"},
-        {L"\xDE00\xD83D", mark + mark},
+    const std::tuple<std::wstring, std::string, bool> texts[] = {
+        {L"", "", true},
+        {std::wstring(L"caf\u00E9\0\u4E2D\xFFFF\xE000", 8),
+         std::string("caf\xC3\xA9\0\xE4\xB8\xAD\xEF\xBF\xBF\xEE\x80\x80", 15), true},
+        {L"\xD800\xDC00\xDBFF\xDFFF", "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", true},
+        {std::wstring(100000, L'x'), std::string(100000, 'x'), true},
+        {L"a\xD83D", "a" + mark, false},
+        {L"\xDE00\xD83D\xD83D\xDE00z", mark + mark + "\xF0\x9F\x98\x80z", false},
     };
-    for (const auto& [wide, lossy] : surrogates) {
-        EXPECT_THAT([&] { (void)ConvertStringType(std::wstring_view(wide)); },
-                    Fails(": ConvertWStringToString(): WideCharToMultiByte() [1] failed --> "));
-        EXPECT_EQ(ToUtf8Lossy(wide), lossy);
+    for (const auto& [wide, utf8, isValid] : texts) {
+        EXPECT_EQ(ToUtf8Lossy(wide), utf8);
+        if (isValid) {
+            EXPECT_EQ(ConvertStringType(wide), utf8);
+            EXPECT_EQ(PathFromUtf8(utf8).native(), wide);
+            EXPECT_EQ(SanitiseUtf8(utf8), utf8);
+        } else {
+            EXPECT_THAT([&] { (void)ConvertStringType(wide); },
+                        Fails(": ConvertWStringToString(): WideCharToMultiByte() [1] failed --> "));
+        }
     }
-    const std::pair<std::string, std::string> sequences[] = {
-        {"a\x80z", "a" + mark + "z"},                                // stray continuation
-        {"\xC0\xAF", mark + mark},                                   // overlong
-        {"\xE2\x82", mark + mark},                                   // cut off
-        {"\xE2\x82\x41", mark + mark + "A"},                         // interrupted
-        {"\xED\xA0\x80", mark + mark + mark},                        // surrogate
-        {"\xF4\x90\x80\x80\xF5", mark + mark + mark + mark + mark},  // beyond U+10FFFF
-        {"caf\xE9", "caf" + mark},                                   // another code page
-    };
-    for (const auto& [bytes, valid] : sequences) {
-        EXPECT_THAT([&] { (void)ConvertStringType(std::string_view(bytes)); },
-                    Fails(": ConvertStringToWString(): MultiByteToWideChar() [1] failed --> "));
-        EXPECT_EQ(SanitiseUtf8(bytes), valid);
+    // A stray continuation, an overlong form, cut off ones, a surrogate, beyond U+10FFFF, another code page. How many
+    // marks each becomes is the system's choice.
+    for (const char* faulty :
+         {"\x80", "\xC0\xAF", "\xE2\x82", "\xF0\x9F\x98", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xE9"}) {
+        EXPECT_THAT(SanitiseUtf8("a" + std::string(faulty) + "zzz"),
+                    AllOf(testing::StartsWith("a" + mark), testing::EndsWith(mark + "zzz")));
     }
 }
 
