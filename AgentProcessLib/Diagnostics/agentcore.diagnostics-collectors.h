@@ -62,7 +62,7 @@ struct Destination {
 /// The collector of a function that takes no constants of its own.
 template <CollectorStatus (*collect)(const Destination&) noexcept, int Type>
 struct FunctionCollector {
-    static constexpr int type = Type;
+    static constexpr int diagnosticType = Type;
 
     [[nodiscard]] CollectorStatus Collect(const std::filesystem::path& archiveFolder,
                                           Shared::FileZip::ZipArchiveWrapper& zip) const noexcept {

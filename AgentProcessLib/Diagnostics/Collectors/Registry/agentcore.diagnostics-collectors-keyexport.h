@@ -35,7 +35,7 @@ enum class Subkeys : std::uint8_t { Excluded, Included };
 template <Shared::Util::FixedString FileName, Shared::Util::FixedString KeyPath, int Type>
 class AoxmRegistryKey {
 public:
-    static constexpr int type = Type;
+    static constexpr int diagnosticType = Type;
 
     CollectorStatus Collect(const std::filesystem::path& archiveFolder,
                             Shared::FileZip::ZipArchiveWrapper& zip) const noexcept {
@@ -59,7 +59,7 @@ public:
 template <int Type>
 class LumoraAccessAgentRegistryKey {
 public:
-    static constexpr int type = Type;
+    static constexpr int diagnosticType = Type;
     static constexpr Shared::Util::FixedString keyPath = L"SOFTWARE\\Velqor\\Lumora Access Agent";
 
     CollectorStatus Collect(const std::filesystem::path& archiveFolder,
