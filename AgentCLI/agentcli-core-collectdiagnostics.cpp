@@ -14,9 +14,8 @@
 #include "agentcli-core-archivemove.h"
 #include "agentcli-core-console.h"
 #include "agentcli-core-log.h"
-#include "agentcli-core-toolset.h"
 #include "agentcore.diagnostics-manifest.h"
-#include "agentcore.diagnostics-set.h"
+#include "agentcore.diagnostics-rows.h"
 #include "agentcore.diagnostics-sets.h"
 #include "shared.concurrency-interrupt.h"
 #include "shared.exception-guardedlog.h"
@@ -39,19 +38,17 @@ namespace {
 
 constexpr const wchar_t* archiveName = L"diagnostics.zip";
 
-// Other processes may create files of the name between the removal and the creation.
+// Twice: another process may create a file of the name between the removal and the creation.
 void OpenNew(ZipArchiveWrapper& zip) {
-    constexpr int attempts = 20;
-    for (int attempt = 1;; ++attempt) {
-        Shared::FileSystem::FreeName(zip.Path());
-        try {
-            zip.Open(ZipArchiveWrapper::Creation::New);
-            return;
-        } catch (const Shared::Exception::Win32Exception& error) {
-            if (error.Code() != ERROR_FILE_EXISTS || attempt == attempts) {
-                throw;
-            }
+    Shared::FileSystem::FreeName(zip.Path());
+    try {
+        zip.Open(ZipArchiveWrapper::Creation::New);
+    } catch (const Shared::Exception::Win32Exception& error) {
+        if (error.Code() != ERROR_FILE_EXISTS) {
+            throw;
         }
+        Shared::FileSystem::FreeName(zip.Path());
+        zip.Open(ZipArchiveWrapper::Creation::New);
     }
 }
 

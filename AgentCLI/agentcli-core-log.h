@@ -7,8 +7,13 @@
 namespace AgentCLI::Core {
 
 /// Makes the logger "default" on the rotating file "agent-cli.log" (10240 bytes, 1 rotated file) in the current
-/// directory, spdlog's default logger, at level info, flushed every 5 seconds; see LogSink. Its first line describes
-/// the process. Throws spdlog::spdlog_ex when the file cannot be opened.
+/// directory, spdlog's default logger, at level info, flushed every 5 seconds. Its first line describes the process.
+///
+/// At every opening, also at a rotation, the file is replaced by a private one with the last lines of its text, at most
+/// 10240 bytes. Of a link and of a file with a second hard link nothing is kept. When the file cannot be replaced or
+/// opened later, lines are dropped until it can be: that is tried every two seconds.
+///
+/// Throws spdlog::spdlog_ex when the file cannot be replaced, which leaves it as it is, or not be opened.
 void SetUpLog();
 
 /// The process-wide logger; null before SetUpLog.

@@ -575,12 +575,11 @@ class WorkingFolder(Case):
         self.assertTrue(rotated.read_bytes().startswith(b"xxx"))
         self.assert_heading(Archive(self.zip).text("agent-cli.log"))
         self.assertEqual(log.stat().st_mode & 0o007, 0)
-        # The first line of the run still fits, those behind it do not.
-        first = len(log.read_bytes().splitlines(True)[0])
-        log.write_bytes(b"x" * (10_240 - 2 * first - 30) + b"\r\n")
-        self.collect("-o")
-        self.assertIn(b" on Windows ", rotated.read_bytes())
-        self.assert_heading(Archive(self.zip).text("agent-cli.log"))
+        # Of a larger one the last whole lines are kept.
+        log.write_bytes(b"x" * 10_300 + b"\r\nkept\r\n")
+        self.collect("-o", on=FULL)
+        self.assert_heading(log.read_text(), "kept\n")
+        self.assertEqual(self.log().count(" on Windows "), 1)
 
     def assert_heading(self, log, before=""):
         self.assertRegex(log, rf"\A{before}\[.*\] \[default\] \[(info\] .*, |warning\] .*, not )elevated.*, "

@@ -1,4 +1,5 @@
-#include <string>
+#include <string_view>
+#include <vector>
 
 #include "agentcore.diagnostics-collectors-keyexport.h"
 #include "agentcore.diagnostics-collectors-pvregistryvalues.h"
@@ -25,26 +26,18 @@ constexpr const char* vpnClientSource =
     "HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Authentication\\Credential Provider Filters";
 
 template <class KeyCollector>
-CollectorRow Row(const std::string& source, std::wstring_view key) {
-    return {.type = KeyCollector::diagnosticType,
-            .name = source,
-            .origin = [key] { return MachineKeyName(key); },
-            .collectors = {AsRun<KeyCollector>()}};
-}
-
-template <class KeyCollector>
-CollectorRow Row(std::wstring_view key) {
-    return Row<KeyCollector>(Shared::Util::ConvertStringType(key), key);
+CollectorRow KeyRow(std::wstring_view key) {
+    return Row<KeyCollector>(Shared::Util::ConvertStringType(key), MachineKeyName(key));
 }
 
 }  // namespace
 
 std::vector<CollectorRow> ConfigurationSet() {
     return {
-        Row<VpnClient>(vpnClientSource, portavoKey),
-        Row<Agent>(oxmKey),
-        Row<AgentConfiguration>(oxmConfigKey),
-        Row<AccessAgent>(AccessAgent::keyPath),
+        Row<VpnClient>(vpnClientSource, MachineKeyName(portavoKey)),
+        KeyRow<Agent>(oxmKey),
+        KeyRow<AgentConfiguration>(oxmConfigKey),
+        KeyRow<AccessAgent>(AccessAgent::keyPath),
     };
 }
 

@@ -12,31 +12,8 @@
 
 namespace AgentCore::Diagnostics::FileRows {
 
-namespace {
-
-std::filesystem::path Below(const std::filesystem::path& profile, std::string_view relativePath) {
-    return profile / Shared::Util::PathFromUtf8(relativePath);
-}
-
-CollectorRow FailedListing(int type, std::string folder, std::string message) {
-    return {.type = type,
-            .name = "user profiles",
-            .origin = [folder = std::move(folder)] { return folder; },
-            .collectors = {[message = std::move(message)](const auto&, auto&) { return Unsuccessful(message); }}};
-}
-
-}  // namespace
-
 std::string JoinNames(std::initializer_list<std::string> names) {
     return fmt::format("{}", fmt::join(names.begin(), names.end(), ", "));
-}
-
-std::string UserFolderText(const std::filesystem::path& profile, std::string_view relativePath) {
-    return Shared::Util::ToUtf8Lossy(Below(profile, relativePath));
-}
-
-std::string UserFileFolderText(const std::filesystem::path& profile, std::string_view relativePath) {
-    return Shared::Util::ToUtf8Lossy(Below(profile, relativePath).parent_path());
 }
 
 std::vector<CollectorRow> WithUserRows(std::vector<CollectorRow> rows, int type,
@@ -49,8 +26,8 @@ std::vector<CollectorRow> WithUserRows(std::vector<CollectorRow> rows, int type,
             std::ranges::move(userRows(profile), std::back_inserter(rows));
         });
     } catch (const std::exception& error) {
-        rows.push_back(FailedListing(type, std::move(folder),
-                                     LogErrorAndReturn(fmt::format("User based collector failed: {}", error.what()))));
+        rows.push_back(MessageRow(type, "user profiles", std::move(folder),
+                                  LogErrorAndReturn(fmt::format("User based collector failed: {}", error.what()))));
     }
     return rows;
 }

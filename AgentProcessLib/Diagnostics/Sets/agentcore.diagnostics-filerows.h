@@ -9,7 +9,7 @@
 #include "agentcore.diagnostics-collectors-extensioncopier.h"
 #include "agentcore.diagnostics-collectors-filecopier.h"
 #include "agentcore.diagnostics-collectors-userfilecopier.h"
-#include "agentcore.diagnostics-set.h"
+#include "agentcore.diagnostics-rows.h"
 #include "shared.util-fixedstring.h"
 #include "shared.util-functions.h"
 
@@ -27,13 +27,11 @@ struct Of {
     using Tree = Collectors::FileSystem::ExtensionCopier<folder, extension, "", true, type>;
     template <Shared::Util::FixedString relativePath>
     using UserFile = Collectors::FileSystem::UserFileCopier<relativePath, type>;
+    template <Shared::Util::FixedString relativePath>
+    using UserFolder = Collectors::FileSystem::UserFileCopier<relativePath, type>;
 };
 
 [[nodiscard]] std::string JoinNames(std::initializer_list<std::string> names);
-
-/// The path below a profile, as UTF-8, and the folder of the file at that path.
-[[nodiscard]] std::string UserFolderText(const std::filesystem::path& profile, std::string_view relativePath);
-[[nodiscard]] std::string UserFileFolderText(const std::filesystem::path& profile, std::string_view relativePath);
 
 /// The rows, followed by those that `userRows` makes for each profile folder of this machine. When the profile folders
 /// cannot be listed, or not to the end, a row "user profiles" of the type says so.
@@ -43,28 +41,22 @@ struct Of {
 /// A row of machine-wide collectors; its origin is the folder of the first.
 template <Collector First, Collector... Rest>
 [[nodiscard]] CollectorRow MachineRow() {
-    return {.type = First::diagnosticType,
-            .name = JoinNames({First::Name(), Rest::Name()...}),
-            .origin = &First::Origin,
-            .collectors = {AsRun<First>(), AsRun<Rest>()...}};
+    return Row<First, Rest...>(JoinNames({First::Name(), Rest::Name()...}), OriginFrom(&First::Origin));
 }
 
-/// A row of one user's files, which lie in one folder.
-template <Collector First, Collector... Rest>
-[[nodiscard]] CollectorRow UserFilesRow(const std::filesystem::path& profile) {
-    return {.type = First::diagnosticType,
-            .name = JoinNames({First::Name(), Rest::Name()...}),
-            .origin = [profile] { return UserFileFolderText(profile, First::RelativePath()); },
-            .collectors = {AsRun(First(profile)), AsRun(Rest(profile))...}};
-}
-
-/// A row of one user's folder.
+/// A row of one user's folder, which is its origin.
 template <Collector Folder>
 [[nodiscard]] CollectorRow UserFolderRow(const std::filesystem::path& profile) {
-    return {.type = Folder::diagnosticType,
-            .name = Folder::Name(),
-            .origin = [profile] { return UserFolderText(profile, Folder::RelativePath()); },
-            .collectors = {AsRun(Folder(profile))}};
+    const std::filesystem::path folder = profile / Shared::Util::PathFromUtf8(Folder::RelativePath());
+    return Row<Folder>(Folder::Name(), Shared::Util::ToUtf8Lossy(folder), profile);
+}
+
+/// A row of one user's files; its origin is the folder of the first.
+template <Collector First, Collector... Rest>
+[[nodiscard]] CollectorRow UserFilesRow(const std::filesystem::path& profile) {
+    const std::filesystem::path file = profile / Shared::Util::PathFromUtf8(First::RelativePath());
+    return Row<First, Rest...>(JoinNames({First::Name(), Rest::Name()...}),
+                               Shared::Util::ToUtf8Lossy(file.parent_path()), profile);
 }
 
 }  // namespace AgentCore::Diagnostics::FileRows

@@ -42,11 +42,11 @@ std::vector<CollectorRow> MachineRows() {
 
 std::vector<CollectorRow> UserRows(const std::filesystem::path& profile) {
     return {
-        UserFolderRow<Log::UserFile<R"(AppData\Local\Velqor\Lumora Access Agent\Logs)">>(profile),
+        UserFolderRow<Log::UserFolder<R"(AppData\Local\Velqor\Lumora Access Agent\Logs)">>(profile),
         UserFilesRow<Log::UserFile<R"(AppData\Local\Velqor\Portavo\VqPVA.log)">,
                      Log::UserFile<R"(AppData\Local\Velqor\Portavo\VqPVA.log.old)">>(profile),
-        UserFolderRow<Log::UserFile<R"(AppData\Local\Velqor\OXM\ViewpaneUI)">>(profile),
-        UserFolderRow<Log::UserFile<R"(AppData\Local\Velqor\OXM\Viewpane)">>(profile),
+        UserFolderRow<Log::UserFolder<R"(AppData\Local\Velqor\OXM\ViewpaneUI)">>(profile),
+        UserFolderRow<Log::UserFolder<R"(AppData\Local\Velqor\OXM\Viewpane)">>(profile),
     };
 }
 

@@ -10,24 +10,14 @@ namespace {
 
 template <Shared::Util::FixedString Command, Shared::Util::FixedString FileName>
 CollectorRow CommandRow() {
-    const auto text = [] { return Shared::Util::ToUtf8Lossy(std::wstring_view(Command)); };
-    return {.type = sampleType,
-            .name = text(),
-            .origin = text,
-            .collectors = {AsRun<Collectors::Cmd::CommandToFile<Command, FileName, sampleType>>()}};
-}
-
-CollectorRow TcpBindRow() {
-    using namespace Collectors::Registry;
-    return {.type = sampleType,
-            .name = TcpBindSource(),
-            .origin = &TcpBindKeyName,
-            .collectors = {AsRun<TcpBind<sampleType>>()}};
+    const std::string text = Shared::Util::ToUtf8Lossy(std::wstring_view(Command));
+    return Row<Collectors::Cmd::CommandToFile<Command, FileName, sampleType>>(text, text);
 }
 
 }  // namespace
 
 std::vector<CollectorRow> SampleSet() {
+    using namespace Collectors::Registry;
     return {
         CommandRow<L"route print", "RoutePrint.txt">(),
         CommandRow<L"ipconfig /all", "IpConfig.txt">(),
@@ -38,7 +28,7 @@ std::vector<CollectorRow> SampleSet() {
         CommandRow<L"wmic process list full", "ProcessInfo.txt">(),
         CommandRow<L"wmic service where state='running' list full", "ServiceInfo.txt">(),
         CommandRow<L"wmic sysdriver where state='running' list full", "DriverInfo.txt">(),
-        TcpBindRow(),
+        Row<TcpBind<sampleType>>(TcpBindSource(), TcpBindKeyName()),
     };
 }
 

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "agentcore.diagnostics-set.h"
+#include "agentcore.diagnostics-rows.h"
 
 // The collector sets: each function returns the table of a set's rows, in run order.
 
@@ -29,6 +29,12 @@ namespace AgentCore::Diagnostics {
 
 /// What the access agent's tool says about its state. A row's name is the arguments, its origin the command line.
 [[nodiscard]] std::vector<CollectorRow> ToolSet();
+
+/// ToolSet where the tool is installed, and nothing where the monitoring agent's registry record or the tool is
+/// missing. When the tool's path cannot be told, or when any user could have created the tool, one row says why it is
+/// not asked. Throws std::filesystem::filesystem_error of the operation "exists" when the tool's status cannot be
+/// queried.
+[[nodiscard]] std::vector<CollectorRow> InstalledToolSet();
 
 /// The machine's crash dumps, then two rows for each profile folder.
 [[nodiscard]] std::vector<CollectorRow> CrashReportSet();

@@ -10,6 +10,7 @@
 #include "shared.exception-messages.h"
 #include "shared.exception.h"
 #include "shared.filesystem-heldfile.h"
+#include "shared.filesystem-longpath.h"
 #include "shared.filesystem-privatefile.h"
 #include "shared.util-functions.h"
 
@@ -69,6 +70,17 @@ void GeneratedFile::WriteBytes(std::string_view bytes) {
         }
         bytes.remove_prefix(written);
     }
+}
+
+void GeneratedFile::RenameOver(const std::filesystem::path& path) {
+    file_.Reset();
+    const auto renamed = RetryWhileHeld([from = LongForm(path_), to = LongForm(path)] {
+        return Util::ResultOf(MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING));
+    });
+    if (!renamed) {
+        throw Exception::Win32Exception("Cannot replace the file " + Util::ToUtf8Lossy(path), renamed.error());
+    }
+    remover_.Release();
 }
 
 }  // namespace Shared::FileSystem

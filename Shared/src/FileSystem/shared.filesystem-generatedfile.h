@@ -27,6 +27,10 @@ public:
     /// Appends bytes as they are. Throws Win32Exception when the file cannot be written.
     void WriteBytes(std::string_view bytes);
 
+    /// Closes the file and gives it the name of an existing file or link to a file, which is removed. Destruction
+    /// leaves it there. Throws Win32Exception when the name cannot be had; what exists there stays.
+    void RenameOver(const std::filesystem::path& path);
+
     /// The name that the file was asked for, under which it is archived.
     [[nodiscard]] const std::filesystem::path& Name() const noexcept { return name_; }
     /// Where the file is.

@@ -5,8 +5,10 @@
 #include <sddl.h>
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <string>
+#include <utility>
 
 #include "shared.filesystem-longpath.h"
 
@@ -31,16 +33,14 @@ Util::Win32Result<std::wstring> RunningUser() {
     return text;
 }
 
-// Calls `create` with the attributes of what only its administrator may open.
-template <class Create>
-auto WithPrivateAttributes(Inheritance inheritance, const Create& create) -> decltype(create(nullptr)) {
-    const auto descriptor = PrivateDescriptor(inheritance);
-    if (!descriptor) {
-        return std::unexpected(descriptor.error());
-    }
-    SECURITY_ATTRIBUTES attributes{
-        .nLength = sizeof attributes, .lpSecurityDescriptor = descriptor->Get(), .bInheritHandle = FALSE};
-    return create(&attributes);
+SECURITY_ATTRIBUTES AttributesOf(const Util::LocalMemory& descriptor) {
+    return {.nLength = sizeof(SECURITY_ATTRIBUTES), .lpSecurityDescriptor = descriptor.Get(), .bInheritHandle = FALSE};
+}
+
+// No other call returns it, and other processes do not know it.
+std::filesystem::path UniquePath(const std::filesystem::path& start) {
+    static std::atomic<unsigned> number = 0;
+    return fmt::format(L"{}.{:x}-{:x}-{}.tmp", start.native(), GetCurrentProcessId(), GetTickCount64(), ++number);
 }
 
 }  // namespace
@@ -61,36 +61,43 @@ Util::Win32Result<Util::LocalMemory> PrivateDescriptor(Inheritance inheritance) 
 }
 
 Util::Win32Result<Util::FileHandle> CreatePrivateFile(const std::filesystem::path& path, DWORD access, DWORD sharing) {
-    return WithPrivateAttributes(
-        Inheritance::None, [&](SECURITY_ATTRIBUTES* attributes) -> Util::Win32Result<Util::FileHandle> {
-            Util::FileHandle file(CreateFileW(LongForm(path).c_str(), access, sharing, attributes, CREATE_NEW,
-                                              FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-            if (!file) {
-                return Util::LastError();
-            }
-            return file;
-        });
+    const auto descriptor = PrivateDescriptor(Inheritance::None);
+    if (!descriptor) {
+        return std::unexpected(descriptor.error());
+    }
+    SECURITY_ATTRIBUTES attributes = AttributesOf(*descriptor);
+    Util::FileHandle file(CreateFileW(LongForm(path).c_str(), access, sharing, &attributes, CREATE_NEW,
+                                      FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    if (!file) {
+        return Util::LastError();
+    }
+    return file;
 }
 
 Util::Win32Result<void> CreatePrivateFolder(const std::filesystem::path& path) {
-    return WithPrivateAttributes(Inheritance::Contents, [&](SECURITY_ATTRIBUTES* attributes) {
-        return Util::ResultOf(CreateDirectoryW(LongForm(path).c_str(), attributes));
-    });
+    const auto descriptor = PrivateDescriptor(Inheritance::Contents);
+    if (!descriptor) {
+        return std::unexpected(descriptor.error());
+    }
+    SECURITY_ATTRIBUTES attributes = AttributesOf(*descriptor);
+    return Util::ResultOf(CreateDirectoryW(LongForm(path).c_str(), &attributes));
 }
 
 Util::Win32Result<NamedFile> CreateUniqueFile(const std::filesystem::path& start, DWORD access, DWORD sharing) {
-    constexpr int attempts = 100;
-    for (int attempt = 1;; ++attempt) {
-        std::filesystem::path path =
-            fmt::format(L"{}.{:x}-{:x}-{}.tmp", start.native(), GetCurrentProcessId(), GetTickCount64(), attempt);
-        auto file = CreatePrivateFile(path, access, sharing);
-        if (file) {
-            return NamedFile{.path = std::move(path), .handle = *std::move(file)};
-        }
-        if (file.error() != ERROR_FILE_EXISTS || attempt == attempts) {
-            return std::unexpected(file.error());
-        }
+    std::filesystem::path path = UniquePath(start);
+    auto file = CreatePrivateFile(path, access, sharing);
+    if (!file) {
+        return std::unexpected(file.error());
     }
+    return NamedFile{.path = std::move(path), .handle = *std::move(file)};
+}
+
+Util::Win32Result<std::filesystem::path> CreateUniqueFolder(const std::filesystem::path& start) {
+    std::filesystem::path path = UniquePath(start);
+    if (const auto created = CreatePrivateFolder(path); !created) {
+        return std::unexpected(created.error());
+    }
+    return path;
 }
 
 }  // namespace Shared::FileSystem

@@ -8,8 +8,8 @@
 #include "shared.util-handle.h"
 #include "shared.util-win32result.h"
 
-// What this program creates is for its administrator: files and folders get a protected access list that gives full
-// access to SYSTEM, the Administrators, the running user and the owner, and none to other accounts.
+// Files and folders that this program creates get a protected access list: full access for SYSTEM, the Administrators,
+// the running user and the owner, none for other accounts.
 namespace Shared::FileSystem {
 
 /// Creates a file; ERROR_FILE_EXISTS when anything exists at the path, a link included.
@@ -30,8 +30,10 @@ struct NamedFile {
     Util::FileHandle handle;
 };
 
-/// Creates a file whose name no other file has: `start` followed by a process id, a time and a number.
+/// Create a file, or a folder, at a path at which nothing exists: `start` followed by a process id, a time and a
+/// number.
 [[nodiscard]] Util::Win32Result<NamedFile> CreateUniqueFile(const std::filesystem::path& start, DWORD access,
                                                             DWORD sharing);
+[[nodiscard]] Util::Win32Result<std::filesystem::path> CreateUniqueFolder(const std::filesystem::path& start);
 
 }  // namespace Shared::FileSystem

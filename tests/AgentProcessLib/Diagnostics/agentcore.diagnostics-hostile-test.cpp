@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "agentcore.diagnostics-collectors-commandtofile.h"
 #include "agentcore.diagnostics-manifest.h"
 #include "agentcore.diagnostics-sets.h"
 #include "diagnostics-test.h"
@@ -40,28 +39,14 @@ public:
         return {reinterpret_cast<const char*>(text.data()), (text.size() * 2) - (text.empty() ? 0 : Below(2))};
     }
 
-    std::string Bytes(std::size_t limit) {
-        static constexpr std::string_view pieces = "a\"\\\n\r\x7F\xC3\xA9\xED\xA0\x80\xF4\x90\xFF\xFE\xE2\x80\xA8</";
-        std::string bytes(Below(limit), '\0');
-        std::ranges::generate(
-            bytes, [&] { return Below(4) == 0 ? static_cast<char>(random_()) : pieces[Below(pieces.size())]; });
-        return bytes;
-    }
-
 private:
     std::mt19937 random_;
 };
 
 // What means something to a registry export or a report, and the halves of a character at the end.
 constexpr std::wstring_view textUnits{L"aa\\\\=\"{\r\n\0\x00e9\x7C20\xE000\xFFFF\xD83D\xDE00", 16};
-constexpr std::wstring_view pathUnits{L"\\\\:.. a\"&|\n\0/?*\xD800\xDC00\xFFFF", 18};
 constexpr std::wstring_view nameUnits = L"aab..  ~%$&';=\x00e9\x4e2d\xFF0E\xD83D\xDE00";
 constexpr std::wstring_view nameStarts[] = {L"", L"", L"", L"nul", L"con", L"aux.", L"COM1", L"."};
-
-std::wstring childSteps;
-std::wstring ChildCommand() {
-    return L'"' + TestSupport::ChildProgram().native() + L"\" " + childSteps;
-}
 
 std::vector<CollectorRow> Join(std::initializer_list<std::vector<CollectorRow>> sets) {
     std::vector<CollectorRow> rows;
@@ -96,25 +81,13 @@ protected:
         return messages;
     }
 
-    /// The output that a command's row has archived.
-    std::string Output() {
-        const std::string text = Text("DIAGNOSTIC_TYPE_SAMPLE_ALL_0/Output.txt").value_or("");
-        const std::size_t start = text.find("Output:\r\n") + 9;
-        return text.substr(start, text.size() - start - 2);
-    }
-
-    const std::vector<CollectorRow> command_{
-        {.type = sampleType,
-         .name = "command",
-         .origin = {},
-         .collectors = {AsRun<Collectors::Cmd::CommandToFile<&ChildCommand, "Output.txt", sampleType>>()}}};
     ::Diagnostics::DiagnosticResponse manifest_;
 };
 
 TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
     unsigned cases = 0;
     unsigned handles = 0;
-    for (unsigned round = 0; round < 20; ++round) {
+    for (unsigned round = 0; round < 6; ++round) {
         SCOPED_TRACE(round);
         Generator any(round);
         const TestSupport::ThrowAwayHive hive;
@@ -153,7 +126,7 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
                 mapped.emplace_back(CreateFileMappingW(made.Get(), nullptr, PAGE_READWRITE, 0, 10, nullptr));
             } else if (use == 1) {
                 CreateHardLinkW((root + L"link" + std::to_wstring(number)).c_str(), file.c_str(), nullptr);
-            } else if (use == 2 && round % 10 == 0) {  // each row waits a second
+            } else if (use == 2 && round == 0) {  // each row waits a second
                 locked.push_back(std::move(made));
             }
         }
@@ -173,61 +146,11 @@ TEST_F(HostileInput, AnyRegistryAndFileNamesAreArchivedOrNamed) {
         EXPECT_THAT(archived, testing::HasSubstr("/regval.txt"));
         locked.clear();
         mapped.clear();
-
-        for (int number = 0; number < 5; ++number, ++cases) {
-            hive.SetRaw(LR"(SOFTWARE\Velqor\OXM)", L"Path", any.Below(8) == 0 ? REG_MULTI_SZ : REG_SZ,
-                        (any.Below(3) == 0 ? "" : std::string("C\0:\0\\\0", 6)) +
-                            any.Stored(any.Below(10) == 0 ? 40000 : 20, pathUnits));
-            Run(Join({LogSet(), CrashReportSet(), {ToolSet().at(3)}}));
-        }
         // What is opened once for good is opened in the first round.
         handles = round == 0 ? TestSupport::HandleCount() : handles;
     }
     EXPECT_LE(TestSupport::HandleCount(), handles);
-    EXPECT_GT(cases, 2500U);
-}
-
-TEST_F(HostileInput, TextsOfAnyBytesComeOutAsUtf8) {
-    Generator any(99);
-    std::vector<CollectorRow> rows;
-    std::vector<std::vector<std::string>> messages(200, std::vector<std::string>(10));
-    for (auto& errors : messages) {
-        std::ranges::generate(errors, [&] { return any.Bytes(12); });
-        rows.push_back({.type = logType,
-                        .name = errors.front(),
-                        .origin = [&errors] { return errors.back(); },
-                        .collectors = {[&errors](const fs::path&, Shared::FileZip::ZipArchiveWrapper&) {
-                            CollectorStatus status;
-                            status.errors = errors;
-                            return status;
-                        }}});
-    }
-    // The manifest is read back as JSON, which takes valid UTF-8 alone.
-    Run(rows);
-    for (const auto& row : manifest_.diagnostics()) {
-        EXPECT_EQ(row.errors_size(), 10);
-        EXPECT_EQ(row.name(), row.errors(0));
-        EXPECT_EQ(row.origin(), row.errors(9));
-    }
-}
-
-TEST_F(HostileInput, OutputOfAnyBytesIsArchivedWhole) {
-    for (unsigned seed = 0; seed < 20; ++seed) {
-        std::mt19937 random(seed);
-        std::string noise(std::size_t{100} * seed, '\0');
-        std::ranges::generate(noise, [&] { return static_cast<char>(random()); });
-        childSteps = L"noise " + std::to_wstring(seed) + L' ' + std::to_wstring(noise.size());
-        Run(command_);
-        EXPECT_EQ(Output(), noise);
-    }
-    constexpr std::size_t floodSize = std::size_t{100} << 20U;
-    childSteps = L"line " + std::to_wstring(floodSize);
-    Run(command_);
-    const std::string flood = Output();
-    ASSERT_EQ(flood.size(), floodSize);
-    for (std::size_t index = 0; index < floodSize; index += 9973) {
-        ASSERT_EQ(static_cast<unsigned char>(flood[index]), index % 251 == '\n' ? 0 : index % 251);
-    }
+    EXPECT_GT(cases, 800U);
 }
 
 }  // namespace

@@ -32,6 +32,8 @@ template <auto Source, Shared::Util::FixedString FileName, int Type>
     requires CommandText<decltype(Source)> || CommandProvider<decltype(Source)>
 class CommandToFile {
 public:
+    static constexpr int diagnosticType = Type;
+
     [[nodiscard]] CollectorStatus Collect(const std::filesystem::path& archiveFolder,
                                           Shared::FileZip::ZipArchiveWrapper& zip) const noexcept {
         return CollectCommand(&CommandLine, FileName, {archiveFolder, zip});

@@ -3,7 +3,7 @@
 #include <stdexcept>
 
 #include "agentcore.diagnostics-manifest.h"
-#include "agentcore.diagnostics-set.h"
+#include "agentcore.diagnostics-rows.h"
 #include "diagnostics-test.h"
 
 namespace AgentCore::Diagnostics {
@@ -14,25 +14,9 @@ using Shared::FileZip::ZipArchiveWrapper;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-using SetTest = TestSupport::DiagnosticsTest;
+using RowsTest = TestSupport::DiagnosticsTest;
 
-TEST_F(SetTest, FoldersTakeTheFirstNumberThatNoNameContains) {
-    TestSupport::WriteFile(working_ / L"a.txt", "a");
-    const std::pair<const char*, const wchar_t*> steps[] = {
-        {"DIAGNOSTIC_TYPE_CRASH_REPORT_ALL_0/a", L"DIAGNOSTIC_TYPE_LOG_ALL_0"},
-        {"DIAGNOSTIC_TYPE_LOG_ALL_0/a", L"DIAGNOSTIC_TYPE_LOG_ALL_1"},
-        {"DIAGNOSTIC_TYPE_LOG_ALL_21/a", L"DIAGNOSTIC_TYPE_LOG_ALL_1"},
-        {"DIAGNOSTIC_TYPE_LOG_ALL_10/a", L"DIAGNOSTIC_TYPE_LOG_ALL_3"},
-        {"elsewhere/DIAGNOSTIC_TYPE_LOG_ALL_3", L"DIAGNOSTIC_TYPE_LOG_ALL_4"},
-        {"DIAGNOSTIC_TYPE_LOG_ALL_04/99999999999999999999", L"DIAGNOSTIC_TYPE_LOG_ALL_4"},
-    };
-    for (const auto& [entry, folder] : steps) {
-        ASSERT_TRUE(zip_.AddFile(entry, L"a.txt")) << entry;
-        EXPECT_EQ(UniqueEntryFolder(logType, zip_), folder) << entry;
-    }
-}
-
-TEST_F(SetTest, ARowIsOneStatusAndOneManifestEntryWhateverItsCollectorsSay) {
+TEST_F(RowsTest, ARowIsOneStatusAndOneManifestEntryWhateverItsCollectorsSay) {
     const auto says = [](bool success, std::string message) -> CollectorRow::Run {
         return [=](const std::filesystem::path&, ZipArchiveWrapper&) {
             CollectorStatus status = Unsuccessful(message);
@@ -44,7 +28,7 @@ TEST_F(SetTest, ARowIsOneStatusAndOneManifestEntryWhateverItsCollectorsSay) {
     const CollectorRow rows[] = {
         {.type = sampleType,
          .name = "first",
-         .origin = []() -> std::string { throw std::runtime_error("nowhere"); },
+         .origin = "\xFE",
          .collectors = {says(false, "one"), says(true, "not \xFF UTF-8"), says(false, "three")}},
         {.type = logType, .name = "second", .origin = {}, .collectors = {[](const auto&, auto&) -> CollectorStatus {
                                                               throw std::runtime_error("unruly");
@@ -60,6 +44,13 @@ TEST_F(SetTest, ARowIsOneStatusAndOneManifestEntryWhateverItsCollectorsSay) {
     const std::string manifest = Text("manifest.json").value_or("");
     EXPECT_THAT(manifest, HasSubstr("\"not \xEF\xBF\xBD UTF-8\""));
     EXPECT_LT(manifest.find("first"), manifest.find("second"));
+    EXPECT_TRUE(std::filesystem::is_empty(working_.Path()));
+}
+
+TEST_F(RowsTest, AManifestThatIsNotArchivedIsAFailure) {
+    ZipArchiveWrapper tooSmall(machine_ / L"small.zip", 1);
+    tooSmall.Open();
+    EXPECT_THROW(WriteManifest({}, tooSmall), std::runtime_error);
     EXPECT_TRUE(std::filesystem::is_empty(working_.Path()));
 }
 

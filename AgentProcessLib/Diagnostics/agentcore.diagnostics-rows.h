@@ -16,10 +16,9 @@ struct CollectorRow {
     using Run = std::function<CollectorStatus(const std::filesystem::path&, Shared::FileZip::ZipArchiveWrapper&)>;
 
     int type = 0;
-    /// The manifest's `name`.
+    /// The manifest's `name` and `origin`.
     std::string name;
-    /// Yields the manifest's `origin`; may throw, which leaves the field empty.
-    std::function<std::string()> origin;
+    std::string origin;
     /// Run in order into the row's folder, until the run is interrupted. The row succeeds when any of them does; their
     /// messages follow each other.
     std::vector<Run> collectors;
@@ -33,11 +32,26 @@ template <Collector T>
     };
 }
 
+/// A row of collectors of one type, each made from the arguments.
+template <Collector First, Collector... Rest, class... Arguments>
+[[nodiscard]] CollectorRow Row(const std::string& name, const std::string& origin, const Arguments&... arguments) {
+    return {.type = First::diagnosticType,
+            .name = name,
+            .origin = origin,
+            .collectors = {AsRun(First(arguments...)), AsRun(Rest(arguments...))...}};
+}
+
+/// A row that collects nothing and has one message.
+[[nodiscard]] CollectorRow MessageRow(int type, std::string name, std::string origin, std::string message);
+
+/// What the function returns; empty when it throws, which the row's collectors report.
+[[nodiscard]] std::string OriginFrom(const std::function<std::string()>& origin);
+
 /// The name of a diagnostic type, as it stands in archive folders.
 [[nodiscard]] const std::string& TypeName(int type);
 
 /// "{}_{}" of the type name and the first number such that no entry's name contains the candidate as a substring: an
-/// entry below number 10 also blocks number 1. One pass over the entries.
+/// entry below number 10 also blocks number 1.
 [[nodiscard]] std::filesystem::path UniqueEntryFolder(int type, const Shared::FileZip::ZipArchiveWrapper& zip);
 
 /// Runs one row in a fresh folder and fills its manifest record. Files that other processes hold cost the row at most a

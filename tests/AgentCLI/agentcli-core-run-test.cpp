@@ -1,0 +1,166 @@
+// Runs of the command in this process, with some of the system's functions watched, or failing. A program reaches a
+// DLL's function through the pointer "__imp_NAME": the definitions below take its place, in the libraries as well.
+
+#include <windows.h>
+
+#include <gmock/gmock.h>
+#include <sddl.h>
+#include <spdlog/spdlog.h>
+
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "agentcli-core-collectdiagnostics.h"
+#include "agentcli-core-log.h"
+#include "agentcore.diagnostics-rows.h"
+#include "shared.concurrency-childfolder.h"
+#include "shared.concurrency-interrupt.h"
+#include "shared.util-handle.h"
+#include "test-support.h"
+
+namespace {
+
+/// The names of new files that cannot be created contain it.
+std::wstring refused;
+/// The access lists of what is created, as SDDL.
+std::multiset<std::wstring> accessLists;
+PHANDLER_ROUTINE consoleHandler = nullptr;
+
+template <class F>
+F* Real(const char* function) {
+    return reinterpret_cast<F*>(reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32"), function)));
+}
+
+void Note(const SECURITY_ATTRIBUTES* attributes) {
+    LPWSTR text = nullptr;
+    if (attributes != nullptr &&
+        ConvertSecurityDescriptorToStringSecurityDescriptorW(attributes->lpSecurityDescriptor, SDDL_REVISION_1,
+                                                             DACL_SECURITY_INFORMATION, &text, nullptr) != FALSE) {
+        const Shared::Util::LocalMemory memory(text);
+        accessLists.insert(text);
+    } else {
+        accessLists.insert(L"none");
+    }
+}
+
+HANDLE WINAPI WatchedCreateFile(LPCWSTR path, DWORD access, DWORD sharing, LPSECURITY_ATTRIBUTES attributes,
+                                DWORD disposition, DWORD flags, HANDLE from) {
+    if (disposition != OPEN_EXISTING) {
+        Note(attributes);
+        if (!refused.empty() && std::wstring_view(path).contains(refused)) {
+            SetLastError(ERROR_DISK_FULL);
+            return INVALID_HANDLE_VALUE;
+        }
+    }
+    return Real<decltype(CreateFileW)>("CreateFileW")(path, access, sharing, attributes, disposition, flags, from);
+}
+
+BOOL WINAPI WatchedCreateDirectory(LPCWSTR path, LPSECURITY_ATTRIBUTES attributes) {
+    Note(attributes);
+    return Real<decltype(CreateDirectoryW)>("CreateDirectoryW")(path, attributes);
+}
+
+BOOL WINAPI WatchedHandler(PHANDLER_ROUTINE handler, BOOL) {
+    consoleHandler = handler;
+    return TRUE;
+}
+
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker asks for these names
+extern "C" {
+decltype(&CreateFileW) __imp_CreateFileW = &WatchedCreateFile;
+decltype(&CreateDirectoryW) __imp_CreateDirectoryW = &WatchedCreateDirectory;
+decltype(&SetConsoleCtrlHandler) __imp_SetConsoleCtrlHandler = &WatchedHandler;
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace AgentCLI::Core::Commands::Agent {
+
+namespace {
+
+using Shared::FileZip::ZipArchiveWrapper;
+using testing::HasSubstr;
+
+/// The program's log in a folder of its own, and a machine on which one key is archived.
+class RunTest : public testing::Test {
+protected:
+    RunTest() {
+        hive_.SetString(LR"(SOFTWARE\Velqor\OXM)", L"Name", L"value");
+        accessLists.clear();
+        SetUpLog();
+    }
+    ~RunTest() override {
+        refused.clear();
+        spdlog::set_default_logger(before_);
+        ProcessLogger().reset();
+    }
+
+    /// Collects the configuration; returns what is printed.
+    static std::string Collect() {
+        testing::internal::CaptureStdout();
+        try {
+            CollectDiagnostics::Run({.path = {}, .config = true});
+        } catch (const std::exception& error) {
+            return testing::internal::GetCapturedStdout() + "failed: " + error.what();
+        }
+        return testing::internal::GetCapturedStdout();
+    }
+
+    const TestSupport::WorkingFolder folder_;
+    const TestSupport::ThrowAwayHive hive_;
+    const std::shared_ptr<spdlog::logger> before_ = spdlog::default_logger();
+};
+
+TEST_F(RunTest, WhatItCreatesIsForItsAdministratorAlone) {
+    EXPECT_THAT(Collect(), testing::StartsWith("Diagnostics zip located at: "));
+    EXPECT_GE(accessLists.size(), 4U) << "the log, the archive, a text, the manifest";
+    const std::wregex file(LR"(D:P(\(A;;FA;;;(SY|BA|OW|S-1-5-21-[-0-9]+)\)){4})");
+    for (const std::wstring& list : accessLists) {
+        EXPECT_TRUE(std::regex_match(list, file)) << testing::PrintToString(list);
+    }
+    accessLists.clear();
+    const Shared::Concurrency::ChildFolder folder(LR"(\\server\share)");
+    ASSERT_EQ(accessLists.size(), 1U);
+    const std::wregex contents(LR"(D:P(\(A;OICI;FA;;;(SY|BA|OW|S-1-5-21-[-0-9]+)\)){4})");
+    EXPECT_TRUE(std::regex_match(*accessLists.begin(), contents)) << testing::PrintToString(*accessLists.begin());
+}
+
+TEST_F(RunTest, WithoutAManifestItFails) {
+    refused = L"manifest.json";
+    EXPECT_THAT(Collect(), testing::AllOf(testing::StartsWith("failed: "), HasSubstr("manifest.json")));
+}
+
+// The last one: an interruption stays.
+TEST(Interrupted, TheRestOfARowAndTheOtherRowsAreNotRun) {
+    using namespace AgentCore::Diagnostics;
+    const TestSupport::WorkingFolder folder;
+    ZipArchiveWrapper zip(L"out.zip");
+    zip.Open();
+    const Shared::Concurrency::InterruptWatch watch;
+    std::string ran;
+    const auto collector = [&ran](char name) -> CollectorRow::Run {
+        return [&ran, name](const auto&, auto&) {
+            ran += name;
+            if (name == 'b') {
+                consoleHandler(CTRL_C_EVENT);
+            }
+            return CollectorStatus{.success = true, .diagnostic = {}, .errors = {}};
+        };
+    };
+    const CollectorRow rows[] = {{.type = logType,
+                                  .name = "first",
+                                  .origin = {},
+                                  .collectors = {collector('a'), collector('b'), collector('c')}},
+                                 {.type = logType, .name = "second", .origin = {}, .collectors = {collector('d')}}};
+    const auto statuses = RunSet(rows, zip);
+    EXPECT_EQ(ran, "ab");
+    EXPECT_THAT(statuses.at(0).errors, testing::ElementsAre("Interrupted."));
+    EXPECT_THAT(statuses.at(1).errors, testing::ElementsAre("Not run: the collection was interrupted."));
+}
+
+}  // namespace
+
+}  // namespace AgentCLI::Core::Commands::Agent
