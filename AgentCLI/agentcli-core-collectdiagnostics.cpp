@@ -43,7 +43,7 @@ constexpr const wchar_t* archiveName = L"diagnostics.zip";
 void OpenNew(ZipArchiveWrapper& zip) {
     constexpr int attempts = 20;
     for (int attempt = 1;; ++attempt) {
-        Shared::FileSystem::FreeName(zip.Path());
+        Shared::FileSystem::RemoveOrThrow(zip.Path());
         try {
             zip.Open(ZipArchiveWrapper::Creation::New);
             return;
