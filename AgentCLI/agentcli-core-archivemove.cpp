@@ -96,7 +96,7 @@ void MoveArchive(ZipArchiveWrapper& zip, const fs::path& destination) {
         if (!copied) {
             ThrowCopyFailure(source, destination, copied.error());
         }
-        FreeName(source);
+        RemoveOrThrow(source);
     }
     zip.SetPath(destination);
     try {

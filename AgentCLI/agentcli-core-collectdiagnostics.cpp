@@ -40,14 +40,14 @@ constexpr const wchar_t* archiveName = L"diagnostics.zip";
 
 // Twice: another process may create a file of the name between the removal and the creation.
 void OpenNew(ZipArchiveWrapper& zip) {
-    Shared::FileSystem::FreeName(zip.Path());
+    Shared::FileSystem::RemoveOrThrow(zip.Path());
     try {
         zip.Open(ZipArchiveWrapper::Creation::New);
     } catch (const Shared::Exception::Win32Exception& error) {
         if (error.Code() != ERROR_FILE_EXISTS) {
             throw;
         }
-        Shared::FileSystem::FreeName(zip.Path());
+        Shared::FileSystem::RemoveOrThrow(zip.Path());
         zip.Open(ZipArchiveWrapper::Creation::New);
     }
 }

@@ -79,16 +79,22 @@ struct FunctionCollector {
                                             const std::source_location& where = std::source_location::current());
 [[nodiscard]] std::string LogWarningAndReturn(std::string message);
 
-/// The boundary of a collector: runs the body and turns an exception into the status whose one message is made by
-/// `describe(text of the exception)`. Never throws; without memory for a message the status has none.
-template <std::invocable Body, std::invocable<std::string_view> Describe>
+/// The boundary of a collector: runs the body. What `handle(text of the exception)` makes of an exception is the
+/// result: a status, or the one message of an unsuccessful status. Never throws; without memory the status has no
+/// message.
+template <std::invocable Body, std::invocable<std::string_view> Handle>
     requires std::same_as<std::invoke_result_t<Body>, CollectorStatus>
-[[nodiscard]] CollectorStatus WithinBoundary(Body&& body, Describe&& describe) noexcept {
+[[nodiscard]] CollectorStatus WithinBoundary(Body&& body, Handle&& handle) noexcept {
     try {
         try {
             return std::forward<Body>(body)();
         } catch (const std::exception& error) {
-            return Unsuccessful(std::forward<Describe>(describe)(std::string_view(error.what())));
+            auto handled = std::forward<Handle>(handle)(std::string_view(error.what()));
+            if constexpr (std::same_as<decltype(handled), CollectorStatus>) {
+                return handled;
+            } else {
+                return Unsuccessful(std::move(handled));
+            }
         }
     } catch (...) {
         return Unsuccessful();

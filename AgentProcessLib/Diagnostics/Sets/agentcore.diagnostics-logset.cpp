@@ -1,7 +1,6 @@
 #include "agentcore.diagnostics-filerows.h"
 #include "agentcore.diagnostics-sets.h"
 #include "shared.system-installpaths.h"
-#include "shared.util-fixedstring.h"
 
 namespace AgentCore::Diagnostics {
 
@@ -15,8 +14,6 @@ using Shared::PV::GetDlpLogPath;
 using Shared::PV::GetLumoraAccessAgentLogPath;
 using Shared::PV::GetPVInstallPath;
 using Log = FileRows::Of<logType>;
-
-constexpr Shared::Util::FixedString setupFolder = LR"(C:\WINDOWS\inf)";
 
 std::vector<CollectorRow> MachineRows() {
     return {
@@ -34,8 +31,8 @@ std::vector<CollectorRow> MachineRows() {
                    Log::File<GetLumoraAccessAgentLogPath, "LumoraAccessAgentLog.etl.005">>(),
         MachineRow<Log::Tree<GetDlpLogPath, ".txt">>(),
         MachineRow<Log::File<Logs::windowsFolder, "setupapi.log">>(),
-        MachineRow<Log::Files<setupFolder, ".log", "setupapi.dev">,  //
-                   Log::Files<setupFolder, ".log", "setupapi.app">>(),
+        MachineRow<Log::Files<Logs::setupFolder, ".log", "setupapi.dev">,  //
+                   Log::Files<Logs::setupFolder, ".log", "setupapi.app">>(),
         MachineRow<Log::File<Logs::system32Folder, "VqPlapApp.log">>(),
     };
 }

@@ -4,6 +4,8 @@
 #include <vector>
 
 #include "agentcore.diagnostics-rows.h"
+#include "shared.filesystem-sourcefolder.h"
+#include "shared.util-fixedstring.h"
 
 // The collector sets: each function returns the table of a set's rows, in run order.
 
@@ -12,8 +14,16 @@ namespace AgentCore::Diagnostics::Logs {
 /// Folders that are the same on every machine.
 inline constexpr auto windowsFolder = [] { return std::filesystem::path(LR"(C:\WINDOWS)"); };
 inline constexpr auto system32Folder = [] { return std::filesystem::path(LR"(C:\WINDOWS\system32)"); };
+inline constexpr Shared::Util::FixedString setupFolder = LR"(C:\WINDOWS\inf)";
 
 }  // namespace AgentCore::Diagnostics::Logs
+
+template <>
+struct Shared::FileSystem::TrustOf<AgentCore::Diagnostics::Logs::windowsFolder> : TrustedFolder {};
+template <>
+struct Shared::FileSystem::TrustOf<AgentCore::Diagnostics::Logs::system32Folder> : TrustedFolder {};
+template <>
+struct Shared::FileSystem::TrustOf<AgentCore::Diagnostics::Logs::setupFolder> : TrustedFolder {};
 
 namespace AgentCore::Diagnostics {
 

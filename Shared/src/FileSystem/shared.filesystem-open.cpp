@@ -16,11 +16,9 @@ constexpr ULONG openNoRecall = 0x00400000;
 
 }  // namespace
 
-Util::Win32Result<Util::FileHandle> OpenToQuery(const std::filesystem::path& path, Links links) {
-    const DWORD flags = FILE_FLAG_BACKUP_SEMANTICS |
-                        (links == Links::Open ? FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_OPEN_NO_RECALL : 0);
-    Util::FileHandle file(
-        CreateFileW(LongForm(path).c_str(), FILE_READ_ATTRIBUTES, shareAll, nullptr, OPEN_EXISTING, flags, nullptr));
+Util::Win32Result<Util::FileHandle> OpenTrusted(const std::filesystem::path& path, DWORD access) {
+    Util::FileHandle file(CreateFileW(LongForm(path).c_str(), access, shareContent, nullptr, OPEN_EXISTING,
+                                      FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     if (!file) {
         return Util::LastError();
     }

@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -15,13 +14,12 @@ namespace Shared::FileSystem {
 inline constexpr DWORD shareContent = FILE_SHARE_READ | FILE_SHARE_WRITE;
 inline constexpr DWORD shareAll = shareContent | FILE_SHARE_DELETE;
 
-enum class Links : std::uint8_t {
-    Follow,  ///< what a symbolic link or junction leads to is opened
-    Open     ///< the link itself is opened
-};
+/// Access to the attributes alone, which no sharing mode of other processes prevents.
+inline constexpr DWORD queryAccess = FILE_READ_ATTRIBUTES | SYNCHRONIZE;
 
-/// Opens a file or folder for its attributes only, which no sharing mode of other processes prevents.
-[[nodiscard]] Util::Win32Result<Util::FileHandle> OpenToQuery(const std::filesystem::path& path, Links links);
+/// Opens an existing file or folder at a path that only administrators can change, with shareContent: links are
+/// followed.
+[[nodiscard]] Util::Win32Result<Util::FileHandle> OpenTrusted(const std::filesystem::path& path, DWORD access);
 
 /// Opens a file or folder that an unprivileged user may have made, or replaced, so that the user can neither redirect
 /// nor delay the call: a link itself is opened, never its target; a file under an oplock does not make the call wait,

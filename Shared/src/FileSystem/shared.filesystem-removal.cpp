@@ -1,6 +1,5 @@
 #include "shared.filesystem-removal.h"
 
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -12,13 +11,11 @@
 #include "shared.filesystem-scan.h"
 #include "shared.filesystem-status.h"
 #include "shared.util-functions.h"
-#include "shared.util-handle.h"
 
 namespace Shared::FileSystem {
 
 namespace {
 
-using Util::FileHandle;
 using Util::Win32Result;
 
 constexpr ACCESS_MASK removalAccess = DELETE | FILE_READ_ATTRIBUTES | SYNCHRONIZE;
@@ -62,13 +59,13 @@ public:
         while (result && !levels_.empty()) {
             Level& level = levels_.back();
             if (level.names.empty()) {
-                result = Delete(level.folder.Get());
+                result = Delete(level.folder.Handle());
                 levels_.pop_back();
                 continue;
             }
             const std::wstring name = std::move(level.names.back());
             level.names.pop_back();
-            result = SucceedIfMissing(Remove(name, level.folder.Get()));
+            result = SucceedIfMissing(Remove(name, level.folder.Handle()));
         }
         return result;
     }
@@ -76,7 +73,7 @@ public:
 private:
     // An open folder on the way down, and what is still to be removed from it.
     struct Level {
-        FileHandle folder;
+        DirectoryListing folder;
         std::vector<std::wstring> names;
     };
 
@@ -90,17 +87,13 @@ private:
         if (!facts || facts->kind != FileKind::Directory || facts->isLink) {
             return Delete(entry->Get());
         }
-        Level level{.folder = *std::move(entry), .names = {}};
-        FolderReader reader(level.folder.Get());
-        for (;;) {
-            const auto found = reader.Next();
-            if (!found) {
-                return std::unexpected(found.error());
-            }
-            if (*found == nullptr) {
-                break;
-            }
-            level.names.emplace_back((*found)->FileName, (*found)->FileNameLength / sizeof(wchar_t));
+        Level level{.folder = {{}, *std::move(entry)}, .names = {}};
+        Win32Result<const DirectoryEntry*> found;
+        while ((found = level.folder.Next()) && *found != nullptr) {
+            level.names.emplace_back((*found)->Name());
+        }
+        if (!found) {
+            return std::unexpected(found.error());
         }
         levels_.push_back(std::move(level));
         return {};
@@ -115,24 +108,22 @@ Util::Win32Result<void> RemoveName(const std::filesystem::path& path) {
     return RemoveNative(NativeForm(path));
 }
 
-void FreeName(const std::filesystem::path& path) {
+void RemoveOrThrow(const std::filesystem::path& path) {
     if (const auto removed = RemoveName(path); !removed) {
         ThrowFileSystemError("remove", path, removed.error());
     }
 }
 
-FileObjectRemover::FileObjectRemover(std::filesystem::path path)
-    : path_(std::move(path)), name_(path_.empty() ? std::wstring() : NativeForm(path_)) {}
-
-FileObjectRemover::FileObjectRemover(FileObjectRemover&& other) noexcept
-    : path_(std::move(other.path_)), name_(std::exchange(other.name_, {})) {}
+FileObjectRemover::FileObjectRemover(std::filesystem::path path) {
+    if (!path.empty()) {
+        std::wstring name = NativeForm(path);
+        target_ = std::make_unique<Target>(Target{.path = std::move(path), .name = std::move(name)});
+    }
+}
 
 FileObjectRemover& FileObjectRemover::operator=(FileObjectRemover&& other) noexcept {
-    if (this != &other) {
-        Clear();
-        path_ = std::move(other.path_);
-        name_ = std::exchange(other.name_, {});
-    }
+    Clear();
+    target_ = std::move(other.target_);
     return *this;
 }
 
@@ -141,25 +132,21 @@ FileObjectRemover::~FileObjectRemover() {
 }
 
 void FileObjectRemover::Clear() noexcept {
-    const std::wstring name = std::exchange(name_, {});
-    if (name.empty()) {
+    const auto target = std::move(target_);
+    if (!target) {
         return;
     }
     try {
-        Win32Result<void> removed = RemoveNative(name);
+        Win32Result<void> removed = RemoveNative(target->name);
         if (!removed && removed.error() == ERROR_DIR_NOT_EMPTY) {
-            removed = TreeRemoval().Run(name);
+            removed = TreeRemoval().Run(target->name);
         }
         if (!removed) {
-            Exception::LogWarning("Failed removing file {}: {}", Util::ToUtf8Lossy(path_),
+            Exception::LogWarning("Failed removing file {}: {}", Util::ToUtf8Lossy(target->path),
                                   Exception::Win32Message(removed.error()));
         }
     } catch (...) {  // NOLINT(bugprone-empty-catch): without memory there is no message either
     }
-}
-
-void FileObjectRemover::Release() noexcept {
-    name_.clear();
 }
 
 }  // namespace Shared::FileSystem

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <filesystem>
+#include <memory>
 #include <string>
 
 #include "shared.util-win32result.h"
@@ -16,7 +17,7 @@ namespace Shared::FileSystem {
 [[nodiscard]] Util::Win32Result<void> RemoveName(const std::filesystem::path& path);
 
 /// As RemoveName; throws std::filesystem::filesystem_error of the operation "remove".
-void FreeName(const std::filesystem::path& path);
+void RemoveOrThrow(const std::filesystem::path& path);
 
 /// Holds at most one temporary file or folder and removes it when it is cleared or destroyed.
 class FileObjectRemover {
@@ -24,9 +25,7 @@ public:
     FileObjectRemover() = default;
     /// Throws Win32Exception when the path cannot be made absolute.
     explicit FileObjectRemover(std::filesystem::path path);
-    FileObjectRemover(const FileObjectRemover&) = delete;
-    FileObjectRemover& operator=(const FileObjectRemover&) = delete;
-    FileObjectRemover(FileObjectRemover&& other) noexcept;
+    FileObjectRemover(FileObjectRemover&& other) noexcept = default;
     FileObjectRemover& operator=(FileObjectRemover&& other) noexcept;
     ~FileObjectRemover();
 
@@ -36,12 +35,15 @@ public:
     void Clear() noexcept;
 
     /// Forgets the held path without removing it.
-    void Release() noexcept;
+    void Release() noexcept { target_.reset(); }
 
 private:
-    std::filesystem::path path_;
-    /// The path in its native form: removal neither converts nor allocates, but for the names in a folder.
-    std::wstring name_;
+    struct Target {
+        std::filesystem::path path;
+        /// The path in its native form: removal neither converts nor allocates, but for the names in a folder.
+        std::wstring name;
+    };
+    std::unique_ptr<Target> target_;
 };
 
 }  // namespace Shared::FileSystem

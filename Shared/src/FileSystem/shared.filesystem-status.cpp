@@ -36,36 +36,7 @@ std::filesystem::path WithoutFaults(const std::filesystem::path& path) {
     return Util::PathFromUtf8(Util::ToUtf8Lossy(path));
 }
 
-FileStatus StatusFrom(DWORD attributes, DWORD sizeHigh, DWORD sizeLow) {
-    if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-        return {.kind = FileKind::Directory};
-    }
-    if ((attributes & FILE_ATTRIBUTE_DEVICE) != 0) {
-        return {.kind = FileKind::Other};
-    }
-    return {.kind = FileKind::Regular, .size = (std::uint64_t{sizeHigh} << 32U) | sizeLow};
-}
-
 }  // namespace
-
-FileStatus QueryStatus(const std::filesystem::path& path, const char* operation) {
-    const auto failed = [&](DWORD code) {
-        return IsNotFound(code) ? FileStatus{} : (ThrowFileSystemError(operation, path, code), FileStatus{});
-    };
-    WIN32_FILE_ATTRIBUTE_DATA data{};
-    if (GetFileAttributesExW(LongForm(path).c_str(), GetFileExInfoStandard, &data) == FALSE) {
-        return failed(GetLastError());
-    }
-    if ((data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
-        return StatusFrom(data.dwFileAttributes, data.nFileSizeHigh, data.nFileSizeLow);
-    }
-    const auto target = OpenToQuery(path, Links::Follow);
-    BY_HANDLE_FILE_INFORMATION information{};
-    if (!target || GetFileInformationByHandle(target->Get(), &information) == FALSE) {
-        return failed(target ? GetLastError() : target.error());
-    }
-    return StatusFrom(information.dwFileAttributes, information.nFileSizeHigh, information.nFileSizeLow);
-}
 
 Util::Win32Result<FileFacts> FactsOf(HANDLE file) noexcept {
     FileFacts facts;
@@ -89,6 +60,27 @@ Util::Win32Result<FileFacts> FactsOf(HANDLE file) noexcept {
     }
     facts.links = information.nNumberOfLinks;
     return facts;
+}
+
+Util::Win32Result<FileFacts> FactsOfOnlyName(HANDLE file) noexcept {
+    auto facts = FactsOf(file);
+    if (facts && facts->isLink) {
+        return std::unexpected<DWORD>(ERROR_CANT_RESOLVE_FILENAME);
+    }
+    // Some file systems count a folder's subfolders as links.
+    if (facts && facts->kind == FileKind::Regular && facts->links > 1) {
+        return std::unexpected<DWORD>(ERROR_TOO_MANY_LINKS);
+    }
+    return facts;
+}
+
+FileFacts QueryStatus(const std::filesystem::path& path, const char* operation) {
+    const auto file = OpenTrusted(path, queryAccess);
+    const auto facts = file ? FactsOf(file->Get()) : std::unexpected(file.error());
+    if (!facts && !IsNotFound(facts.error())) {
+        ThrowFileSystemError(operation, path, facts.error());
+    }
+    return facts.value_or(FileFacts{.kind = FileKind::NotFound});
 }
 
 bool IsNotFound(DWORD code) noexcept {
@@ -122,21 +114,12 @@ bool IsStoredElsewhere(DWORD attributes) noexcept {
 }
 
 Util::Win32Result<void> CheckPlainFile(HANDLE file) noexcept {
-    const auto facts = FactsOf(file);
+    const auto facts = FactsOfOnlyName(file);
     if (!facts) {
         return std::unexpected(facts.error());
     }
-    if (facts->kind == FileKind::Other) {
-        return std::unexpected<DWORD>(ERROR_BAD_FILE_TYPE);
-    }
-    if (facts->isLink) {
-        return std::unexpected<DWORD>(ERROR_CANT_RESOLVE_FILENAME);
-    }
-    if (facts->kind == FileKind::Directory) {
-        return std::unexpected<DWORD>(ERROR_DIRECTORY);
-    }
-    if (facts->links > 1) {
-        return std::unexpected<DWORD>(ERROR_TOO_MANY_LINKS);
+    if (facts->kind != FileKind::Regular) {
+        return std::unexpected<DWORD>(facts->kind == FileKind::Directory ? ERROR_DIRECTORY : ERROR_BAD_FILE_TYPE);
     }
     return {};
 }
@@ -147,16 +130,16 @@ std::uint64_t SizeOf(HANDLE file) noexcept {
 }
 
 bool IsSameFile(const std::filesystem::path& left, const std::filesystem::path& right) {
-    const auto one = OpenToQuery(left, Links::Follow);
-    const auto other = OpenToQuery(right, Links::Follow);
+    const auto one = OpenTrusted(left, queryAccess);
+    const auto other = OpenTrusted(right, queryAccess);
     const auto finalPath = [](const auto& file) { return file ? FinalPath(file->Get()).value_or(L"") : L""; };
     const std::wstring path = finalPath(one);
     return !path.empty() && IsSameName(path, finalPath(other));
 }
 
-Util::Win32Result<std::wstring> FinalPath(HANDLE file, DWORD volumeNameForm) {
+Util::Win32Result<std::wstring> FinalPath(HANDLE file) {
     std::wstring path = Exception::TextOfAnyLength([&](wchar_t* buffer, DWORD size) {
-        return GetFinalPathNameByHandleW(file, buffer, size, FILE_NAME_NORMALIZED | volumeNameForm);
+        return GetFinalPathNameByHandleW(file, buffer, size, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
     });
     if (path.empty()) {
         return Util::LastError();

@@ -12,28 +12,11 @@
 
 namespace Shared::FileSystem {
 
-enum class FileKind : std::uint8_t {
-    NotFound,
-    Regular,
-    Directory,
-    OutsideFolder,  ///< of ConfinedFolder only: reached through a link, or a file with a hard link elsewhere
-    NotStoredHere,  ///< of ConfinedFolder only: a file whose content is offline or in the cloud
-    Other
-};
-
-struct FileStatus {
-    FileKind kind = FileKind::NotFound;
-    /// In bytes; 0 for what is not a regular file.
-    std::uint64_t size = 0;
-};
-
-/// What exists at a path of any length, links followed. Throws std::filesystem::filesystem_error, which names the
-/// operation, on any failure but "not found".
-[[nodiscard]] FileStatus QueryStatus(const std::filesystem::path& path, const char* operation);
+enum class FileKind : std::uint8_t { NotFound, Regular, Directory, Other };
 
 /// What one look at an open file or folder gives.
 struct FileFacts {
-    /// Regular, Directory, or Other for what is not on a disk; of the latter nothing else is known.
+    /// Other for what is not on a disk, of which nothing else is known.
     FileKind kind = FileKind::Other;
     /// Whether it is a symbolic link, a junction or a mount point; also true when that cannot be told.
     bool isLink = false;
@@ -48,6 +31,14 @@ struct FileFacts {
 /// The facts of an open file or folder, or the code of the query that failed. FAT and exFAT fail the query for the
 /// reparse tag, so it is asked for only where the attributes have the reparse bit.
 [[nodiscard]] Util::Win32Result<FileFacts> FactsOf(HANDLE file) noexcept;
+
+/// As FactsOf; fails with ERROR_CANT_RESOLVE_FILENAME for a link, and with ERROR_TOO_MANY_LINKS for a file with further
+/// hard links: what is written to it, or read from it, would be another file's.
+[[nodiscard]] Util::Win32Result<FileFacts> FactsOfOnlyName(HANDLE file) noexcept;
+
+/// The facts of what exists at a path of any length, links followed; the kind is NotFound when nothing does. Throws
+/// std::filesystem::filesystem_error of the operation on any other failure.
+[[nodiscard]] FileFacts QueryStatus(const std::filesystem::path& path, const char* operation);
 
 /// A file or folder that is held open, with the path at which it was opened.
 struct OpenedFile {
@@ -66,9 +57,8 @@ struct OpenedFile {
 /// Whether reading a file with these attributes would fetch its content from elsewhere: offline storage or a cloud.
 [[nodiscard]] bool IsStoredElsewhere(DWORD attributes) noexcept;
 
-/// Succeeds for a file on a disk that is no link and has no further hard links, so that what is written to it, or read
-/// from it, is that file alone. Otherwise ERROR_CANT_RESOLVE_FILENAME (link), ERROR_DIRECTORY, ERROR_TOO_MANY_LINKS
-/// (hard links), ERROR_BAD_FILE_TYPE (not on a disk), or the code of the query that failed.
+/// Succeeds for a file on a disk; fails as FactsOfOnlyName does, with ERROR_DIRECTORY for a folder, and with
+/// ERROR_BAD_FILE_TYPE for what is not on a disk.
 [[nodiscard]] Util::Win32Result<void> CheckPlainFile(HANDLE file) noexcept;
 
 /// The size of an open file in bytes; 0 when the query fails.
@@ -78,9 +68,8 @@ struct OpenedFile {
 /// one of them cannot be opened.
 [[nodiscard]] bool IsSameFile(const std::filesystem::path& left, const std::filesystem::path& right);
 
-/// The path of an open file with all links resolved, as a `\\?\` path. `volumeNameForm` is VOLUME_NAME_DOS or
-/// VOLUME_NAME_GUID.
-[[nodiscard]] Util::Win32Result<std::wstring> FinalPath(HANDLE file, DWORD volumeNameForm = VOLUME_NAME_DOS);
+/// The path of an open file with all links resolved, as a `\\?\` path.
+[[nodiscard]] Util::Win32Result<std::wstring> FinalPath(HANDLE file);
 
 /// Whether two names are one to the file system: equal without regard to case.
 [[nodiscard]] bool IsSameName(std::wstring_view left, std::wstring_view right) noexcept;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "shared.filesystem-removal.h"
+#include "shared.filesystem-status.h"
 #include "shared.filezip-archivefile.h"
 #include "shared.util-handle.h"
 #include "shared.util-win32result.h"
@@ -89,6 +90,12 @@ public:
     /// a name becomes "name (2).log", and so on.
     AddResult AddFileToFolder(const std::filesystem::path& entryFolder, const std::filesystem::path& source,
                               std::uint64_t maxSize = 0);
+
+    /// As AddFileToFolder, of a file that the caller has open for reading and keeps from being renamed.
+    AddResult AddFileToFolder(const std::filesystem::path& entryFolder, const FileSystem::OpenedFile& source,
+                              std::uint64_t maxSize = 0) {
+        return AddFileToFolder(entryFolder, source.path, maxSize);
+    }
 
     /// The entries of the open archive, in archive order.
     [[nodiscard]] std::vector<libzippp::ZipEntry> Entries() const;

@@ -13,7 +13,7 @@
 
 #include "shared.exception-guardedlog.h"
 #include "shared.exception.h"
-#include "shared.filesystem-scan.h"
+#include "shared.filesystem-sourcefolder.h"
 #include "shared.util-functions.h"
 #include "shared.util-handle.h"
 
@@ -57,12 +57,15 @@ void ForEachUserProfile(const std::filesystem::path& profilesDirectory,
                         const std::function<void(const std::filesystem::path&)>& visit) {
     static constexpr std::array<std::wstring_view, 4> excludedNames{L"Public", L"Default", L"All Users",
                                                                     L"Default User"};
-    FileSystem::DirectoryListing listing(profilesDirectory);
-    while (const auto* entry = listing.Next()) {
-        if (entry->IsDirectory() && std::ranges::find(excludedNames, entry->Name()) == excludedNames.end()) {
-            visit(entry->path);
-        }
-    }
+    const auto source = FileSystem::SourceFolder::Trusted(profilesDirectory);
+    FileSystem::ForEachEntry(
+        source, FileSystem::ListOrThrow(source.Path(), source.Open(source.Path())), FileSystem::Depth::Folder,
+        [&visit](const FileSystem::DirectoryEntry& entry) {
+            if (entry.IsDirectory() && std::ranges::find(excludedNames, entry.Name()) == excludedNames.end()) {
+                visit(entry.path);
+            }
+            return true;
+        });
 }
 
 }  // namespace Shared::System

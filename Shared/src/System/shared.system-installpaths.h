@@ -2,6 +2,8 @@
 
 #include <filesystem>
 
+#include "shared.filesystem-sourcefolder.h"
+
 // Where the monitoring agent and the products beside it keep their files. The install folders come from the registry:
 // Registry::RegistryException when the agent's key or value is not there, RuntimeException "The install path '{}' is
 // not absolute." when the value is relative to the current directory.
@@ -28,3 +30,22 @@ namespace Shared::PV {
 [[nodiscard]] std::filesystem::path GetDlpLogPath();
 
 }  // namespace Shared::PV
+
+namespace Shared::FileSystem {
+
+template <>
+struct TrustOf<&AppSettings::GetAoxmInstallPath> : TrustedFolder {};
+template <>
+struct TrustOf<&PV::GetPVInstallPath> : TrustedFolder {};
+/// By default every user may create files and folders below ProgramData, which these folders are three levels below.
+struct ProgramDataFolder {
+    [[nodiscard]] static SourceFolder Source(const std::filesystem::path& folder) {
+        return SourceFolder::Confined(folder.parent_path().parent_path().parent_path(), folder);
+    }
+};
+template <>
+struct TrustOf<&PV::GetLumoraAccessAgentLogPath> : ProgramDataFolder {};
+template <>
+struct TrustOf<&PV::GetDlpLogPath> : ProgramDataFolder {};
+
+}  // namespace Shared::FileSystem

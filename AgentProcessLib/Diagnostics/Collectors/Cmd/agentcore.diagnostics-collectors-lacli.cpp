@@ -45,7 +45,7 @@ CollectorStatus ExportAndAdd(const Destination& destination) {
     }
     const Shared::Concurrency::ChildFolder folder;
     const std::filesystem::path path = folder.Path() / rdnsFileName;
-    FreeName(path);
+    RemoveOrThrow(path);
     const FileObjectRemover remover(path);
     static_cast<void>(
         Shared::Concurrency::Execute<Shared::Concurrency::EmptyParser>(RdnsCommandLine(), commandTimeout, folder));

@@ -6,11 +6,9 @@
 #include <string>
 #include <string_view>
 
-#include "agentcore.diagnostics-collectors-filechecks.h"
-#include "agentcore.diagnostics-collectors-filecopier.h"
+#include "agentcore.diagnostics-collectors-copyjob.h"
 #include "agentcore.diagnostics-collectors.h"
 #include "shared.util-fixedstring.h"
-#include "shared.util-functions.h"
 
 namespace AgentCore::Diagnostics::Collectors::FileSystem {
 
@@ -30,7 +28,7 @@ struct ExtensionScan {
 /// Copies the files that match, by stem in byte order, each under its own name, until the archive folder holds
 /// `maxFilesPerRow`; one message counts the others. A subfolder that cannot be opened is a message. When the scan
 /// itself fails the status has no messages; the log has the reason.
-[[nodiscard]] CollectorStatus CopyByExtension(const SourceFolder& folder, const ExtensionScan& scan,
+[[nodiscard]] CollectorStatus CopyByExtension(SourceProvider provider, const ExtensionScan& scan,
                                               const Destination& destination) noexcept;
 
 /// The files of one extension, and optionally of one beginning of the name, in a folder or a tree.
@@ -40,11 +38,11 @@ struct ExtensionCopier {
     static constexpr int diagnosticType = type;
 
     [[nodiscard]] static std::string Name() { return std::string(namePrefix) + '*' + std::string(extension); }
-    [[nodiscard]] static std::string Origin() { return Shared::Util::ToUtf8Lossy(ResolveFolder<folder>()); }
+    [[nodiscard]] static std::string Origin() { return OriginOf<folder>(); }
 
     [[nodiscard]] CollectorStatus Collect(const std::filesystem::path& archiveFolder,
                                           Shared::FileZip::ZipArchiveWrapper& zip) const noexcept {
-        return CopyByExtension(sourceFolder<folder>,
+        return CopyByExtension(&SourceOf<folder>,
                                {.extension = extension,
                                 .namePrefix = namePrefix,
                                 .recursive = recursive,

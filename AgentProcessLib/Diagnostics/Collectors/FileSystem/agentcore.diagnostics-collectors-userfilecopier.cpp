@@ -10,21 +10,23 @@
 #include <tuple>
 #include <vector>
 
+#include "agentcore.diagnostics-collectors-filechecks.h"
 #include "shared.concurrency-interrupt.h"
-#include "shared.filesystem-confinedfolder.h"
-#include "shared.filesystem-scan.h"
 #include "shared.util-functions.h"
 
 namespace AgentCore::Diagnostics::Collectors::FileSystem {
 
 namespace {
 
-using Shared::FileSystem::ConfinedFolder;
+using Shared::Concurrency::IsInterrupted;
+using Shared::FileSystem::Depth;
 using Shared::FileSystem::DirectoryEntry;
+using Shared::FileSystem::DirectoryListing;
 using Shared::FileSystem::FileKind;
+using Shared::FileSystem::SourceFolder;
 using Shared::Util::ToUtf8Lossy;
 
-/// The most bytes that are taken of one user's folder.
+// The most bytes that are taken of one user's folder.
 constexpr std::uint64_t maxFolderSize = std::uint64_t{1} << 30U;
 
 std::string FailedCopying(const std::filesystem::path& file, const std::exception& error) {
@@ -32,7 +34,7 @@ std::string FailedCopying(const std::filesystem::path& file, const std::exceptio
         fmt::format("UserFileCopier failed copying the file {}: {}", ToUtf8Lossy(file), error.what()));
 }
 
-/// The files of a folder that are taken: the newest ones within the limits, in directory order.
+// The files of a folder that are taken: the newest ones within the limits, in directory order.
 class NewestFiles {
 public:
     explicit NewestFiles(std::uint64_t maxSize) : maxSize_(maxSize) {}
@@ -69,82 +71,83 @@ private:
     std::uint64_t maxSize_;
     std::size_t offered_ = 0;
     std::size_t left_ = 0;
-    /// Time of the last write, place in directory order, size, path.
+    // Time of the last write, place in directory order, size, path.
     std::set<std::tuple<std::int64_t, std::size_t, std::uint64_t, std::filesystem::path>> newest_;
 };
 
-/// Adds one file of a folder's listing; one that has been removed since needs no message.
-void CopyListed(const ConfinedFolder& profile, const std::filesystem::path& file, std::uint64_t maxSize,
-                const Destination& destination, CollectorStatus& status) {
-    try {
-        auto copied = CopyConfined(profile, file, maxSize, destination);
-        if (copied) {
-            status.success = status.success || copied->success;
-            std::ranges::move(copied->errors, std::back_inserter(status.errors));
-        } else if (copied.error().reason != CheckError::Reason::NotFound) {
-            status.errors.push_back(std::move(copied.error().message));
+// Copies the files of a folder; one that has been removed since it was listed needs no message.
+void CopyListed(const SourceFolder& folder, DirectoryListing listing, std::uint64_t maxSize, CopyJob& job) {
+    NewestFiles files(maxSize);
+    std::size_t subfolders = 0;
+    ForEachEntry(folder, std::move(listing), Depth::Folder, [&](const DirectoryEntry& entry) {
+        if (!entry.IsDirectory()) {
+            files.Offer(entry);
+        } else if (++subfolders <= maxFilesPerRow) {
+            job.AddMessage(NotRegular(entry.path).message);
         }
-    } catch (const std::exception& error) {
-        static_cast<void>(FailedCopying(file, error));
+        return !IsInterrupted();
+    });
+    for (const std::filesystem::path& file : files.Take()) {
+        if (IsInterrupted()) {
+            break;
+        }
+        try {
+            job.Copy(file, IfMissing::Ignore);
+        } catch (const std::exception& error) {
+            static_cast<void>(FailedCopying(file, error));
+        }
     }
+    job.Leave(files.Left());
 }
 
 }  // namespace
 
-CollectorStatus ProfileCopier::Collect(std::string_view relativePath, const Destination& destination) const noexcept {
+CollectorStatus ProfileCopier::Collect(const std::filesystem::path& archiveFolder,
+                                       Shared::FileZip::ZipArchiveWrapper& zip) const noexcept {
     return WithinBoundary(
         [&] {
-            const std::filesystem::path source = profile_ / Shared::Util::PathFromUtf8(relativePath);
-            const ConfinedFolder profile(profile_);
-            switch (profile.KindOf(profile.NameOf(source))) {
-                case FileKind::NotFound:
-                    return Unsuccessful();
-                case FileKind::Directory:
-                    return CopyDirectory(source, destination);
-                case FileKind::Other:
-                    return Unsuccessful(
-                        fmt::format("{} is neither a directory or a valid file to copy", ToUtf8Lossy(source)));
-                default:
-                    return CopyFile(source, destination);
+            const auto source = SourceFolder::Confined(profile_, profile_ / Shared::Util::PathFromUtf8(relativePath_));
+            auto found = source.Open(source.Path());
+            if (!found && Shared::FileSystem::IsNotFound(found.error())) {
+                return Unsuccessful();
             }
+            const FileKind kind = found ? found->opened.facts.kind : FileKind::Regular;
+            if (kind == FileKind::Other) {
+                return Unsuccessful(
+                    fmt::format("{} is neither a directory or a valid file to copy", ToUtf8Lossy(source.Path())));
+            }
+            CopyJob job(source, maxSize_, {archiveFolder, zip});
+            if (kind == FileKind::Directory) {
+                CopyListed(source, ListOrThrow(source.Path(), std::move(found)), maxSize_, job);
+            } else {
+                job.Copy(source.Path(), found, "exists");
+            }
+            return std::move(job).Status();
         },
         [](std::string_view reason) {
             return LogErrorAndReturn(fmt::format("User based collector failed: {}", reason));
         });
 }
 
-CollectorStatus ProfileCopier::CopyFile(const std::filesystem::path& source, const Destination& destination) const {
+CollectorStatus ProfileCopier::CopyFile(const std::filesystem::path& source, const std::filesystem::path& archiveFolder,
+                                        Shared::FileZip::ZipArchiveWrapper& zip) const {
     try {
-        auto copied = CopyConfined(ConfinedFolder(profile_), source, maxSize_, destination);
-        return copied ? *std::move(copied) : Unsuccessful(std::move(copied.error().message));
+        const auto folder = SourceFolder::Confined(profile_, source);
+        CopyJob job(folder, maxSize_, {archiveFolder, zip});
+        job.Copy(source, IfMissing::Report);
+        return std::move(job).Status();
     } catch (const std::exception& error) {
         return Unsuccessful(FailedCopying(source, error));
     }
 }
 
 CollectorStatus ProfileCopier::CopyDirectory(const std::filesystem::path& source,
-                                             const Destination& destination) const {
-    const ConfinedFolder profile(profile_);
-    CollectorStatus status;
-    NewestFiles files(maxSize_);
-    auto listing = profile.List(source);
-    while (const auto* entry = Shared::Concurrency::IsInterrupted() ? nullptr : listing.Next()) {
-        if (!entry->IsDirectory()) {
-            files.Offer(*entry);
-        } else if (status.errors.size() < maxFilesPerRow) {
-            status.errors.push_back(NotRegular(entry->path).message);
-        }
-    }
-    for (const std::filesystem::path& file : files.Take()) {
-        if (Shared::Concurrency::IsInterrupted()) {
-            break;
-        }
-        CopyListed(profile, file, maxSize_, destination, status);
-    }
-    if (files.Left() != 0) {
-        status.errors.push_back(FilesLeft(files.Left(), source));
-    }
-    return status;
+                                             const std::filesystem::path& archiveFolder,
+                                             Shared::FileZip::ZipArchiveWrapper& zip) const {
+    const auto folder = SourceFolder::Confined(profile_, source);
+    CopyJob job(folder, maxSize_, {archiveFolder, zip});
+    CopyListed(folder, ListOrThrow(source, folder.Open(source)), maxSize_, job);
+    return std::move(job).Status();
 }
 
 }  // namespace AgentCore::Diagnostics::Collectors::FileSystem

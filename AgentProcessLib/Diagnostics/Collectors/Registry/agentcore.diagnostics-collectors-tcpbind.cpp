@@ -44,7 +44,7 @@ CollectorStatus CollectTcpBind(const Destination& destination) noexcept {
             }
             const std::filesystem::path path = L"TcpipBind.txt";
             if (Shared::FileSystem::QueryStatus(path, "exists").kind != Shared::FileSystem::FileKind::NotFound) {
-                Shared::FileSystem::FreeName(path);
+                Shared::FileSystem::RemoveOrThrow(path);
             }
             Shared::FileSystem::GeneratedFile file(path);
             file.WriteText(text);

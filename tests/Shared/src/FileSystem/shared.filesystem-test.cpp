@@ -1,16 +1,14 @@
 #include <windows.h>
 
-#include <aclapi.h>
 #include <gmock/gmock.h>
 
+#include <functional>
 #include <set>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <utility>
 
 #include "shared.exception.h"
-#include "shared.filesystem-confinedfolder.h"
 #include "shared.filesystem-generatedfile.h"
 #include "shared.filesystem-heldfile.h"
 #include "shared.filesystem-longpath.h"
@@ -18,6 +16,7 @@
 #include "shared.filesystem-privatefile.h"
 #include "shared.filesystem-removal.h"
 #include "shared.filesystem-scan.h"
+#include "shared.filesystem-sourcefolder.h"
 #include "shared.filesystem-status.h"
 #include "shared.util-handle.h"
 #include "test-support.h"
@@ -35,11 +34,16 @@ using TestSupport::SymbolicLink;
 using TestSupport::TemporaryFolder;
 using TestSupport::WriteFile;
 
-std::multiset<std::wstring> Names(const fs::path& folder, Depth depth) {
+std::multiset<std::wstring> Names(
+    const fs::path& folder, Depth depth, const std::function<void(const DirectoryEntry&)>& visit = [](const auto&) {}) {
     std::multiset<std::wstring> names;
-    EXPECT_TRUE(ForEachEntry(folder, depth, [&](const DirectoryEntry& entry) {
-                    return !names.insert(entry.path.native().substr(folder.native().size() + 1))->empty();
-                }).empty());
+    const auto source = SourceFolder::Trusted(folder);
+    EXPECT_THAT(ForEachEntry(source, ListOrThrow(folder, source.Open(folder)), depth,
+                             [&](const DirectoryEntry& entry) {
+                                 visit(entry);
+                                 return !names.insert(entry.path.lexically_relative(folder).native())->empty();
+                             }),
+                IsEmpty());
     return names;
 }
 
@@ -70,88 +74,84 @@ TEST(ForEachEntry, ListsTreesThatLoopAndFoldersThatGo) {
                 UnorderedElementsAre(L"sub", L"z.log", LR"(sub\x.log)", LR"(sub\inner)", LR"(sub\inner\y.log)",
                                      LR"(sub\loop)"));
 
-    int visited = 0;
-    EXPECT_TRUE(ForEachEntry(folder.Path(), Depth::Tree, [&](const DirectoryEntry& entry) {
-                    ++visited;
-                    if (entry.Name() == L"inner") {
-                        fs::remove_all(entry.path);
-                    }
-                    return true;
-                }).empty());
-    EXPECT_EQ(visited, 5);
+    const auto remove = [](const DirectoryEntry& entry) {
+        if (entry.Name() == L"inner") {
+            fs::remove_all(entry.path);
+        }
+    };
+    EXPECT_THAT(Names(folder.Path(), Depth::Tree, remove), SizeIs(5));
 }
 
 TEST(ForEachEntry, NamesTheOperationThatFailed) {
     const TemporaryFolder folder;
     WriteFile(folder / L"file", "");
     for (const wchar_t* name : {L"none", L"file"}) {
-        EXPECT_THAT([&] { ForEachEntry(folder / name, Depth::Tree, [](const auto&) { return true; }); },
+        EXPECT_THAT([&] { Names(folder / name, Depth::Tree); },
                     ThrowsMessage<fs::filesystem_error>(HasSubstr("directory_iterator::directory_iterator")));
     }
     EXPECT_THAT([] { ThrowFileSystemError("status", L"C:\\\xD800.log", ERROR_ACCESS_DENIED); },
                 ThrowsMessage<fs::filesystem_error>(ContainsRegex("status: .*C:\\\\\xEF\xBF\xBD.log")));
 }
 
-TEST(ConfinedFolder, OpensOnlyWhatLiesInTheFolder) {
+TEST(SourceFolder, OpensOnlyWhatLiesInAConfinedFolder) {
     const TemporaryFolder machine;
     const fs::path profile = machine / L"bob";
     WriteFile(profile / L"own" / L"a.log", "own");
+    WriteFile(profile / L"own" / L"two.log", "own");
     WriteFile(machine / L"bobby" / L"a.log", "not bob's");
     const SymbolicLink toFile(machine / L"bobby" / L"a.log", profile / L"file-link.log");
     const SymbolicLink toFolder(machine / L"bobby", profile / L"folder-link");
     const SymbolicLink toOwn(profile / L"own", profile / L"own-link");
-    fs::create_hard_link(machine / L"bobby" / L"a.log", profile / L"hard.log");
+    fs::create_hard_link(profile / L"own" / L"two.log", profile / L"hard.log");
 
-    const std::pair<std::wstring, FileKind> cases[] = {
-        {LR"(own\a.log)", FileKind::Regular},
-        {LR"(OWN\A.LOG)", FileKind::Regular},
-        {L"own", FileKind::Directory},
-        {LR"(own\none)", FileKind::NotFound},
-        {LR"(none\a.log)", FileKind::NotFound},
-        {L"file-link.log", FileKind::OutsideFolder},
-        {L"folder-link", FileKind::OutsideFolder},
-        {LR"(folder-link\a.log)", FileKind::OutsideFolder},
-        {LR"(own-link\a.log)", FileKind::OutsideFolder},
-        {L"hard.log", FileKind::OutsideFolder},
+    const std::pair<std::wstring, DWORD> cases[] = {
+        {LR"(own\a.log)", ERROR_SUCCESS},
+        {LR"(OWN\A.LOG)", ERROR_SUCCESS},
+        {L"own", ERROR_SUCCESS},
+        {LR"(own\none)", ERROR_FILE_NOT_FOUND},
+        {LR"(none\a.log)", ERROR_FILE_NOT_FOUND},
+        {L"file-link.log", ERROR_CANT_RESOLVE_FILENAME},
+        {L"folder-link", ERROR_CANT_RESOLVE_FILENAME},
+        {LR"(folder-link\a.log)", ERROR_CANT_RESOLVE_FILENAME},
+        {LR"(own-link\a.log)", ERROR_CANT_RESOLVE_FILENAME},
+        {L"hard.log", ERROR_TOO_MANY_LINKS},
     };
     // A profile that was moved is reached through a link, and its contents are the user's all the same.
     const SymbolicLink moved(profile, machine / L"moved");
     for (const fs::path& root : {profile, machine / L"moved"}) {
-        const ConfinedFolder folder(root);
-        for (const auto& [name, kind] : cases) {
-            const auto opened = folder.Open(name);
-            ASSERT_TRUE(opened);
-            EXPECT_EQ(opened->status.kind, kind) << root << name;
+        const auto folder = SourceFolder::Confined(root, root / L"own");
+        for (const auto& [name, code] : cases) {
+            const auto found = folder.Open(root / name);
+            EXPECT_EQ(found ? ERROR_SUCCESS : found.error(), code) << root << name;
         }
-        const auto outside = folder.Open(LR"(..\bobby\a.log)");
-        EXPECT_FALSE(outside && outside->status.kind == FileKind::Regular);
+        EXPECT_FALSE(folder.Open(root / LR"(..\bobby\a.log)"));
     }
-    EXPECT_EQ(ConfinedFolder(machine / L"none").Open(L"a.log")->status.kind, FileKind::NotFound);
+    const auto none = SourceFolder::Confined(machine / L"none", machine / L"none");
+    EXPECT_TRUE(IsNotFound(none.Open(none.Path() / L"a.log").error()));
 }
 
-TEST(ConfinedFolder, HoldsTheCheckedFile) {
+TEST(SourceFolder, HoldsTheCheckedFile) {
     const TemporaryFolder profile;
     const fs::path file = profile / L"sub" / L"a.log";
     WriteFile(file, "checked");
-    {
-        const auto opened = ConfinedFolder(profile.Path()).Open(LR"(sub\a.log)");
-        ASSERT_TRUE(opened);
-        EXPECT_EQ(opened->status.size, 7U);
+    for (const auto& folder :
+         {SourceFolder::Trusted(profile.Path()), SourceFolder::Confined(profile.Path(), profile.Path())}) {
+        const auto found = folder.Open(file);
+        ASSERT_TRUE(found && found->error == ERROR_SUCCESS);
+        EXPECT_EQ(found->opened.facts.size, 7U);
         EXPECT_EQ(DeleteFileW(file.c_str()), FALSE);
         EXPECT_EQ(MoveFileW(file.c_str(), (profile / L"b.log").c_str()), FALSE);
-        WriteFile(file, "its owner writes on");
-        EXPECT_EQ(TestSupport::ReadFile(opened->path), "its owner writes on");
-    }
-    {
-        const auto listing = ConfinedFolder(profile.Path()).List(profile / L"sub");
+        const auto listing = ListOrThrow(profile / L"sub", folder.Open(profile / L"sub"));
         EXPECT_EQ(MoveFileW((profile / L"sub").c_str(), (profile / L"moved").c_str()), FALSE)
             << "a folder is listed through the handle that was checked";
+        WriteFile(file, "written");
+        EXPECT_EQ(ReadFile(found->opened.path), "written") << "its owner may go on writing";
     }
     const auto locked = Hold(file);
-    const auto refused = ConfinedFolder(profile.Path()).Open(LR"(sub\a.log)");
-    ASSERT_FALSE(refused);
-    EXPECT_EQ(refused.error().code, static_cast<DWORD>(ERROR_SHARING_VIOLATION));
-    EXPECT_EQ(refused.error().kind, FileKind::Regular);
+    const auto unreadable = SourceFolder::Confined(profile.Path(), profile.Path()).Open(file);
+    ASSERT_TRUE(unreadable);
+    EXPECT_EQ(unreadable->error, static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+    EXPECT_EQ(unreadable->opened.facts.size, 7U);
 }
 
 TEST(GeneratedFile, HoldsTextAndBytesAndGoesAway) {
@@ -188,41 +188,26 @@ TEST(LongForm, MakesAbsolutePathsWithThePrefix) {
     }
     EXPECT_EQ(NameBelow(LR"(C:\)", L"x"), LR"(C:\x)");
     EXPECT_EQ(LongForm(L"x.txt"), LongForm(fs::current_path() / L"x.txt"));
-    const std::tuple<std::wstring, std::wstring, bool> full[] = {
-        {LR"(C:/a/b/../c. .)", LR"(C:\a\c)", true},          {LR"(\\server\share\..\x)", LR"(\\server\share\x)", true},
-        {LR"(\\?\C:\a\..\b.)", LR"(\\?\C:\a\..\b.)", true},  {L"NUL", LR"(\\.\NUL)", false},
-        {L"x", (fs::current_path() / L"x").native(), false},
-    };
-    for (const auto& [path, expected, isAbsolute] : full) {
-        EXPECT_EQ(FullPath(path).native(), expected);
-        EXPECT_EQ(IsAbsolute(path), isAbsolute) << fs::path(path);
-    }
 }
 
-TEST(PrivateFile, IsNewAndForItsAdministratorAlone) {
-    const TemporaryFolder folder;
-    const fs::path file = folder / L"file";
-    const auto open = [&](DWORD access) { return CreatePrivateFile(file, access, shareAll); };
-    {
-        const auto created = open(GENERIC_WRITE);
-        ASSERT_TRUE(created);
-        EXPECT_EQ(open(GENERIC_WRITE).error(), static_cast<DWORD>(ERROR_FILE_EXISTS));
-        const auto unique = CreateUniqueFile(file, GENERIC_WRITE, shareAll);
-        ASSERT_TRUE(unique);
-        EXPECT_TRUE(unique->path.native().starts_with(file.native() + L'.'));
-    }
-    ASSERT_TRUE(CreatePrivateFolder(folder / L"sub"));
-    for (const fs::path& path : {file, folder / L"sub"}) {
+TEST(PrivateFile, IsForItsAdministratorAlone) {
+    for (const auto inheritance : {Inheritance::None, Inheritance::Contents}) {
+        const auto descriptor = PrivateDescriptor(inheritance);
+        ASSERT_TRUE(descriptor);
+        SECURITY_DESCRIPTOR_CONTROL control = 0;
+        DWORD revision = 0;
+        GetSecurityDescriptorControl(descriptor->Get(), &control, &revision);
+        EXPECT_NE(control & SE_DACL_PROTECTED, 0) << "it must not inherit what the folder gives to others";
+        BOOL present = FALSE;
+        BOOL defaulted = FALSE;
         PACL list = nullptr;
-        PSECURITY_DESCRIPTOR descriptor = nullptr;
-        ASSERT_EQ(GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
-                                        &list, nullptr, &descriptor),
-                  static_cast<DWORD>(ERROR_SUCCESS));
-        const Util::LocalMemory memory(descriptor);
+        GetSecurityDescriptorDacl(descriptor->Get(), &present, &list, &defaulted);
         for (DWORD index = 0; index < list->AceCount; ++index) {
             ACCESS_ALLOWED_ACE* entry = nullptr;
             ASSERT_NE(GetAce(list, index, reinterpret_cast<void**>(&entry)), FALSE);
-            EXPECT_FALSE(IsWellKnownSid(&entry->SidStart, WinWorldSid) && entry->Mask != 0) << path;
+            EXPECT_FALSE(IsWellKnownSid(&entry->SidStart, WinWorldSid));
+            EXPECT_EQ(entry->Header.AceFlags,
+                      inheritance == Inheritance::None ? 0 : OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE);
         }
     }
 }
@@ -234,14 +219,16 @@ TEST(RetryWhileHeld, WaitsASecondForItsOwnNamesAndOnceForAllOthers) {
         EXPECT_EQ(wait.Retry(failing).error(), code);
         return GetTickCount64() - start;
     };
-    HeldFileWait own(FileOwner::Program);
-    EXPECT_LT(take(own, ERROR_FILE_NOT_FOUND), 200U);
-    EXPECT_THAT(take(own, ERROR_ACCESS_DENIED), AllOf(Ge(900U), Le(2000U)));
-    HeldFileWait others(FileOwner::Others);
-    EXPECT_LT(take(others, ERROR_ACCESS_DENIED), 200U);
-    EXPECT_THAT(take(others, ERROR_SHARING_VIOLATION), AllOf(Ge(900U), Le(2000U)));
-    for (const DWORD code : {DWORD{ERROR_SHARING_VIOLATION}, DWORD{ERROR_LOCK_VIOLATION}}) {
-        EXPECT_LT(take(others, code), 200U) << "the second is used up";
+    for (const auto owner : {FileOwner::Program, FileOwner::Others}) {
+        HeldFileWait wait(owner);
+        EXPECT_LT(take(wait, ERROR_FILE_NOT_FOUND), 200U);
+        EXPECT_THAT(take(wait, ERROR_SHARING_VIOLATION), AllOf(Ge(900U), Le(2000U)));
+        EXPECT_LT(take(wait, ERROR_SHARING_VIOLATION), 200U) << "the second is used up";
+        for (const auto code :
+             {ERROR_SHARING_VIOLATION, ERROR_LOCK_VIOLATION, ERROR_USER_MAPPED_FILE, ERROR_DELETE_PENDING}) {
+            EXPECT_TRUE(IsHeld(static_cast<DWORD>(code), owner)) << code;
+        }
+        EXPECT_EQ(IsHeld(ERROR_ACCESS_DENIED, owner), owner == FileOwner::Program);
     }
     const TemporaryFolder folder;
     WriteFile(folder / L"held", "");
@@ -251,32 +238,6 @@ TEST(RetryWhileHeld, WaitsASecondForItsOwnNamesAndOnceForAllOthers) {
         held.Reset();
     });
     EXPECT_TRUE(RemoveName(folder / L"held"));
-}
-
-TEST(FileObjectRemover, RemovesFilesAndWholeFolders) {
-    const TemporaryFolder folder;
-    const fs::path tree = folder / L"tree";
-    WriteFile(tree / L"\x4e2d" / L"many.txt", "");
-    fs::path deep = LongForm(tree);
-    for (int level = 0; level < 12; ++level) {
-        deep /= std::wstring(40, L'd');
-        ASSERT_NE(CreateDirectoryW(deep.c_str(), nullptr), FALSE);
-    }
-    for (int number = 0; number < 300; ++number) {
-        WriteFile(tree / (std::wstring(60, L'n') + std::to_wstring(number)), "");
-    }
-    WriteFile(folder / L"single.txt", "b");
-    const CapturedLog log;
-    {
-        FileObjectRemover single(folder / L"single.txt");
-        FileObjectRemover moved(std::move(single));
-        FileObjectRemover(tree).Clear();
-        EXPECT_FALSE(fs::exists(tree));
-        EXPECT_TRUE(fs::exists(folder / L"single.txt"));
-        FileObjectRemover(folder / L"never-there").Clear();
-    }
-    EXPECT_FALSE(fs::exists(folder / L"single.txt"));
-    EXPECT_EQ(log.Text(), "");
 }
 
 TEST(FileObjectRemover, LogsWhatItCannotRemoveAndForgetsIt) {

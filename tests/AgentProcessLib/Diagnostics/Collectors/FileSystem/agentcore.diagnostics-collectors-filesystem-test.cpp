@@ -4,9 +4,8 @@
 #include <utility>
 #include <vector>
 
-#include "agentcore.diagnostics-collectors-extensioncopier.h"
+#include "agentcore.diagnostics-collectors-copyjob.h"
 #include "agentcore.diagnostics-collectors-filechecks.h"
-#include "agentcore.diagnostics-collectors-filecopier.h"
 #include "agentcore.diagnostics-collectors-userfilecopier.h"
 #include "agentcore.diagnostics-sets.h"
 #include "diagnostics-test.h"
@@ -126,11 +125,14 @@ TEST_F(FileCollectors, HeldFilesCostARowASecond) {
 TEST_F(FileCollectors, WhatOutgrowsTheLimitAfterTheGateIsRefusedAsThere) {
     const fs::path file = machine_ / L"a.dmp";
     WriteFile(file, "four");
-    const auto refused = AddWithinLimit(file, 3, {L"F", zip_});
-    ASSERT_FALSE(refused);
-    EXPECT_EQ(refused.error().reason, Reason::TooLarge);
-    EXPECT_EQ(refused.error().message,
-              "Excluded file '" + Utf8(file) + "' (0 MB) because it exceeds the maximum file size limit of 0 MB.");
+    const auto source = Shared::FileSystem::SourceFolder::Trusted(machine_.Path());
+    auto found = source.Open(file);
+    found->opened.facts.size = 3;
+    CopyJob job(source, 3, {L"F", zip_});
+    EXPECT_FALSE(job.Copy(file, found, "status"));
+    EXPECT_THAT(std::move(job).Status().errors,
+                ElementsAre("Excluded file '" + Utf8(file) +
+                            "' (0 MB) because it exceeds the maximum file size limit of 0 MB."));
     EXPECT_THAT(Archived(), IsEmpty());
 }
 
