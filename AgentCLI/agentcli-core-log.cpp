@@ -86,7 +86,7 @@ FileHandle Replace() {
     const std::string text = IsPlain(file.facts) ? LastLines(file) : std::string();
     file.handle.Reset();
     if (file.facts.isLink) {
-        FreeName(logName);  // a rename does not replace a link to a folder
+        RemoveOrThrow(logName);  // a rename does not replace a link to a folder
     }
     GeneratedFile replacement = GeneratedFile::Unique(logName);
     replacement.WriteBytes(text);

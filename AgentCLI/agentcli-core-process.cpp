@@ -20,6 +20,22 @@ extern "C" NTSYSAPI LONG NTAPI RtlGetVersion(RTL_OSVERSIONINFOW* version);
 
 namespace AgentCLI::Core {
 
+namespace {
+
+// Lets the C library, with which libzip converts times, take the time zone from Windows. A variable TZ in the
+// environment would come first; child processes keep it.
+void ForgetTimeZoneVariable() {
+    std::wstring zone(GetEnvironmentVariableW(L"TZ", nullptr, 0), L'\0');
+    if (!zone.empty()) {
+        GetEnvironmentVariableW(L"TZ", zone.data(), static_cast<DWORD>(zone.size()));
+        static_cast<void>(_wputenv_s(L"TZ", L""));
+        SetEnvironmentVariableW(L"TZ", zone.c_str());
+        _tzset();
+    }
+}
+
+}  // namespace
+
 void PrepareProcess() noexcept {
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
@@ -30,6 +46,7 @@ void PrepareProcess() noexcept {
     SetEnvironmentVariableW(L"NoDefaultCurrentDirectoryInExePath", L"1");
     SetEnvironmentVariableW(L"PATHEXT", L".COM;.EXE;.BAT;.CMD");
     try {
+        ForgetTimeZoneVariable();
         const std::wstring windows = Shared::System::GetWindowsPath().native();
         const std::wstring system = windows + L"\\System32";
         const std::pair<const wchar_t*, std::wstring> variables[] = {

@@ -9,7 +9,7 @@ namespace AgentCore::Diagnostics {
 
 CollectorStatus StatusOf(Shared::FileZip::ZipArchiveWrapper::AddResult added) {
     CollectorStatus status;
-    status.success = added.has_value() || added.error().isArchived;
+    status.success = added || added.error().archived;
     if (!added) {
         status.errors.push_back(std::move(added.error().message));
     }

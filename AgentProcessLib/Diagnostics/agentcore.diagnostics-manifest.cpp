@@ -13,7 +13,7 @@ void WriteManifest(std::span<const CollectorStatus> statuses, Shared::FileZip::Z
     const std::string json = Shared::Protobuf::GenerateJSONFrom(response);
     auto file = Shared::FileSystem::GeneratedFile::Unique(L"manifest.json");
     file.WriteText(json);
-    if (const auto added = zip.AddFile("manifest.json", file.Path()); !added && !added.error().isArchived) {
+    if (const auto added = zip.AddFile("manifest.json", file.Path()); !added && !added.error().archived) {
         throw Shared::Exception::RuntimeException(added.error().message);
     }
 }

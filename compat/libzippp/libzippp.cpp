@@ -20,14 +20,7 @@ zip_source_t* SourceOfFile(const std::string& path) {
 }
 
 zip_int32_t LibzipMethod(CompressionMethod method) {
-    switch (method) {
-        case STORE:
-            return ZIP_CM_STORE;
-        case DEFLATE:
-            return ZIP_CM_DEFLATE;
-        default:
-            return ZIP_CM_DEFAULT;
-    }
+    return method == STORE ? ZIP_CM_STORE : method == DEFLATE ? ZIP_CM_DEFLATE : ZIP_CM_DEFAULT;
 }
 
 void Report(zip_error_t* error, const std::string& message, ErrorHandlerCallback* callback) {
@@ -98,12 +91,7 @@ bool ZipArchive::open(OpenMode mode, bool checkConsistency) {
 }
 
 bool ZipArchive::openSource(zip_source* source, OpenMode mode, bool checkConsistency) {
-    int flags = checkConsistency ? ZIP_CHECKCONS : 0;
-    if (mode == Write) {
-        flags |= ZIP_CREATE;
-    } else if (mode == New) {
-        flags |= ZIP_CREATE | ZIP_TRUNCATE;
-    }
+    const int flags = (checkConsistency ? ZIP_CHECKCONS : 0) | (mode == Write ? ZIP_CREATE : 0);
     zip_error_t error;
     zip_error_init(&error);
     zipHandle_ = mode == NotOpen ? nullptr : zip_open_from_source(source, flags, &error);

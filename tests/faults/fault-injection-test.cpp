@@ -225,8 +225,10 @@ protected:
             outcome.rows[row.name] = {.success = status.success,
                                       .saysWhy = !status.errors.empty() || HasWarning(log.Text().substr(before))};
         }
+        bool hasManifest = false;
         try {
             WriteManifest(statuses, zip);
+            hasManifest = true;
         } catch (const std::exception& error) {
             EXPECT_NE(std::string_view(error.what()), "");
         }
@@ -239,7 +241,9 @@ protected:
             std::filesystem::remove_all(left.path());
         }
         // However it went, the archive takes on what comes next, and opens again.
-        WriteManifest(statuses, zip);
+        if (!hasManifest) {
+            WriteManifest(statuses, zip);
+        }
         zip.Close();
         zip.Open();
         ::Diagnostics::DiagnosticResponse manifest;
@@ -266,21 +270,6 @@ TEST(OpenUntrusted, AFileUnderAnOplockCountsAsHeld) {
     const auto opened = Shared::FileSystem::OpenUntrusted({}, FILE_GENERIC_READ, Shared::FileSystem::shareContent);
     plan = {};
     EXPECT_TRUE(!opened && opened.error() == ERROR_SHARING_VIOLATION);
-}
-
-TEST(Archive, AFileThatIsEmptyWhenItIsOpenedBecomesAnEmptyEntry) {
-    const TestSupport::TemporaryFolder folder;
-    TestSupport::WriteFile(folder / L"log", "grown since");
-    Shared::FileZip::ZipArchiveWrapper zip(folder / L"out.zip");
-    zip.Open();
-    for (const Function& function : functions) {
-        function.calls = 0;
-    }
-    plan = {"GetFileSizeEx", 1, 2, 0, TRUE};  // succeeds, and leaves the size at zero
-    const CollectorStatus status = Destination{L"row", zip}.Add(folder / L"log");
-    plan = {};
-    EXPECT_TRUE(status.success && !status.errors.empty());
-    EXPECT_EQ(zip.Entries().back().getSize(), 0U);
 }
 
 /// Whatever a faulty run lacks, its row says that something went wrong.

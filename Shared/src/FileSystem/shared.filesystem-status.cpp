@@ -40,8 +40,11 @@ std::filesystem::path WithoutFaults(const std::filesystem::path& path) {
 
 Util::Win32Result<FileFacts> FactsOf(HANDLE file) noexcept {
     FileFacts facts;
-    if (GetFileType(file) != FILE_TYPE_DISK) {
-        return facts;
+    SetLastError(NO_ERROR);
+    if (const DWORD type = GetFileType(file); type != FILE_TYPE_DISK) {
+        const DWORD error = GetLastError();
+        return type == FILE_TYPE_UNKNOWN && error != NO_ERROR ? std::unexpected(error)
+                                                              : Util::Win32Result<FileFacts>(facts);
     }
     BY_HANDLE_FILE_INFORMATION information{};
     if (GetFileInformationByHandle(file, &information) == FALSE) {

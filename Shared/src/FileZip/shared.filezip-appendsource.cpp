@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
-#include <optional>
 #include <utility>
 
 namespace Shared::FileZip {
@@ -13,8 +12,8 @@ namespace {
 
 constexpr std::size_t bufferSize = std::size_t{1} << 20U;
 constexpr std::size_t readAheadSize = std::size_t{64} << 10U;
-/// How far ahead of growing data the copy of the directory is put. The gap is filled with zeros first by some file
-/// systems, so it is kept small, but large against the copy, whose writing it saves.
+// Distance from the data to the directory's copy: small, because some file systems zero-fill it; large enough to need
+// few copies.
 constexpr std::uint64_t smallestSpare = std::uint64_t{4} << 20U;
 constexpr std::uint64_t spareDirectories = 32;
 
@@ -24,64 +23,18 @@ AppendInPlaceSource::AppendInPlaceSource(ArchiveFile& file) : file_(file) {
     zip_error_init(&error_);
 }
 
-Win32Result<void> AppendInPlaceSource::OpenExisting() {
-    readAhead_.clear();
-    if (auto opened = file_.Open(); !opened) {
-        return opened;
-    }
-    const auto size = file_.Size();
-    if (!size) {
-        return std::unexpected(size.error());
-    }
-    size_ = *size;
-    return {};
-}
-
-Win32Result<void> AppendInPlaceSource::WriteEmpty(ArchiveFile& file) {
-    const ArchiveTail tail = EmptyTail();
-    size_ = tail.Size();
-    return file.Write(0, tail.records);
-}
-
-Win32Result<void> AppendInPlaceSource::Create() {
-    auto created = file_.Create();
-    return created ? WriteEmpty(file_) : created;
-}
-
 Win32Result<void> AppendInPlaceSource::Prepare() {
     ClearFailure();
-    // What could not be undone at once: readers would take either end for the true one.
-    if (auto restored = RestoreTail(); !restored) {
+    // Finish a rollback that failed before; until then the file has two end records.
+    if (auto restored = Rollback(); !restored) {
         return restored;
     }
-    if (auto opened = OpenExisting(); !opened) {
-        return opened;
+    auto tail = ReadTail(file_);
+    if (!tail) {
+        return std::unexpected(tail.error());
     }
-    const auto end = ReadTail(file_);
-    if (!end) {
-        return std::unexpected(end.error());
-    }
-    return end->end == FileEnd::Torn ? Repair() : Win32Result<void>();
-}
-
-Win32Result<void> AppendInPlaceSource::Repair() {
-    const auto isBeginning = IsBeginningOfEmpty(file_);
-    if (!isBeginning) {
-        return std::unexpected(isBeginning.error());
-    }
-    if (*isBeginning) {
-        return WriteEmpty(file_);
-    }
-    const auto found = FindLastTail(file_);
-    if (!found) {
-        return std::unexpected(found.error());
-    }
-    const std::optional<ArchiveTail>& last = *found;
-    if (!last) {
-        return std::unexpected<DWORD>(ERROR_BAD_FORMAT);
-    }
-    size_ = last->End();
-    return file_.Truncate(size_);
+    tail_ = *std::move(tail);
+    return {};
 }
 
 zip_source_t* AppendInPlaceSource::NewSource() {
@@ -115,11 +68,11 @@ zip_int64_t AppendInPlaceSource::Dispatch(void* data, zip_uint64_t length, zip_s
             // Newer releases query the error after a close as well: an old one would make the close fail.
             ClearFailure();
             readOffset_ = 0;
-            return Done(OpenExisting(), ZIP_ER_OPEN);
+            return 0;
         case ZIP_SOURCE_READ:
             return Read(bytes());
         case ZIP_SOURCE_SEEK:
-            return Seek(data, length);
+            return Seek(readOffset_, FileSize(), data, length);
         case ZIP_SOURCE_TELL:
             return static_cast<zip_int64_t>(readOffset_);
         case ZIP_SOURCE_CLOSE:
@@ -129,15 +82,13 @@ zip_int64_t AppendInPlaceSource::Dispatch(void* data, zip_uint64_t length, zip_s
         case ZIP_SOURCE_ERROR:
             return zip_error_to_data(&error_, data, length);
         case ZIP_SOURCE_BEGIN_WRITE:
-            ClearFailure();
-            return Done(Begin(), ZIP_ER_TMPOPEN);
+            return Done(Begin(0), ZIP_ER_TMPOPEN);
         case ZIP_SOURCE_BEGIN_WRITE_CLONING:
-            ClearFailure();
-            return BeginClone(length);
+            return Done(Begin(length), ZIP_ER_OPNOTSUPP);
         case ZIP_SOURCE_WRITE:
             return Write(bytes());
         case ZIP_SOURCE_SEEK_WRITE:
-            return SeekWrite(data, length);
+            return Seek(writeOffset_, writeEnd_, data, length);
         case ZIP_SOURCE_TELL_WRITE:
             return static_cast<zip_int64_t>(writeOffset_);
         case ZIP_SOURCE_COMMIT_WRITE:
@@ -145,8 +96,8 @@ zip_int64_t AppendInPlaceSource::Dispatch(void* data, zip_uint64_t length, zip_s
         case ZIP_SOURCE_ROLLBACK_WRITE:
             return Done(Rollback(), ZIP_ER_WRITE);
         case ZIP_SOURCE_REMOVE:
-            // libzip calls this when the last entry has been deleted.
-            return Done(ReplaceByEmpty(), ZIP_ER_REMOVE);
+            // libzip calls this instead of writing an archive without entries.
+            return Done(RemoveOnlyEntry(), ZIP_ER_REMOVE);
         default:
             zip_error_set(&error_, ZIP_ER_OPNOTSUPP, 0);
             return -1;
@@ -154,11 +105,11 @@ zip_int64_t AppendInPlaceSource::Dispatch(void* data, zip_uint64_t length, zip_s
 }
 
 zip_int64_t AppendInPlaceSource::Fail(int zipError, DWORD code) {
-    // What fails while a failure is being undone is not the reason.
+    // Keep the first failure; later ones come from its rollback.
     if (failure_ == ERROR_SUCCESS) {
         failure_ = code;
     }
-    zip_error_set(&error_, zipError, code == ERROR_DISK_FULL ? ENOSPC : EIO);
+    zip_error_set(&error_, zipError, EIO);
     return -1;
 }
 
@@ -176,11 +127,8 @@ zip_int64_t AppendInPlaceSource::Stat(void* data, zip_uint64_t length) {
     if (length < sizeof stat) {
         return Fail(ZIP_ER_INVAL, ERROR_INVALID_PARAMETER);
     }
-    if (const auto opened = OpenExisting(); !opened) {
-        return Fail(ZIP_ER_OPEN, opened.error());
-    }
     zip_stat_init(&stat);
-    stat.size = size_;
+    stat.size = FileSize();
     stat.valid |= ZIP_STAT_SIZE;
     std::memcpy(data, &stat, sizeof stat);
     return sizeof stat;
@@ -205,72 +153,46 @@ zip_int64_t AppendInPlaceSource::Read(std::span<std::byte> to) {
     return static_cast<zip_int64_t>(count);
 }
 
-zip_int64_t AppendInPlaceSource::Seek(void* data, zip_uint64_t length) {
-    const zip_int64_t offset = zip_source_seek_compute_offset(readOffset_, size_, data, length, &error_);
+zip_int64_t AppendInPlaceSource::Seek(std::uint64_t& position, std::uint64_t size, void* data, zip_uint64_t length) {
+    const zip_int64_t offset = zip_source_seek_compute_offset(position, size, data, length, &error_);
     if (offset < 0) {
         return -1;
     }
-    readOffset_ = static_cast<std::uint64_t>(offset);
+    position = static_cast<std::uint64_t>(offset);
     return 0;
 }
 
-zip_int64_t AppendInPlaceSource::SeekWrite(void* data, zip_uint64_t length) {
-    const zip_int64_t offset = zip_source_seek_compute_offset(writeOffset_, writeEnd_, data, length, &error_);
-    if (offset < 0) {
-        return -1;
-    }
-    writeOffset_ = static_cast<std::uint64_t>(offset);
-    return 0;
-}
-
-zip_int64_t AppendInPlaceSource::BeginClone(std::uint64_t keep) {
-    auto found = ReadTail(file_);
-    if (!found) {
-        return Fail(ZIP_ER_READ, found.error());
-    }
-    // Anything between the entries and the directory, or behind it, would not survive being written over.
-    if (found->end != FileEnd::Tail || found->tail.directoryOffset != keep) {
-        zip_error_set(&error_, ZIP_ER_OPNOTSUPP, 0);
-        return -1;
-    }
-    StartInPlace(std::move(found->tail));
-    writeOffset_ = bufferOffset_ = writeEnd_ = keep;
-    return 0;
-}
-
-Win32Result<void> AppendInPlaceSource::Begin() {
-    auto found = ReadTail(file_);
-    if (!found) {
-        return std::unexpected(found.error());
-    }
-    if (found->end == FileEnd::Tail && found->tail.directorySize == 0) {
-        StartInPlace(std::move(found->tail));
+// Begins to write behind the file's first `keep` bytes; 0 when libzip means to write all of it anew.
+Win32Result<void> AppendInPlaceSource::Begin(std::uint64_t keep) {
+    // Only an archive whose directory follows the entries can grow in place.
+    if (keep == tail_.directoryOffset) {
+        Start(keep);
         return {};
     }
-    auto replacement = file_.CreateSibling();
-    if (!replacement) {
-        return std::unexpected(replacement.error());
+    // The start of the entry that was added last. The new entries of its folders come before it, and stay.
+    if (before_ && keep != 0 && keep >= before_->directoryOffset && keep < tail_.directoryOffset) {
+        Start(keep);
+        return TakeBack();
     }
-    replacement_ = std::move(*replacement);
-    writeOffset_ = bufferOffset_ = writeEnd_ = 0;
-    return {};
+    return std::unexpected<DWORD>(ERROR_NOT_SUPPORTED);
 }
 
-Win32Result<void> AppendInPlaceSource::ReplaceByEmpty() {
-    const auto replacement = file_.CreateSibling();
-    if (!replacement) {
-        return std::unexpected(replacement.error());
-    }
-    auto written = WriteEmpty(**replacement);
-    return written ? file_.ReplaceBy(**replacement) : written;
-}
-
-void AppendInPlaceSource::StartInPlace(ArchiveTail tail) {
-    inPlace_ = true;
-    tail_ = std::move(tail);
+void AppendInPlaceSource::Start(std::uint64_t offset) {
+    isChanging_ = true;
     copyOffset_ = tail_.directoryOffset;
-    copyEnd_ = tail_.End();
-    writeOffset_ = bufferOffset_ = writeEnd_ = 0;
+    copyEnd_ = tail_.FileSize();
+    writeOffset_ = bufferOffset_ = writeEnd_ = offset;
+}
+
+// Makes the directory from before the last add the valid one. Its copy goes behind everything, since the present one is
+// valid until the copy is complete.
+Win32Result<void> AppendInPlaceSource::TakeBack() {
+    if (auto copied = WriteCopy(*before_, copyEnd_); !copied) {
+        [[maybe_unused]] const auto restored = Rollback();
+        return copied;
+    }
+    tail_ = *std::exchange(before_, std::nullopt);
+    return {};
 }
 
 zip_int64_t AppendInPlaceSource::Write(std::span<const std::byte> from) {
@@ -278,7 +200,7 @@ zip_int64_t AppendInPlaceSource::Write(std::span<const std::byte> from) {
     while (!from.empty()) {
         const bool continues = writeOffset_ >= bufferOffset_ && writeOffset_ - bufferOffset_ <= buffer_.size();
         if (!continues || buffer_.size() >= bufferSize) {
-            if (const auto flushed = Flush(std::max(smallestSpare, spareDirectories * tail_.Size())); !flushed) {
+            if (const auto flushed = Flush(std::max(smallestSpare, spareDirectories * tail_.bytes.size())); !flushed) {
                 return Fail(ZIP_ER_WRITE, flushed.error());
             }
             bufferOffset_ = writeOffset_;
@@ -301,105 +223,77 @@ Win32Result<void> AppendInPlaceSource::Flush(std::uint64_t spare) {
     if (buffer_.empty()) {
         return {};
     }
-    if (inPlace_) {
-        const std::uint64_t end = bufferOffset_ + buffer_.size();
-        auto room = MakeRoom(end, spare);
-        if (!room && spare != 0) {
-            // A disk that is nearly full may still hold what is really needed.
-            room = MakeRoom(end, 0);
-        }
-        if (!room) {
-            return room;
-        }
+    const std::uint64_t end = bufferOffset_ + buffer_.size();
+    auto room = MakeRoom(end, spare);
+    if (!room && spare != 0) {
+        // A disk that is nearly full may still hold what is really needed.
+        room = MakeRoom(end, 0);
     }
-    if (auto written = (replacement_ ? *replacement_ : file_).Write(bufferOffset_, buffer_); !written) {
+    if (!room) {
+        return room;
+    }
+    if (auto written = file_.Write(bufferOffset_, buffer_); !written) {
         return written;
     }
-    bufferOffset_ += buffer_.size();
+    bufferOffset_ = end;
     buffer_.clear();
     return {};
 }
 
-/// Moves the copy of the directory so that the file can be written up to `end`, and `spare` beyond.
+// Moves the copy of the directory so that the file can be written up to `end`, and `spare` beyond.
 Win32Result<void> AppendInPlaceSource::MakeRoom(std::uint64_t end, std::uint64_t spare) {
-    if (end <= copyOffset_) {
-        return {};
-    }
-    // The present copy is what counts until the next one is whole.
-    const std::uint64_t next = std::max(end + spare, copyEnd_);
-    const std::vector<std::byte> records = tail_.RecordsFor(next);
-    if (auto copied = CopyTail(copyOffset_, next, records); !copied) {
-        [[maybe_unused]] const auto cut = file_.Truncate(copyEnd_);
-        return copied;
-    }
-    copyOffset_ = next;
-    copyEnd_ = next + tail_.directorySize + records.size();
-    return {};
+    // Do not overwrite the current copy: it is the valid directory until the next is complete.
+    return end <= copyOffset_ ? Win32Result<void>() : WriteCopy(tail_, std::max(end + spare, copyEnd_));
 }
 
-/// One write: a file that ended between two would have no end record.
-Win32Result<void> AppendInPlaceSource::CopyTail(std::uint64_t from, std::uint64_t to,
-                                                std::span<const std::byte> records) {
-    std::vector<std::byte> copy(static_cast<std::size_t>(tail_.directorySize));
-    const auto read = file_.Read(from, copy);
-    if (!read) {
-        return std::unexpected(read.error());
+// One write: a file that ended between two would have no end record.
+Win32Result<void> AppendInPlaceSource::WriteCopy(const ArchiveTail& tail, std::uint64_t offset) {
+    const std::vector<std::byte> copy = tail.MovedTo(offset);
+    auto written = file_.Write(offset, copy);
+    if (!written) {
+        [[maybe_unused]] const auto cut = file_.Truncate(copyEnd_);
+        return written;
     }
-    if (*read != copy.size()) {
-        return std::unexpected<DWORD>(ERROR_HANDLE_EOF);
-    }
-    copy.insert(copy.end(), records.begin(), records.end());
-    return file_.Write(to, copy);
+    copyOffset_ = offset;
+    copyEnd_ = offset + copy.size();
+    return {};
 }
 
 Win32Result<void> AppendInPlaceSource::Commit() {
-    auto committed = replacement_ ? Flush(0) : CommitInPlace();
-    if (!committed) {
-        return committed;
-    }
-    if (replacement_) {
-        if (committed = file_.ReplaceBy(*replacement_); !committed) {
-            return committed;
-        }
-        replacement_.reset();
-    }
-    size_ = writeEnd_;
-    inPlace_ = false;
-    buffer_.clear();
-    readAhead_.clear();
-    return {};
-}
-
-Win32Result<void> AppendInPlaceSource::CommitInPlace() {
-    if (!inPlace_) {
-        return std::unexpected<DWORD>(ERROR_INVALID_STATE);
-    }
     // The rest is in the buffer, so the end is known: a small entry takes one copy, right behind what is written.
-    if (auto written = Flush(0); !written) {
-        return written;
+    auto committed = Flush(0);
+    committed = committed ? file_.Truncate(writeEnd_) : committed;
+    if (committed) {
+        isChanging_ = false;
+        before_ = std::move(tail_);
     }
-    return file_.Truncate(writeEnd_);
+    return committed;
 }
 
+// Writes the directory that must survive back to its place and cuts the file behind it.
 Win32Result<void> AppendInPlaceSource::Rollback() {
     buffer_.clear();
     readAhead_.clear();
-    replacement_.reset();
-    return RestoreTail();
-}
-
-Win32Result<void> AppendInPlaceSource::RestoreTail() {
-    if (!inPlace_) {
+    if (!isChanging_) {
         return {};
     }
     if (copyOffset_ != tail_.directoryOffset) {
-        if (auto copied = CopyTail(copyOffset_, tail_.directoryOffset, tail_.records); !copied) {
-            return copied;
+        if (auto written = file_.Write(tail_.directoryOffset, tail_.bytes); !written) {
+            return written;
         }
     }
-    auto cut = file_.Truncate(tail_.End());
-    inPlace_ = !cut;
+    auto cut = file_.Truncate(FileSize());
+    isChanging_ = !cut;
     return cut;
+}
+
+Win32Result<void> AppendInPlaceSource::RemoveOnlyEntry() {
+    if (!before_ || before_->directorySize != 0) {
+        return std::unexpected<DWORD>(ERROR_NOT_SUPPORTED);
+    }
+    Start(0);
+    auto taken = TakeBack();
+    return taken ? Rollback() : taken;
 }
 
 }  // namespace Shared::FileZip

@@ -4,7 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -14,44 +14,41 @@
 namespace Shared::FileZip {
 
 /// The libzip source under an archive that only ever grows: adding an entry writes that entry and a new directory,
-/// and leaves what is there where it is. libzip itself would copy the whole archive for every change.
+/// and leaves what is there where it is. libzip itself would copy the whole archive for every change. Of what is there
+/// the last add alone can be taken back; every change of an earlier entry fails with ERROR_NOT_SUPPORTED.
 ///
 /// How an add proceeds. A copy of the directory and its end records, adjusted to its new place, is written past the
 /// region that is about to be used, and written anew further on when the data grows up to it. Then the entry is
-/// written over the old directory, and the new directory behind it. Then the file is cut behind the new directory,
-/// which is the moment when the entry counts.
+/// written over the old directory, and the new directory behind it. Truncating the file then makes the new directory
+/// the valid one. Taking an add back proceeds in the same way, but the copy is one of the directory from before that
+/// add, and it is written behind everything at once.
 ///
 /// What that gives. Whenever the process is killed, the disk is full or a write fails, the file lists and holds every
-/// entry that was added before: at every instant but one the file ends in a true end record. The exception is a write
-/// of the copy that is cut short; then the last true end record lies further up, and Prepare cuts the file behind it.
-/// Nothing is promised for a power cut: writes are not forced to the disk, and the disk may take them in any order.
+/// entry that was added before, because at every instant it ends in a valid directory and end record. There is one
+/// exception: a process that is killed during the write of the directory's copy leaves a file that may not open; it
+/// still holds every entry and the directory before the copy. Nothing is promised for a power cut: writes are not
+/// forced to the disk, and the disk may take them in any order.
 ///
-/// Changes other than additions (deleting, replacing) are written to a new file beside the archive, which is then
-/// renamed over it; they cost the whole archive.
-///
-/// Memory: two buffers of a megabyte, whatever the archive's size. Not thread-safe.
+/// Memory: a buffer of a megabyte and up to three directories. Not thread-safe.
 class AppendInPlaceSource {
 public:
-    /// The file must outlive the source.
+    /// The file is open and must outlive the source.
     explicit AppendInPlaceSource(ArchiveFile& file);
     AppendInPlaceSource(const AppendInPlaceSource&) = delete;
     AppendInPlaceSource& operator=(const AppendInPlaceSource&) = delete;
 
-    /// Creates the file as a whole zip without entries; ERROR_FILE_EXISTS when anything has its name.
-    Win32Result<void> Create();
-
-    /// Opens the file, repairs the end that a killed add has torn, and gives an empty file what a zip without entries
-    /// has. ERROR_BAD_FORMAT for what is no zip. Call it before an archive is opened over the source.
+    /// Reads the file's directory, after finishing a rollback that failed before. ERROR_BAD_FORMAT for what does not
+    /// end in a directory and its end record. Call it before each archive that is opened over the source.
     Win32Result<void> Prepare();
 
     /// A new libzip source, with one reference. The archive opened over it must be gone before this object, and
     /// before the next one is asked for. Null when out of memory.
     [[nodiscard]] zip_source_t* NewSource();
 
-    /// The size of the archive file.
-    [[nodiscard]] std::uint64_t FileSize() const noexcept { return size_; }
+    /// The size of the archive file when Prepare was called.
+    [[nodiscard]] std::uint64_t FileSize() const noexcept { return tail_.FileSize(); }
 
-    /// The Win32 code of the last failure on the file since the archive was opened or written, else ERROR_SUCCESS.
+    /// The Win32 code of the first failure on the file since the archive was opened, else ERROR_SUCCESS.
     [[nodiscard]] DWORD LastFailure() const noexcept { return failure_; }
 
 private:
@@ -61,30 +58,23 @@ private:
     zip_int64_t Fail(int zipError, DWORD code);
     zip_int64_t Done(const Win32Result<void>& result, int zipError);
     void ClearFailure();
-    Win32Result<void> OpenExisting();
-    Win32Result<void> WriteEmpty(ArchiveFile& file);
-    Win32Result<void> Repair();
 
     zip_int64_t Stat(void* data, zip_uint64_t length);
     zip_int64_t Read(std::span<std::byte> to);
-    zip_int64_t Seek(void* data, zip_uint64_t length);
-    zip_int64_t SeekWrite(void* data, zip_uint64_t length);
+    zip_int64_t Seek(std::uint64_t& position, std::uint64_t size, void* data, zip_uint64_t length);
     zip_int64_t Write(std::span<const std::byte> from);
-    zip_int64_t BeginClone(std::uint64_t keep);
 
-    Win32Result<void> Begin();
-    Win32Result<void> ReplaceByEmpty();
-    void StartInPlace(ArchiveTail tail);
+    Win32Result<void> Begin(std::uint64_t keep);
+    void Start(std::uint64_t offset);
+    Win32Result<void> TakeBack();
+    Win32Result<void> RemoveOnlyEntry();
     Win32Result<void> Flush(std::uint64_t spare);
     Win32Result<void> MakeRoom(std::uint64_t end, std::uint64_t spare);
-    Win32Result<void> CopyTail(std::uint64_t from, std::uint64_t to, std::span<const std::byte> records);
+    Win32Result<void> WriteCopy(const ArchiveTail& tail, std::uint64_t offset);
     Win32Result<void> Commit();
-    Win32Result<void> CommitInPlace();
     Win32Result<void> Rollback();
-    Win32Result<void> RestoreTail();
 
     ArchiveFile& file_;
-    std::uint64_t size_ = 0;
     zip_error_t error_{};
     DWORD failure_ = ERROR_SUCCESS;
 
@@ -92,13 +82,14 @@ private:
     std::vector<std::byte> readAhead_;
     std::uint64_t readAheadOffset_ = 0;
 
-    /// While an add is under way: the directory as it was, and where its present copy lies and ends.
-    bool inPlace_ = false;
+    /// The directory that must survive: the file's, or, while the last add is being taken back, the one before it.
     ArchiveTail tail_;
+    /// The one from before the last add, while that can be taken back.
+    std::optional<ArchiveTail> before_;
+    /// Of a change that is under way: where the valid directory lies and ends.
+    bool isChanging_ = false;
     std::uint64_t copyOffset_ = 0;
     std::uint64_t copyEnd_ = 0;
-    /// While everything is written anew.
-    std::unique_ptr<ArchiveFile> replacement_;
 
     std::vector<std::byte> buffer_;
     std::uint64_t bufferOffset_ = 0;

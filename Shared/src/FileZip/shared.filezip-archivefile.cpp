@@ -1,49 +1,46 @@
 #include "shared.filezip-archivefile.h"
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
-#include <utility>
 #include <vector>
 
 #include "shared.filesystem-heldfile.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-open.h"
+#include "shared.filesystem-privatefile.h"
+#include "shared.filesystem-removal.h"
 #include "shared.filesystem-status.h"
 
 namespace Shared::FileZip {
 
 namespace {
 
-// A file is renamed, over the archive, through its handle.
-constexpr DWORD writeAccess = GENERIC_READ | GENERIC_WRITE | DELETE;
+constexpr DWORD access = GENERIC_READ | GENERIC_WRITE;
 
-Win32Result<Util::FileHandle> OpenPlainFile(const std::filesystem::path& path, DWORD access, DWORD sharing) {
-    return FileSystem::RetryWhileHeld([&, name = FileSystem::NativeForm(path)]() -> Win32Result<Util::FileHandle> {
-        auto file = FileSystem::OpenUntrusted(name, access | SYNCHRONIZE, sharing);
-        const auto plain = file ? FileSystem::CheckPlainFile(file->Get()) : Win32Result<void>();
-        return plain ? std::move(file) : std::unexpected(plain.error());
-    });
-}
-
-Win32Result<FileIdentity> IdentityOf(const Util::FileHandle& file) {
-    BY_HANDLE_FILE_INFORMATION information{};
-    if (GetFileInformationByHandle(file.Get(), &information) == FALSE) {
-        return Util::LastError();
+template <class Open>
+Win32ArchiveFile::Result Hold(const Open& open) {
+    Win32Result<Util::FileHandle> handle = FileSystem::RetryWhileHeld(open);
+    if (!handle) {
+        return std::unexpected(handle.error());
     }
-    return FileIdentity{.volume = information.dwVolumeSerialNumber,
-                        .index = std::uint64_t{information.nFileIndexHigh} << 32U | information.nFileIndexLow};
+    return std::make_unique<Win32ArchiveFile>(*std::move(handle));
 }
 
-Win32Result<void> RenameOver(const Util::FileHandle& file, const std::filesystem::path& path) {
-    const std::size_t length = path.native().size() * sizeof(wchar_t);
-    std::vector<std::byte> buffer(sizeof(FILE_RENAME_INFO) + length);
-    auto* const information = reinterpret_cast<FILE_RENAME_INFO*>(buffer.data());
-    information->ReplaceIfExists = TRUE;
-    information->FileNameLength = static_cast<DWORD>(length);
-    std::memcpy(information->FileName, path.c_str(), length);
-    return Util::ResultOf(
-        SetFileInformationByHandle(file.Get(), FileRenameInfo, information, static_cast<DWORD>(buffer.size())));
+Win32Result<void> CopyContents(const ArchiveFile& from, ArchiveFile& to, bool (*isCancelled)()) {
+    std::vector<std::byte> buffer(std::size_t{1} << 20U);
+    for (std::uint64_t offset = 0;;) {
+        if (isCancelled()) {
+            return std::unexpected<DWORD>(ERROR_REQUEST_ABORTED);
+        }
+        const auto read = from.Read(offset, buffer);
+        if (!read || *read == 0) {
+            return read ? Win32Result<void>() : std::unexpected(read.error());
+        }
+        if (auto written = to.Write(offset, std::span(buffer).first(*read)); !written) {
+            return written;
+        }
+        offset += *read;
+    }
 }
 
 OVERLAPPED At(std::uint64_t offset) {
@@ -59,30 +56,34 @@ DWORD LengthOfTransfer(std::size_t size) {
 
 }  // namespace
 
-Win32ArchiveFile::Win32ArchiveFile(const std::filesystem::path& path) : path_(FileSystem::LongForm(path)) {}
-
-Win32ArchiveFile::Win32ArchiveFile(FileSystem::NamedFile file)
-    : path_(std::move(file.path)), remover_(path_), handle_(std::move(file.handle)) {}
-
-Win32Result<void> Win32ArchiveFile::Open() {
-    if (handle_) {
-        return {};
-    }
-    auto opened = OpenPlainFile(path_, writeAccess, 0);
-    if (!opened) {
-        return std::unexpected(opened.error());
-    }
-    handle_ = *std::move(opened);
-    return {};
+Win32ArchiveFile::Result Win32ArchiveFile::Open(const std::filesystem::path& path) {
+    return Hold([name = FileSystem::NativeForm(path)]() -> Win32Result<Util::FileHandle> {
+        auto file = FileSystem::OpenUntrusted(name, access | SYNCHRONIZE, 0);
+        const auto plain = file ? FileSystem::CheckPlainFile(file->Get()) : Win32Result<void>();
+        return plain ? std::move(file) : std::unexpected(plain.error());
+    });
 }
 
-Win32Result<void> Win32ArchiveFile::Create() {
-    auto created = FileSystem::RetryWhileHeld([&] { return FileSystem::CreatePrivateFile(path_, writeAccess, 0); });
-    if (!created) {
-        return std::unexpected(created.error());
+Win32ArchiveFile::Result Win32ArchiveFile::Create(const std::filesystem::path& path) {
+    return Hold([&] { return FileSystem::CreatePrivateFile(path, access, 0); });
+}
+
+Win32ArchiveFile::Result Win32ArchiveFile::CopyTo(const std::filesystem::path& path, bool (*isCancelled)()) const {
+    auto copy = Hold([name = FileSystem::LongForm(path)]() -> Win32Result<Util::FileHandle> {
+        Util::FileHandle file(CreateFileW(name.c_str(), access, 0, nullptr, CREATE_NEW,
+                                          FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+        return file ? Win32Result<Util::FileHandle>(std::move(file)) : Util::LastError();
+    });
+    if (!copy) {
+        return copy;
     }
-    handle_ = *std::move(created);
-    return {};
+    FileSystem::FileObjectRemover remover(path);
+    if (const auto copied = CopyContents(*this, **copy, isCancelled); !copied) {
+        copy = std::unexpected(copied.error());  // closes the file, which is then removed
+        return copy;
+    }
+    remover.Release();
+    return copy;
 }
 
 Win32Result<std::uint64_t> Win32ArchiveFile::Size() const {
@@ -130,43 +131,9 @@ Win32Result<void> Win32ArchiveFile::Write(std::uint64_t offset, std::span<const 
 Win32Result<void> Win32ArchiveFile::Truncate(std::uint64_t size) {
     FILE_END_OF_FILE_INFO end{};
     end.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
-    return Util::ResultOf(SetFileInformationByHandle(handle_.Get(), FileEndOfFileInfo, &end, sizeof end));
-}
-
-Win32Result<std::unique_ptr<ArchiveFile>> Win32ArchiveFile::CreateSibling() {
-    auto created = FileSystem::CreateUniqueFile(path_, writeAccess, 0);
-    if (!created) {
-        return std::unexpected(created.error());
-    }
-    return std::unique_ptr<ArchiveFile>(new Win32ArchiveFile(*std::move(created)));
-}
-
-Win32Result<void> Win32ArchiveFile::ReplaceBy(ArchiveFile& sibling) {
-    auto& other = static_cast<Win32ArchiveFile&>(sibling);
-    handle_.Reset();
-    auto renamed = FileSystem::RetryWhileHeld([&] { return RenameOver(other.handle_, path_); });
-    if (renamed) {
-        handle_ = std::move(other.handle_);
-        other.remover_.Release();
-    }
-    return renamed;
-}
-
-Win32Result<FileIdentity> Win32ArchiveFile::Identity() const {
-    return IdentityOf(handle_);
-}
-
-Win32Result<Util::FileHandle> Win32ArchiveFile::OpenToRead(const std::filesystem::path& path,
-                                                           const FileIdentity& identity) {
-    auto file = OpenPlainFile(path, GENERIC_READ, FILE_SHARE_READ);
-    if (!file) {
-        return file;
-    }
-    const auto found = IdentityOf(*file);
-    if (!found || *found != identity) {
-        return std::unexpected<DWORD>(found ? ERROR_FILE_INVALID : found.error());
-    }
-    return file;
+    // A filter driver may have the file mapped for a moment.
+    return FileSystem::RetryWhileHeld(
+        [&] { return Util::ResultOf(SetFileInformationByHandle(handle_.Get(), FileEndOfFileInfo, &end, sizeof end)); });
 }
 
 }  // namespace Shared::FileZip

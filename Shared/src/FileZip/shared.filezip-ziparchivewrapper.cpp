@@ -17,6 +17,7 @@
 #include "shared.filesystem-open.h"
 #include "shared.filesystem-status.h"
 #include "shared.filezip-appendsource.h"
+#include "shared.filezip-archivetail.h"
 #include "shared.util-functions.h"
 #include "shared.util-handle.h"
 
@@ -24,26 +25,13 @@ namespace Shared::FileZip {
 
 namespace {
 
-/// Deflates logs at 49 MB/s where level 6 does 36, and a package manager's log at 160 where level 6 does 74, for 2.7
-/// and 1.1 % more bytes.
+// Deflates logs at 49 MB/s where level 6 does 36, and a package manager's log at 160 where level 6 does 74, for 2.7
+// and 1.1 % more bytes.
 constexpr libzippp_uint32 deflateLevel = 5;
 
 using AddResult = ZipArchiveWrapper::AddResult;
-using FileSystem::SizeOf;
+using FileSystem::OpenedFile;
 using Util::Win32Result;
-
-std::string NotArchived(const std::filesystem::path& source, std::string_view reason) {
-    return fmt::format("Cannot archive file {}: {}", Util::ToUtf8Lossy(source), reason);
-}
-
-std::unexpected<ZipArchiveWrapper::AddFailure> Failed(std::string message, bool isArchived = false) {
-    return std::unexpected(ZipArchiveWrapper::AddFailure{.message = std::move(message), .isArchived = isArchived});
-}
-
-AddResult TooLarge(const std::filesystem::path& source, std::uint64_t size) {
-    return std::unexpected(ZipArchiveWrapper::AddFailure{
-        .message = NotArchived(source, fmt::format("it is too large ({})", FormatSize(size))), .tooLarge = size});
-}
 
 std::string Win32Reason(DWORD code) {
     switch (code) {
@@ -58,71 +46,80 @@ std::string Win32Reason(DWORD code) {
     }
 }
 
+std::unexpected<ZipArchiveWrapper::AddFailure> NotArchived(const std::filesystem::path& source,
+                                                           std::string_view reason) {
+    return std::unexpected(ZipArchiveWrapper::AddFailure{
+        .message = fmt::format("Cannot archive file {}: {}", Util::ToUtf8Lossy(source), reason)});
+}
+
+std::unexpected<ZipArchiveWrapper::AddFailure> Incomplete(const std::filesystem::path& source, std::string_view what,
+                                                          ZipArchiveWrapper::AddedEntry archived) {
+    return std::unexpected(ZipArchiveWrapper::AddFailure{
+        .message = fmt::format("File {}{}", Util::ToUtf8Lossy(source), what), .archived = std::move(archived)});
+}
+
+Win32ArchiveFile::Result CreateEmpty(const std::filesystem::path& path) {
+    auto file = Win32ArchiveFile::Create(path);
+    const auto written = file ? (*file)->Write(0, EmptyTail().bytes) : Win32Result<void>();
+    return written ? std::move(file) : std::unexpected(written.error());
+}
+
+// Kept from being renamed, so that the library reads the file whose size and time are asked for.
+Win32Result<OpenedFile> OpenSource(const std::filesystem::path& path) {
+    OpenedFile source{.path = path, .handle = {}, .facts = {}};
+    source.handle =
+        Util::FileHandle(CreateFileW(FileSystem::LongForm(path).c_str(), GENERIC_READ, FileSystem::shareContent,
+                                     nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    return source.handle ? Win32Result<OpenedFile>(std::move(source)) : Util::LastError();
+}
+
+// The path as the library takes it, empty when the name has no UTF-8 form. Of a symbolic link the library would take
+// the link's own size, so links are resolved.
+std::string LibraryPath(const OpenedFile& source) {
+    const std::wstring path =
+        FileSystem::FinalPath(source.handle.Get()).value_or(FileSystem::LongForm(source.path).native());
+    std::string text = Util::ToUtf8Lossy(path);
+    return Util::PathFromUtf8(text) == path ? text : std::string();
+}
+
 std::string Shrank(std::uint64_t before, std::uint64_t now) {
     return fmt::format("it shrank from {} to {} bytes while it was read", before, now);
 }
 
-/// Why the library could not read a file of that size to its end. The library does not report the reason, so the file
-/// is read once more to find it.
-std::string ReadingFailure(const Util::FileHandle& file, std::uint64_t size) {
-    if (const std::uint64_t now = SizeOf(file.Get()); now < size) {
-        return Shrank(size, now);
+// Why the library could not read a file of that size. The library does not report the reason, so the file is read once
+// more to find it.
+std::string ReadingFailure(HANDLE file, std::uint64_t size) {
+    if (const auto facts = FileSystem::FactsOf(file); facts && facts->size < size) {
+        return Shrank(size, facts->size);
     }
     std::vector<char> buffer(std::size_t{256} * 1024);
-    for (DWORD read = 1; read != 0;) {
-        if (ReadFile(file.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &read, nullptr) == FALSE) {
+    DWORD read = 1;
+    for (std::uint64_t total = 0; total < size && read != 0; total += read) {
+        OVERLAPPED position{};
+        position.Offset = static_cast<DWORD>(total);
+        position.OffsetHigh = static_cast<DWORD>(total >> 32U);
+        const auto length = static_cast<DWORD>(std::min<std::uint64_t>(buffer.size(), size - total));
+        if (ReadFile(file, buffer.data(), length, &read, &position) == FALSE) {
             return Win32Reason(GetLastError());
         }
     }
     return "it could not be read or compressed";
 }
 
-/// The path as the library takes it. A name that is no valid UTF-16 has no UTF-8 form: then its short name serves,
-/// where the volume keeps one.
-std::optional<std::string> LibraryPath(const std::filesystem::path& longForm) {
-    try {
-        return Util::ConvertStringType(longForm.native());
-    } catch (const Exception::Win32Exception&) {
-        std::wstring name(32768, L'\0');
-        const DWORD length = GetShortPathNameW(longForm.c_str(), name.data(), static_cast<DWORD>(name.size()));
-        if (length == 0 || length >= name.size()) {
-            return std::nullopt;
-        }
-        name.resize(length);
-        try {
-            return Util::ConvertStringType(name);
-        } catch (const Exception::Win32Exception&) {
-            return std::nullopt;
-        }
-    }
-}
-
-/// Lets the C library, with which libzip converts times, take the time zone from Windows. A variable TZ in the
-/// environment would come first; child processes keep it.
-void ForgetTimeZoneVariable() {
-    std::wstring zone(GetEnvironmentVariableW(L"TZ", nullptr, 0), L'\0');
-    if (!zone.empty()) {
-        GetEnvironmentVariableW(L"TZ", zone.data(), static_cast<DWORD>(zone.size()));
-        static_cast<void>(_wputenv_s(L"TZ", L""));
-        SetEnvironmentVariableW(L"TZ", zone.c_str());
-        _tzset();
-    }
-}
-
-/// A moment as zip entries state it: local time, by Windows' rules, from 1980 to 2107. The first one stands for what is
-/// out of that range.
+// A moment as zip entries state it: local time, by Windows' rules, from 1980 to 2107. The first one stands for what is
+// out of that range.
 struct DosTime {
     WORD date = 1U << 5U | 1U;
     WORD time = 0;
 };
 
-DosTime LastWriteTime(const Util::FileHandle& file) {
+DosTime LastWriteTime(HANDLE file) {
     FILETIME written{};
     FILETIME localWritten{};
     SYSTEMTIME utc{};
     SYSTEMTIME local{};
     DosTime time;
-    const bool converted = GetFileTime(file.Get(), nullptr, nullptr, &written) != FALSE &&
+    const bool converted = GetFileTime(file, nullptr, nullptr, &written) != FALSE &&
                            FileTimeToSystemTime(&written, &utc) != FALSE &&
                            SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local) != FALSE &&
                            SystemTimeToFileTime(&local, &localWritten) != FALSE &&
@@ -130,7 +127,7 @@ DosTime LastWriteTime(const Util::FileHandle& file) {
     return converted ? time : DosTime{};
 }
 
-std::string EntryName(std::string name) {
+std::string WithSlashes(std::string name) {
     std::ranges::replace(name, '\\', '/');
     return name;
 }
@@ -147,36 +144,10 @@ std::string FormatSize(std::uint64_t bytes) {
 }
 
 void ZipArchiveWrapper::Releaser::operator()(libzippp::ZipArchive* archive) const noexcept {
-    // Every add has been written by then; the library's own destructor would write what failed.
+    // Every add has been written before; the library's own destructor would write what failed.
     archive->discard();
     libzippp::ZipArchive::free(archive);
 }
-
-/// A file that is being added. It is held open from the first look at it, and kept from being renamed, so that its size
-/// and its time are those of the very file which the library reads.
-struct ZipArchiveWrapper::SourceFile {
-    std::filesystem::path path;
-    Util::FileHandle handle;
-    std::string libraryPath;
-
-    /// The reason when it cannot be opened.
-    static std::expected<SourceFile, std::string> Open(const std::filesystem::path& path) {
-        const std::filesystem::path longForm = FileSystem::LongForm(path);
-        auto handle = FileSystem::SharedWait().Retry([&]() -> Win32Result<Util::FileHandle> {
-            Util::FileHandle file(CreateFileW(longForm.c_str(), GENERIC_READ, FileSystem::shareContent, nullptr,
-                                              OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-            return file ? Win32Result<Util::FileHandle>(std::move(file)) : Util::LastError();
-        });
-        if (!handle) {
-            return std::unexpected(Win32Reason(handle.error()));
-        }
-        std::optional<std::string> libraryPath = LibraryPath(longForm);
-        if (!libraryPath) {
-            return std::unexpected("its name is not valid UTF-16");
-        }
-        return SourceFile{.path = path, .handle = *std::move(handle), .libraryPath = std::move(*libraryPath)};
-    }
-};
 
 ZipArchiveWrapper::ZipArchiveWrapper(std::filesystem::path path, std::uint64_t maxArchiveSize, bool deleteOnClose)
     : path_(std::move(path)), maxArchiveSize_(maxArchiveSize), deleteOnClose_(deleteOnClose) {}
@@ -187,24 +158,29 @@ void ZipArchiveWrapper::Open(Creation creation) {
     if (path_.empty()) {
         throw Exception::RuntimeException("Path to archive was empty");
     }
-    if (const auto opened = TryOpen(creation); !opened) {
+    Win32ArchiveFile::Result file = std::unexpected<DWORD>(ERROR_FILE_NOT_FOUND);
+    if (creation == Creation::IfMissing) {
+        file = Win32ArchiveFile::Open(path_);
+    }
+    if (!file && file.error() == ERROR_FILE_NOT_FOUND) {
+        file = CreateEmpty(path_);
+    }
+    if (const auto opened = Use(std::move(file)); !opened) {
         throw Exception::Win32Exception(CannotOpen(opened.error()), opened.error());
     }
 }
 
-Win32Result<void> ZipArchiveWrapper::TryOpen(Creation creation) {
-    ForgetTimeZoneVariable();
-    archive_.reset();
-    file_ = std::make_unique<Win32ArchiveFile>(path_);
-    source_ = std::make_unique<AppendInPlaceSource>(*file_);
-    auto opened = creation == Creation::New ? source_->Create() : source_->Prepare();
-    if (!opened && opened.error() == ERROR_FILE_NOT_FOUND && creation == Creation::IfMissing) {
-        opened = source_->Create();
+// Opens the library's archive over the file; leaves none when that fails.
+Win32Result<void> ZipArchiveWrapper::Use(Win32ArchiveFile::Result file) {
+    Close();
+    if (!file) {
+        return std::unexpected(file.error());
     }
-    opened = opened ? OpenLibrary() : opened;
+    file_ = *std::move(file);
+    source_ = std::make_unique<AppendInPlaceSource>(*file_);
+    auto opened = Reopen();
     if (!opened) {
-        source_.reset();
-        file_.reset();
+        Close();
     } else if (deleteOnClose_) {
         remover_.Release();
         remover_ = FileSystem::FileObjectRemover(path_);
@@ -212,14 +188,15 @@ Win32Result<void> ZipArchiveWrapper::TryOpen(Creation creation) {
     return opened;
 }
 
-/// Opens the archive as it is on disk now; leaves none when that fails.
-Win32Result<void> ZipArchiveWrapper::Reopen() {
+// Opens the archive as it is on disk now; leaves none when that fails.
+Win32Result<void> ZipArchiveWrapper::Reopen() const {
     archive_.reset();
-    const auto prepared = source_->Prepare();
-    return prepared ? OpenLibrary() : prepared;
-}
-
-Win32Result<void> ZipArchiveWrapper::OpenLibrary() {
+    if (!source_) {
+        return std::unexpected<DWORD>(ERROR_INVALID_HANDLE);
+    }
+    if (auto prepared = source_->Prepare(); !prepared) {
+        return prepared;
+    }
     zip_source_t* source = source_->NewSource();
     if (source == nullptr) {
         return std::unexpected<DWORD>(ERROR_NOT_ENOUGH_MEMORY);
@@ -239,170 +216,25 @@ std::string ZipArchiveWrapper::CannotOpen(DWORD code) const {
     return fmt::format("Cannot open archive {}: {}", Util::ToUtf8Lossy(path_), Win32Reason(code));
 }
 
-void ZipArchiveWrapper::Close() {
-    const bool failed = archive_ && archive_->close() != LIBZIPPP_OK;
-    const std::string reason = failed ? WritingFailure() : std::string();
-    if (file_) {
-        identity_ = file_->Identity().value_or(FileIdentity());
-    }
-    archive_.reset();
-    source_.reset();
-    file_.reset();
-    if (failed) {
-        throw Exception::RuntimeException(reason);
-    }
-}
-
-Util::FileHandle ZipArchiveWrapper::ReopenToCopy() const {
-    auto file = Win32ArchiveFile::OpenToRead(path_, identity_);
-    if (!file) {
-        throw Exception::Win32Exception(CannotOpen(file.error()), file.error());
-    }
-    return *std::move(file);
-}
-
-std::string ZipArchiveWrapper::WritingFailure() const {
+std::string ZipArchiveWrapper::CannotWrite() const {
     const DWORD code = source_->LastFailure();
     return fmt::format("archive {} could not be written: {}", Util::ToUtf8Lossy(path_),
                        code == ERROR_SUCCESS ? "the library gave no reason" : Win32Reason(code));
 }
 
-/// Goes back to what is on disk. Returns what to add to a message: nothing, or that this failed too.
-std::string ZipArchiveWrapper::DropChanges() {
-    const auto reopened = Reopen();
-    return reopened ? std::string() : "; " + CannotOpen(reopened.error());
+void ZipArchiveWrapper::Close() {
+    archive_.reset();
+    source_.reset();
+    file_.reset();
 }
 
-/// Adds by the given function, with the archive open: the add before may have left it closed.
-template <class Add>
-AddResult ZipArchiveWrapper::WithOpenArchive(const std::filesystem::path& source, const Add& add) {
-    try {
-        if (!archive_) {
-            if (const auto opened = source_ ? Reopen() : TryOpen(Creation::Never); !opened) {
-                return Failed(NotArchived(source, CannotOpen(opened.error())));
-            }
-        }
-        return add();
-    } catch (const std::exception& failure) {
-        Exception::LogError("{}", failure.what());
-        const std::string error = source_ ? DropChanges() : std::string();
-        return Failed(NotArchived(source, "it could not be added, see the log") + error);
+Win32Result<void> ZipArchiveWrapper::CopyTo(const std::filesystem::path& path, bool (*isCancelled)()) {
+    auto copy = file_->CopyTo(path, isCancelled);
+    if (!copy) {
+        return std::unexpected(copy.error());
     }
-}
-
-AddResult ZipArchiveWrapper::AddFile(const std::string& entryName, const std::filesystem::path& source,
-                                     std::uint64_t maxSize) {
-    return WithOpenArchive(source, [&] { return AddSource(EntryName(entryName), source, maxSize); });
-}
-
-AddResult ZipArchiveWrapper::AddFileToFolder(const std::filesystem::path& entryFolder,
-                                             const std::filesystem::path& source, std::uint64_t maxSize) {
-    return WithOpenArchive(source, [&] {
-        const std::string folder = EntryName(Util::ToUtf8Lossy(entryFolder));
-        return AddSource(FreeName(folder + '/', Util::ToUtf8Lossy(source.filename())), source, maxSize);
-    });
-}
-
-/// The entry name, or that name with the first number with which no entry has it. Names that differ only in
-/// the case of ASCII letters count as one: they are one file name where the archive is unpacked.
-std::string ZipArchiveWrapper::FreeName(const std::string& folder, const std::string& name) const {
-    // A dot at the beginning of a name begins no extension.
-    const std::size_t dot = name.find_last_of('.');
-    const std::size_t stem = dot == 0 ? std::string::npos : dot;
-    const std::string extension = stem == std::string::npos ? std::string() : name.substr(stem);
-    std::string entryName = folder + name;
-    for (int number = 2; archive_->hasEntry(entryName, false, false); ++number) {
-        entryName = fmt::format("{}{} ({}){}", folder, name.substr(0, stem), number, extension);
-    }
-    return entryName;
-}
-
-AddResult ZipArchiveWrapper::AddSource(const std::string& entryName, const std::filesystem::path& source,
-                                       std::uint64_t maxSize) {
-    if (entryName.empty() || entryName.ends_with('/')) {
-        return Failed(NotArchived(source, "the entry has no name"));
-    }
-    const auto opened = SourceFile::Open(source);
-    if (!opened) {
-        return Failed(NotArchived(source, opened.error()));
-    }
-    const std::uint64_t size = SizeOf(opened->handle.Get());
-    AddResult added = AddOpened(entryName, *opened, maxSize);
-    const bool isDecided = added || added.error().isArchived || added.error().tooLarge;
-    // A log that was begun anew meanwhile can be read to its new end.
-    const bool mayBeReadNow = !isDecided && archive_ && SizeOf(opened->handle.Get()) != size;
-    return mayBeReadNow ? AddOpened(entryName, *opened, maxSize) : added;
-}
-
-AddResult ZipArchiveWrapper::AddOpened(const std::string& entryName, const SourceFile& source, std::uint64_t maxSize) {
-    const std::uint64_t size = SizeOf(source.handle.Get());
-    if (maxSize != 0 && size > maxSize) {
-        return TooLarge(source.path, size);
-    }
-    if (!Write(entryName, source, size)) {
-        const std::string reason =
-            source_->LastFailure() != ERROR_SUCCESS ? WritingFailure() : ReadingFailure(source.handle, size);
-        return Failed(NotArchived(source.path, reason) + DropChanges());
-    }
-    if (const auto reopened = Reopen(); !reopened) {
-        return Failed(fmt::format("File {} was archived, but then: {}", Util::ToUtf8Lossy(source.path),
-                                  CannotOpen(reopened.error())),
-                      true);
-    }
-    return CheckAdded(entryName, source, size, maxSize);
-}
-
-bool ZipArchiveWrapper::Write(const std::string& entryName, const SourceFile& source, std::uint64_t size) {
-    // An entry that is replaced in place would keep the library's default compression.
-    if (archive_->hasEntry(entryName) && archive_->deleteEntry(entryName) != 1) {
-        return false;
-    }
-    // Of a file without a size the library reads whatever is there, for as long as the file grows.
-    if (!(size == 0 ? archive_->addData(entryName, "", 0) : archive_->addFile(entryName, source.libraryPath))) {
-        return false;
-    }
-    libzippp::ZipEntry entry = archive_->getEntry(entryName);
-    if (entry.isNull() || !entry.setCompressionMethod(libzippp::DEFLATE) || !entry.setCompressionLevel(deflateLevel)) {
-        return false;
-    }
-    const DosTime written = LastWriteTime(source.handle);
-    return zip_file_set_dostime(archive_->getZipHandle(), entry.getIndex(), written.time, written.date, 0) == 0 &&
-           archive_->close() == LIBZIPPP_OK;
-}
-
-AddResult ZipArchiveWrapper::CheckAdded(const std::string& entryName, const SourceFile& source, std::uint64_t size,
-                                        std::uint64_t maxSize) {
-    const std::uint64_t archived = archive_->getEntry(entryName).getSize();
-    if (maxSize != 0 && archived > maxSize) {
-        AddResult excluded = TooLarge(source.path, archived);
-        excluded.error().message += Remove(entryName);
-        return excluded;
-    }
-    if (maxArchiveSize_ != 0 && source_->FileSize() > maxArchiveSize_) {
-        return Failed(fmt::format("Excluded file {} ({}) as it exceeds the maximum archive size ({}).",
-                                  Util::ToUtf8Lossy(source.path), FormatSize(size), FormatSize(maxArchiveSize_)) +
-                      Remove(entryName));
-    }
-    if (archived < size) {
-        return Failed(fmt::format("File {}: {}; what was read is archived", Util::ToUtf8Lossy(source.path),
-                                  Shrank(size, archived)),
-                      true);
-    }
-    if (const std::uint64_t now = SizeOf(source.handle.Get()); now > archived) {
-        return Failed(fmt::format("File {} grew to {} bytes while it was read: its first {} bytes are archived",
-                                  Util::ToUtf8Lossy(source.path), now, archived),
-                      true);
-    }
-    return {};
-}
-
-/// Takes an entry out of the file on disk. Returns what to add to a message: nothing, or what went wrong.
-std::string ZipArchiveWrapper::Remove(const std::string& entryName) {
-    std::string error;
-    if (archive_->deleteEntry(entryName) != 1 || archive_->close() != LIBZIPPP_OK) {
-        error = "; its entry could not be removed: " + WritingFailure();
-    }
-    return error + DropChanges();
+    path_ = path;
+    return Use(std::move(copy));
 }
 
 void ZipArchiveWrapper::SetPath(std::filesystem::path path) {
@@ -413,8 +245,160 @@ const std::filesystem::path& ZipArchiveWrapper::Path() const noexcept {
     return path_;
 }
 
+AddResult ZipArchiveWrapper::AddFile(const std::string& entryName, const std::filesystem::path& source,
+                                     std::uint64_t maxSize) {
+    return Add([&] { return WithSlashes(entryName); }, source, nullptr, maxSize);
+}
+
+AddResult ZipArchiveWrapper::AddFileToFolder(const std::filesystem::path& entryFolder,
+                                             const std::filesystem::path& source, std::uint64_t maxSize) {
+    return Add([&] { return UnusedEntryName(entryFolder, source); }, source, nullptr, maxSize);
+}
+
+AddResult ZipArchiveWrapper::AddFileToFolder(const std::filesystem::path& entryFolder, const OpenedFile& source,
+                                             std::uint64_t maxSize) {
+    return Add([&] { return UnusedEntryName(entryFolder, source.path); }, source.path, &source, maxSize);
+}
+
+// Names that differ only in the case of ASCII letters count as one: they are one file name where the archive is
+// unpacked.
+std::string ZipArchiveWrapper::UnusedEntryName(const std::filesystem::path& folder,
+                                               const std::filesystem::path& file) const {
+    const std::string start = WithSlashes(Util::ToUtf8Lossy(folder)) + '/';
+    const std::string name = Util::ToUtf8Lossy(file.filename());
+    // A dot at the beginning of a name begins no extension.
+    const std::size_t dot = name.find_last_of('.');
+    const std::size_t stem = dot == 0 ? std::string::npos : dot;
+    const std::string extension = stem == std::string::npos ? std::string() : name.substr(stem);
+    std::string entryName = start + name;
+    for (int number = 2; archive_->hasEntry(entryName, false, false); ++number) {
+        entryName = fmt::format("{}{} ({}){}", start, name.substr(0, stem), number, extension);
+    }
+    return entryName;
+}
+
+// Adds the file that is open already, or the one at the path. The name is asked for while the archive is open: the
+// failure of an earlier add may have left it closed.
+AddResult ZipArchiveWrapper::Add(const EntryNamer& entryName, const std::filesystem::path& path,
+                                 const OpenedFile* opened, std::uint64_t maxSize) {
+    try {
+        if (const auto reopened = archive_ ? Win32Result<void>() : Reopen(); !reopened) {
+            return NotArchived(path, CannotOpen(reopened.error()));
+        }
+        const std::string name = entryName();
+        if (name.empty() || name.ends_with('/')) {
+            return NotArchived(path, "the entry has no name");
+        }
+        if (archive_->hasEntry(name)) {
+            return NotArchived(path, fmt::format("the archive has an entry {}", name));
+        }
+        if (opened != nullptr) {
+            return AddOpened(name, *opened, maxSize, true);
+        }
+        const auto source = FileSystem::SharedWait().Retry([&] { return OpenSource(path); });
+        return source ? AddOpened(name, *source, maxSize, true) : NotArchived(path, Win32Reason(source.error()));
+    } catch (const std::exception& failure) {
+        Exception::LogError("{}", failure.what());
+        return DropAdd(path, "it could not be added, see the log");
+    }
+}
+
+AddResult ZipArchiveWrapper::AddOpened(const std::string& entryName, const OpenedFile& source, std::uint64_t maxSize,
+                                       bool mayTryAgain) {
+    const auto facts = FileSystem::FactsOf(source.handle.Get());
+    if (!facts) {
+        return NotArchived(source.path, Win32Reason(facts.error()));
+    }
+    if (facts->kind != FileSystem::FileKind::Regular) {
+        return NotArchived(source.path, Win32Reason(ERROR_BAD_FILE_TYPE));
+    }
+    const std::uint64_t size = facts->size;
+    if (maxSize != 0 && size > maxSize) {
+        auto failure = NotArchived(source.path, fmt::format("it is too large ({})", FormatSize(size)));
+        failure.error().tooLarge = size;
+        return failure;
+    }
+    const std::string libraryPath = LibraryPath(source);
+    if (libraryPath.empty()) {
+        return NotArchived(source.path, "its name is not valid UTF-16");
+    }
+    if (Write(entryName, libraryPath, source, size)) {
+        return CheckAdded(entryName, source, size);
+    }
+    if (source_->LastFailure() != ERROR_SUCCESS) {
+        return DropAdd(source.path, CannotWrite());
+    }
+    // The file may have been cut, or begun anew, since its size was asked for.
+    if (mayTryAgain && Reopen()) {
+        return AddOpened(entryName, source, maxSize, false);
+    }
+    return DropAdd(source.path, ReadingFailure(source.handle.Get(), size));
+}
+
+bool ZipArchiveWrapper::Write(const std::string& entryName, const std::string& libraryPath, const OpenedFile& source,
+                              std::uint64_t size) {
+    // Of a file that is empty when the library looks at it, the library reads whatever is there later.
+    if (!(size == 0 ? archive_->addData(entryName, "", 0) : archive_->addFile(entryName, libraryPath))) {
+        return false;
+    }
+    libzippp::ZipEntry entry = archive_->getEntry(entryName);
+    if (entry.isNull() || entry.getSize() != size || !entry.setCompressionMethod(libzippp::DEFLATE) ||
+        !entry.setCompressionLevel(deflateLevel)) {
+        return false;
+    }
+    const DosTime written = LastWriteTime(source.handle.Get());
+    return zip_file_set_dostime(archive_->getZipHandle(), entry.getIndex(), written.time, written.date, 0) == 0 &&
+           archive_->close() == LIBZIPPP_OK;
+}
+
+// Goes back to what is on disk.
+std::unexpected<ZipArchiveWrapper::AddFailure> ZipArchiveWrapper::DropAdd(const std::filesystem::path& source,
+                                                                          std::string reason) {
+    if (const auto reopened = Reopen(); !reopened) {
+        reason += "; " + CannotOpen(reopened.error());
+    }
+    return NotArchived(source, reason);
+}
+
+AddResult ZipArchiveWrapper::CheckAdded(const std::string& entryName, const OpenedFile& source, std::uint64_t size) {
+    AddedEntry entry{.entryName = entryName, .size = size};
+    if (const auto reopened = Reopen(); !reopened) {
+        return Incomplete(source.path, " was archived, but then: " + CannotOpen(reopened.error()), entry);
+    }
+    if (maxArchiveSize_ != 0 && source_->FileSize() > maxArchiveSize_) {
+        return Exclude(entry, source.path);
+    }
+    entry.size = archive_->getEntry(entryName).getSize();
+    if (entry.size < size) {
+        return Incomplete(source.path, fmt::format(": {}; what was read is archived", Shrank(size, entry.size)), entry);
+    }
+    if (const auto facts = FileSystem::FactsOf(source.handle.Get()); facts && facts->size > size) {
+        return Incomplete(
+            source.path,
+            fmt::format(" grew to {} bytes while it was read: its first {} bytes are archived", facts->size, size),
+            entry);
+    }
+    return entry;
+}
+
+// Takes the entry out of the archive, which has become too large with it.
+AddResult ZipArchiveWrapper::Exclude(const AddedEntry& entry, const std::filesystem::path& source) {
+    const bool isWritten = archive_->deleteEntry(entry.entryName) == 1 && archive_->close() == LIBZIPPP_OK;
+    const std::string reason = isWritten ? std::string() : CannotWrite();
+    AddFailure failure{.message =
+                           fmt::format("Excluded file {} ({}) as it exceeds the maximum archive size ({}).",
+                                       Util::ToUtf8Lossy(source), FormatSize(entry.size), FormatSize(maxArchiveSize_))};
+    if (const auto reopened = Reopen(); !reopened) {
+        failure.message += "; " + CannotOpen(reopened.error());
+    } else if (archive_->hasEntry(entry.entryName)) {
+        failure.message += "; its entry could not be removed: " + reason;
+        failure.archived = entry;
+    }
+    return std::unexpected(std::move(failure));
+}
+
 std::vector<libzippp::ZipEntry> ZipArchiveWrapper::Entries() const {
-    return archive_ ? archive_->getEntries() : std::vector<libzippp::ZipEntry>();
+    return archive_ || Reopen() ? archive_->getEntries() : std::vector<libzippp::ZipEntry>();
 }
 
 }  // namespace Shared::FileZip

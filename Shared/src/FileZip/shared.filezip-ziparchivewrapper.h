@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <expected>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,7 +14,6 @@
 #include "shared.filesystem-removal.h"
 #include "shared.filesystem-status.h"
 #include "shared.filezip-archivefile.h"
-#include "shared.util-handle.h"
 #include "shared.util-win32result.h"
 
 namespace Shared::FileZip {
@@ -33,27 +33,30 @@ class AppendInPlaceSource;
 /// tries again.
 ///
 /// Adding writes what is added, not what is there (see AppendInPlaceSource, which also says what a kill leaves).
-/// Replacing an entry and taking out one that is over a limit cost the whole archive; an entry whose replacement is
-/// over a limit is gone.
 class ZipArchiveWrapper {
 public:
     enum class Creation : std::uint8_t {
         IfMissing,
-        New,   ///< ERROR_FILE_EXISTS when anything exists at the path
-        Never  ///< ERROR_FILE_NOT_FOUND when there is no file
+        New  ///< ERROR_FILE_EXISTS when anything exists at the path
+    };
+
+    /// A file as the archive holds it.
+    struct AddedEntry {
+        std::string entryName;
+        std::uint64_t size = 0;
     };
 
     /// What went wrong with an add.
     struct AddFailure {
         /// Names the file and the reason.
         std::string message;
-        /// Whether the archive holds the file all the same: a part of one that changed its size, or the whole of one
-        /// after which the archive could not be opened again.
-        bool isArchived = false;
+        /// When the archive holds the file all the same: a part of one that changed its size, or the whole of one after
+        /// which the archive could not be opened again.
+        std::optional<AddedEntry> archived{};
         /// The source's size in bytes when it is why nothing is archived: it is larger than the caller allows.
         std::optional<std::uint64_t> tooLarge{};
     };
-    using AddResult = std::expected<void, AddFailure>;
+    using AddResult = std::expected<AddedEntry, AddFailure>;
 
     /// `maxArchiveSize` 0 means no limit; otherwise the largest size in bytes that the zip file may have after an add.
     explicit ZipArchiveWrapper(std::filesystem::path path, std::uint64_t maxArchiveSize = 0,
@@ -65,73 +68,70 @@ public:
 
     /// Opens the archive at the path, keeping existing entries, or creates one, which is a whole zip without entries at
     /// once. Throws RuntimeException "Path to archive was empty", or Win32Exception when the file cannot be opened or
-    /// is no archive.
+    /// is no archive that AppendInPlaceSource takes.
     void Open(Creation creation = Creation::IfMissing);
 
-    /// Closes the archive and its file; throws RuntimeException when the library cannot write it.
+    /// Closes the archive and its file. Nothing is left to be written: every add has written what it added.
     void Close();
 
-    /// After Close: opens the file for reading, so that other processes can do no more than that until the handle is
-    /// closed. Throws Win32Exception, of ERROR_FILE_INVALID when another file has taken the archive's place.
-    [[nodiscard]] Util::FileHandle ReopenToCopy() const;
+    /// Copies the open archive to a new file, which is the archive from then on and takes the old one's place without
+    /// being closed in between. Fails as Win32ArchiveFile::CopyTo does; the archive is then still the old one.
+    [[nodiscard]] Util::Win32Result<void> CopyTo(const std::filesystem::path& path, bool (*isCancelled)());
 
     /// Points the wrapper at another file, which the next Open opens.
     void SetPath(std::filesystem::path path);
     [[nodiscard]] const std::filesystem::path& Path() const noexcept;
 
-    /// Adds the file under the entry name (UTF-8, forward slashes), replacing an entry of that name. The entry keeps
-    /// the file's last write time, as local time. With `maxSize` other than 0 a larger source is not archived. The
-    /// source may be open elsewhere, also for writing: of a file that grows meanwhile the part is archived that was
-    /// there at first; of one that shrinks what could be read, or what is left of it at a second attempt. A part is a
-    /// failure that says so. Does not throw.
+    /// Adds the file under the entry name (UTF-8, forward slashes), which no entry may have. The entry keeps the file's
+    /// last write time, as local time. With `maxSize` other than 0 a larger source is not archived. The source may be
+    /// open elsewhere, also for writing: if it grows, its first bytes (the size at the start) are archived; if it
+    /// shrinks, what could be read. Either is a failure with `archived` set. Does not throw.
     AddResult AddFile(const std::string& entryName, const std::filesystem::path& source, std::uint64_t maxSize = 0);
 
-    /// As AddFile, under the folder joined with the source file's own name. Never replaces an entry: the second file of
-    /// a name becomes "name (2).log", and so on.
+    /// As AddFile, under the folder joined with the source file's own name, or with the first free number where an
+    /// entry has that name: the second file of a name becomes "name (2).log", and so on.
     AddResult AddFileToFolder(const std::filesystem::path& entryFolder, const std::filesystem::path& source,
                               std::uint64_t maxSize = 0);
 
-    /// As AddFileToFolder, of a file that the caller has open for reading and keeps from being renamed.
+    /// As above, of a file that the caller has opened for reading so that it cannot be renamed: the library reads it by
+    /// its path.
     AddResult AddFileToFolder(const std::filesystem::path& entryFolder, const FileSystem::OpenedFile& source,
-                              std::uint64_t maxSize = 0) {
-        return AddFileToFolder(entryFolder, source.path, maxSize);
-    }
+                              std::uint64_t maxSize = 0);
 
-    /// The entries of the open archive, in archive order.
+    /// The entries of the open archive, in archive order; none when it cannot be read.
     [[nodiscard]] std::vector<libzippp::ZipEntry> Entries() const;
 
 private:
-    struct SourceFile;
     struct Releaser {
         void operator()(libzippp::ZipArchive* archive) const noexcept;
     };
+    using EntryNamer = std::function<std::string()>;
 
-    [[nodiscard]] Util::Win32Result<void> TryOpen(Creation creation);
-    [[nodiscard]] Util::Win32Result<void> Reopen();
-    [[nodiscard]] Util::Win32Result<void> OpenLibrary();
+    [[nodiscard]] Util::Win32Result<void> Use(Win32ArchiveFile::Result file);
+    [[nodiscard]] Util::Win32Result<void> Reopen() const;
     [[nodiscard]] std::string CannotOpen(DWORD code) const;
-    [[nodiscard]] std::string DropChanges();
-    [[nodiscard]] std::string Remove(const std::string& entryName);
-    [[nodiscard]] std::string WritingFailure() const;
-    [[nodiscard]] std::string FreeName(const std::string& folder, const std::string& name) const;
-    template <class Add>
-    AddResult WithOpenArchive(const std::filesystem::path& source, const Add& add);
-    AddResult AddSource(const std::string& entryName, const std::filesystem::path& source, std::uint64_t maxSize);
-    AddResult AddOpened(const std::string& entryName, const SourceFile& source, std::uint64_t maxSize);
-    bool Write(const std::string& entryName, const SourceFile& source, std::uint64_t size);
-    AddResult CheckAdded(const std::string& entryName, const SourceFile& source, std::uint64_t size,
-                         std::uint64_t maxSize);
+    [[nodiscard]] std::string CannotWrite() const;
+    [[nodiscard]] std::string UnusedEntryName(const std::filesystem::path& folder,
+                                              const std::filesystem::path& file) const;
+    AddResult Add(const EntryNamer& entryName, const std::filesystem::path& path, const FileSystem::OpenedFile* opened,
+                  std::uint64_t maxSize);
+    AddResult AddOpened(const std::string& entryName, const FileSystem::OpenedFile& source, std::uint64_t maxSize,
+                        bool mayTryAgain);
+    bool Write(const std::string& entryName, const std::string& libraryPath, const FileSystem::OpenedFile& source,
+               std::uint64_t size);
+    std::unexpected<AddFailure> DropAdd(const std::filesystem::path& source, std::string reason);
+    AddResult CheckAdded(const std::string& entryName, const FileSystem::OpenedFile& source, std::uint64_t size);
+    AddResult Exclude(const AddedEntry& entry, const std::filesystem::path& source);
 
     FileSystem::FileObjectRemover remover_;
     std::filesystem::path path_;
     std::uint64_t maxArchiveSize_ = 0;
     bool deleteOnClose_ = false;
-    /// Of the file as it was closed.
-    FileIdentity identity_;
     /// Null while the archive is closed. Each is used by the next one.
     std::unique_ptr<Win32ArchiveFile> file_;
     std::unique_ptr<AppendInPlaceSource> source_;
-    std::unique_ptr<libzippp::ZipArchive, Releaser> archive_;
+    /// Null also after a failure to open it again, until it is needed.
+    mutable std::unique_ptr<libzippp::ZipArchive, Releaser> archive_;
 };
 
 }  // namespace Shared::FileZip

@@ -144,7 +144,8 @@ void WritePrelogon(std::ostream& report) noexcept {
 void WriteCPGuid(std::ostream& report) noexcept {
     WriteSection("Failed writing out CP GUID: {}", [&] {
         if (Find(BelowPortavo(L""), L"wrap-cp-guid", &RegKey::GetValueSize)) {
-            report << "\nWrap CP Guid:\n" << ToUtf8Lossy(RegGetString(HKEY_LOCAL_MACHINE, portavoKey, L"wrap-cp-guid"));
+            const std::wstring guid = RegGetString(HKEY_LOCAL_MACHINE, portavoKey, L"wrap-cp-guid");
+            report << "\nWrap CP Guid:\n" << ToUtf8Lossy(guid);
         } else {
             report << "\nwrap-cp-guid value is not present.\n";
         }

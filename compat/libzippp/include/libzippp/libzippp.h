@@ -36,7 +36,7 @@ enum CompressionMethod { DEFAULT = 0, STORE, DEFLATE };
 /// One zip archive. Changes are kept in memory, and the file is written by close().
 class ZipArchive {
 public:
-    enum OpenMode { NotOpen, ReadOnly, Write, New };
+    enum OpenMode { NotOpen, ReadOnly, Write };
 
     /// The path is UTF-8.
     explicit ZipArchive(const std::string& zipPath);
@@ -50,7 +50,7 @@ public:
     static ZipArchive* fromSource(zip_source* source, OpenMode mode = ReadOnly, bool checkConsistency = false);
     static void free(ZipArchive* archive);
 
-    /// Write keeps existing entries and creates a missing archive, New drops existing entries.
+    /// Write keeps existing entries and creates a missing archive.
     bool open(OpenMode mode = ReadOnly, bool checkConsistency = false);
     /// LIBZIPPP_OK, or an error: then the archive is still open, with its changes.
     int close();
@@ -79,7 +79,7 @@ public:
 private:
     friend class ZipEntry;
 
-    bool isMutable() const { return isOpen() && (mode_ == Write || mode_ == New); }
+    bool isMutable() const { return isOpen() && mode_ == Write; }
     bool openSource(zip_source* source, OpenMode mode, bool checkConsistency);
     bool addSource(const std::string& entryName, zip_source* source) const;
     bool addDirectories(const std::string& entryName) const;
