@@ -127,10 +127,6 @@ class Archive:
     def row(self, name):
         return next(row for row in self.rows if row["name"] == name)
 
-    def texts(self):
-        """The texts that the tool's rows have left."""
-        return [self.text(name) for name in self.names if "/lacli_" in name]
-
     def text(self, name):
         return self.entries[name][1].decode("utf-8")
 
@@ -164,12 +160,6 @@ class Case(unittest.TestCase):
         self.assertEqual((done.returncode, done.stderr), (status, b""), printed)
         self.assert_nothing_runs_in(folder)
         return printed
-
-    def wait_for(self, condition):
-        deadline = time.monotonic() + 60
-        while not condition():
-            self.assertLess(time.monotonic(), deadline)
-            time.sleep(0.05)
 
     def assert_nothing_runs_in(self, folder):
         # Wine takes a moment to clear away a process that has ended.

@@ -229,60 +229,53 @@ class Links(Case):
 
     def setUp(self):
         super().setUp()
-        self.user, self.other = BARE.profiles()[0], BARE.drive / "other"
-        self.local, self.data = self.user / "AppData/Local/Velqor", BARE.drive / "ProgramData/Velqor"
-        self.moved = BARE.drive / "users/moved"
-        for path in (self.local, self.data, self.other):
-            self.addCleanup(shutil.rmtree, path, ignore_errors=True)
-        for path in (self.data, self.moved):
-            self.addCleanup(lambda link: link.unlink() if link.is_symlink() else None, path)
-        for path in (self.local / "OXM/Viewpane/own.log", self.local / "OXM/Viewpane/held.log",
-                     self.local / "OXM/Viewpane/sub/deep.log", self.data / "DLP/logs/own.txt",
-                     self.data / "DLP/logs/sub/deep.txt", self.other / "secret.log", self.other / "secret.txt",
-                     self.other / "VqPVA.log", self.other / "VqPVA.log.old", self.other / "moved/VqPVA.dmp",
-                     *(self.other / f"Logs/LumoraAccessAgentLog.etl.00{number}" for number in range(6))):
-            machine.write(path, path.name.encode())
+        self.local, self.data = f"users/{BARE.profiles()[0].name}/AppData/Local/Velqor", "ProgramData/Velqor"
+        self.panes, self.logs = f"{self.local}/OXM/Viewpane", f"{self.data}/DLP/logs"
+        for folder in (self.local, self.data, "users/moved", "other"):
+            self.addCleanup(self.remove, BARE.drive / folder)
+        for name in (f"{self.panes}/own.log", f"{self.panes}/held.log", f"{self.panes}/sub/deep.log",
+                     f"{self.logs}/own.txt", f"{self.logs}/sub/deep.txt", "other/secret.log", "other/secret.txt",
+                     "other/VqPVA.log", "other/VqPVA.log.old", "other/moved/VqPVA.dmp",
+                     *(f"other/Logs/LumoraAccessAgentLog.etl.00{number}" for number in range(6))):
+            machine.write(BARE.drive / name, b"text")
+
+    @staticmethod
+    def remove(path):
+        path.unlink() if path.is_symlink() else shutil.rmtree(path, ignore_errors=True)
+
+    def assert_refused(self, refused, archived):
+        """The files that the rows of folders refuse, and the names of all that is archived; returns the archive."""
+        archive = self.archive("-l", "-c")
+        self.assertEqual({name.split("/")[-1] for name in archive.names}, {*archived, "manifest.json", "agent-cli.log"})
+        for folder, names in refused.items():
+            origin = "C:\\" + folder.replace("/", "\\")
+            row = next(row for row in archive.rows if row.get("origin") == origin)
+            errors = [error for error in row.get("errors", []) if error.endswith("is not a regular file.")]
+            self.assertEqual(sorted(errors), [f"The file '{origin}{name}' is not a regular file." for name in names])
+        return archive
 
     def test_nothing_is_read_through_a_link(self):
-        panes, logs = self.local / "OXM/Viewpane", self.data / "DLP/logs"
-        for link, target in ((panes / "link.log", "secret.log"), (logs / "link.txt", "secret.txt"),
-                             (logs / "folder", ""), (self.local / "OXM/ViewpaneUI", ""), (self.local / "Portavo", ""),
-                             (self.data / "Lumora Access Agent", ""), (self.moved, "moved")):
-            link.symlink_to(self.other / target)
-        os.link(self.other / "secret.log", panes / "hard.log")
-        os.link(self.other / "secret.txt", logs / "hard.txt")
-        self.enterContext(BARE.holding((panes / "held.log").relative_to(BARE.drive), TOOL))
-        access = self.data / "Lumora Access Agent/Logs"
-        archive = self.collect_and_compare(
-            [(panes, [panes / name for name in ("hard.log", "link.log", "sub")]),
-             (logs, [logs / name for name in ("folder", "hard.txt", "link.txt")]),
-             (self.local / "Portavo", [self.local / "Portavo" / name for name in ("VqPVA.log", "VqPVA.log.old")]),
-             (access, [access, *(access / f"LumoraAccessAgentLog.etl.00{number}" for number in range(6))])],
+        for link, target in ((f"{self.panes}/link.log", "secret.log"), (f"{self.logs}/link.txt", "secret.txt"),
+                             (f"{self.logs}/folder", ""), (f"{self.local}/OXM/ViewpaneUI", ""),
+                             (f"{self.local}/Portavo", ""), (f"{self.data}/Lumora Access Agent", ""),
+                             ("users/moved", "moved")):
+            (BARE.drive / link).symlink_to(BARE.drive / "other" / target)
+        for name, second in (("other/secret.log", f"{self.panes}/hard.log"), ("other/secret.txt", f"{self.logs}/hard.txt")):
+            os.link(BARE.drive / name, BARE.drive / second)
+        self.enterContext(BARE.holding(f"{self.panes}/held.log", TOOL))
+        archive = self.assert_refused(
+            {self.panes: [r"\hard.log", r"\link.log", r"\sub"], self.logs: [r"\folder", r"\hard.txt", r"\link.txt"],
+             f"{self.local}/Portavo": [r"\VqPVA.log", r"\VqPVA.log.old"],
+             machine.ACCESS_LOGS: ["", *(rf"\LumoraAccessAgentLog.etl.00{number}" for number in range(6))]},
             {"own.log", "own.txt", "deep.txt", "VqPVA.dmp"})
         # A profile may lie elsewhere as a whole.
         self.assertTrue(next(row for row in archive.rows if row.get("origin") == r"C:\users\moved")["success"])
 
     def test_nothing_is_read_where_the_shared_folder_is_a_link(self):
-        self.data.rename(self.other / "Velqor")
-        self.data.symlink_to(self.other / "Velqor")
-        shutil.rmtree(self.local)
-        logs = self.data / "DLP/logs"
-        self.collect_and_compare([(logs, [logs])], set())
-
-    def collect_and_compare(self, refused, archived):
-        """The folders of rows with the paths that they refuse, and the names of all that is archived."""
-        def on_machine(path):
-            return "C:\\" + str(path.relative_to(BARE.drive)).replace("/", "\\")
-
-        self.collect("-l", "-c")
-        archive = Archive(self.zip)
-        self.assertEqual({name.split("/")[-1] for name in archive.names}, {*archived, "manifest.json", "agent-cli.log"})
-        for folder, paths in refused:
-            row = next(row for row in archive.rows if row.get("origin") == on_machine(folder))
-            errors = [error for error in row.get("errors", []) if error.endswith("is not a regular file.")]
-            self.assertEqual(sorted(errors),
-                             sorted(f"The file '{on_machine(path)}' is not a regular file." for path in paths))
-        return archive
+        shutil.rmtree(BARE.drive / self.local)
+        (BARE.drive / self.data).rename(BARE.drive / "other/Velqor")
+        (BARE.drive / self.data).symlink_to(BARE.drive / "other/Velqor")
+        self.assert_refused({self.logs: [""]}, set())
 
 
 class SlowTool(Case):
@@ -292,14 +285,14 @@ class SlowTool(Case):
         measured = (time.monotonic() - start) * 1000
         self.assertEqual(archive.types(), [(SAMPLE, 16)])
         self.assertLess(sum(row.get("durationMs", 0) for row in archive.rows), measured)
-        for name, seconds in (("status", 3), ("tunnel", 10)):
-            self.assertGreaterEqual(archive.row(name)["durationMs"], seconds * 1000 - 50)
-            self.assertLess(archive.row(name)["durationMs"], seconds * 1000 + 5000)
         # Ended after ten seconds: what came before the pause is kept.
         exit_code = archive.row("tunnel")["rawProcessExitCode"]
         self.assertIn(exit_code, (258, 259))
-        for text in (TEXTS["lacli_status.log"], tool_text("tunnel", "Tunnel: connected\n", exit_code)):
-            self.assertIn(text.replace("\n", "\r\n"), archive.texts())
+        for name, seconds, text in (("status", 3, TEXTS["lacli_status.log"]),
+                                    ("tunnel", 10, tool_text("tunnel", "Tunnel: connected\n", exit_code))):
+            row = archive.row(name)
+            self.assertTrue(seconds * 1000 - 50 <= row["durationMs"] < seconds * 1000 + 5000, row)
+            self.assertEqual(archive.text(f"{row['archivePath']}/lacli_{name}.log"), text.replace("\n", "\r\n"))
 
 
 class Flags(Case):
@@ -537,10 +530,12 @@ class Kill(Case):
         return len(archive.names)
 
     def test_a_killed_run_takes_its_command_along_and_leaves_its_log(self):
-        with FULL.start(EXE, "agent", "collect-diagnostics", "-s", cwd=self.folder, LACLI_PAUSE_status="60000") as run:
-            self.wait_for(lambda: any("lacli.exe status" in line for line in running_in(self.folder)))
+        def is_asked():
+            return any("lacli.exe status" in line for line in running_in(self.folder))
+
+        with Console(FULL, self.folder, "-s", LACLI_PAUSE_status="60000") as run:
+            run.wait_until(is_asked)
             # It is flushed every five seconds.
-            self.wait_for(lambda: (self.folder / "agent-cli.log").stat().st_size)
-            self.assertTrue(any("lacli.exe status" in line for line in running_in(self.folder)))
-            run.kill()
+            run.wait_until(lambda: (self.folder / "agent-cli.log").stat().st_size)
+            self.assertTrue(is_asked())
         self.assert_nothing_runs_in(self.folder)
