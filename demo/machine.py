@@ -5,6 +5,7 @@ Some of the evidence is broken on purpose: see BROKEN in install().
 """
 
 import argparse
+import contextlib
 import os
 import pathlib
 import random
@@ -188,7 +189,7 @@ class Machine:
         (self.drive / TOOL).parent.mkdir(parents=True, exist_ok=True)
         shutil.copyfile(tool, self.drive / TOOL)
         # BROKEN on purpose: a missing file (update_tmp.bat was never written), oversized ones, programs that are called
-        # logs, a log that another process holds (see hold_lock), folders where files are expected.
+        # logs, a log that another process holds (see holding), folders where files are expected.
         for name in (f"{OXM}/history.log", f"{ACCESS_LOGS}/LumoraAccessAgentLog.etl.004",
                      f"users/{PROFILES[0]}/AppData/Local/Velqor/Portavo/VqPVA.log.old",
                      f"users/{PROFILES[0]}/AppData/Local/Velqor/OXM/Viewpane/history.log"):
@@ -201,12 +202,17 @@ class Machine:
         (self.drive / "users" / PROFILES[0] / "VqPVS.dmp").mkdir(exist_ok=True)
         shutil.rmtree(self.drive / "users" / PROFILES[1] / "AppData/Local/Velqor/OXM/ViewpaneUI")
 
-    def hold_lock(self):
-        """Starts a process that keeps LOCKED open for itself; returns it once the file is locked."""
-        holder = self.start(str(self.drive / TOOL), "hold", "C:\\" + LOCKED.replace("/", "\\"))
-        if not holder.stdout.readline().startswith(b"held"):
-            sys.exit("the log could not be locked")
-        return holder
+    @contextlib.contextmanager
+    def holding(self, file, program=None):
+        """Meanwhile a process keeps the file, a path below the drive, open for itself."""
+        path = "C:\\" + str(file).replace("/", "\\")
+        with self.start(program or self.drive / TOOL, "hold", path) as holder:
+            try:
+                if not holder.stdout.readline().startswith(b"held"):
+                    sys.exit("the file could not be locked")
+                yield
+            finally:
+                holder.kill()
 
 
 def main():
@@ -217,14 +223,10 @@ def main():
     options = arguments.parse_args()
     machine = Machine(options.prefix)
     if options.hold:
-        holder = machine.hold_lock()
         signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
-        try:
+        with machine.holding(LOCKED):
             print("held", flush=True)
-            holder.wait()
-        finally:
-            holder.kill()
-        return
+            signal.pause()
     machine.boot()
     if options.tool:
         machine.install(options.tool)

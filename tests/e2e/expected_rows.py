@@ -141,13 +141,6 @@ EXCEPTIONS = {
     ("Zoë Müller", "VqPVS.dmp, VqPVA.dmp"): ([], ["users/Zoë Müller/VqPVS.dmp"], []),
 }
 
-# Files that a row looks into or tries and then refuses, with a message.
-REFUSED = {f"{OXM}/history.log", f"{OXM}/hostprobe.log", f"{OXM}/oxm.05.log", f"{PORTAVO}/VqPVS.00.log",
-           f"{ACCESS_LOGS}/LumoraAccessAgentLog.etl.004",
-           "users/anna/AppData/Local/Velqor/Portavo/VqPVA.log.old",
-           "users/anna/AppData/Local/Velqor/OXM/Viewpane/history.log"}
-
-
 def of_user(rows, user):
     for row in rows:
         less, more, errors = EXCEPTIONS.get((user, row.name), ([], [], []))

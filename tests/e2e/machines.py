@@ -28,7 +28,6 @@ FULL = machine.Machine(os.environ["AGENTCLI_FULL_PREFIX"])
 BARE = machine.Machine(os.environ["AGENTCLI_BARE_PREFIX"])
 
 
-
 def windows_path(path):
     return "Z:" + str(path).replace("/", "\\")
 
@@ -128,10 +127,6 @@ class Archive:
     def row(self, name):
         return next(row for row in self.rows if row["name"] == name)
 
-    def texts(self):
-        """The texts that the tool's rows have left."""
-        return [self.text(name) for name in self.names if "/lacli_" in name]
-
     def text(self, name):
         return self.entries[name][1].decode("utf-8")
 
@@ -152,14 +147,15 @@ class Case(unittest.TestCase):
         (self.scratch / "keys.reg").write_text("Windows Registry Editor Version 5.00\n\n" + text)
         BARE.import_registry(self.scratch / "keys.reg")
 
-    def collect(self, *arguments, **how):
-        """Runs the command; returns what it printed."""
-        return self.agentcli("agent", "collect-diagnostics", *arguments, **how)
+    def archive(self, *arguments, folder=None, **how):
+        """Runs the command; returns the archive that it leaves in the current directory."""
+        self.collect(*arguments, folder=folder, **how)
+        return Archive((folder or self.folder) / "diagnostics.zip")
 
-    def agentcli(self, *arguments, on=BARE, status=0, folder=None, **environment):
-        """Runs the program to its end; returns what it printed on standard output, the only place it prints to."""
+    def collect(self, *arguments, on=BARE, status=0, folder=None, **environment):
+        """Runs the command to its end; returns what it printed on standard output, the only place it prints to."""
         folder = folder or self.folder
-        done = on.run(EXE, *arguments, cwd=folder, **environment)
+        done = on.run(EXE, "agent", "collect-diagnostics", *arguments, cwd=folder, **environment)
         printed = done.stdout.decode("utf-8")
         self.assertEqual((done.returncode, done.stderr), (status, b""), printed)
         self.assert_nothing_runs_in(folder)
@@ -185,3 +181,9 @@ class Case(unittest.TestCase):
 
     def assert_located(self, printed, path):
         self.assertEqual(printed, f"Diagnostics zip located at: {windows_path(path)}\r\n")
+
+    def assert_errors(self, row, patterns):
+        errors = row.get("errors", [])
+        self.assertEqual(len(errors), len(patterns), errors)
+        for error, pattern in zip(errors, patterns):
+            self.assertRegex(error, pattern)
