@@ -98,7 +98,8 @@ int ConvertibleLength(std::size_t length) {
 template <class Text, class Convert>
 Text Converted(const Convert& convert) {
     Text text(static_cast<std::size_t>(convert(nullptr, 0)), 0);
-    text.resize(static_cast<std::size_t>(convert(text.data(), static_cast<int>(text.size()))));
+    // Without capacity the call would only tell the length again.
+    text.resize(text.empty() ? 0 : static_cast<std::size_t>(convert(text.data(), static_cast<int>(text.size()))));
     return text;
 }
 
