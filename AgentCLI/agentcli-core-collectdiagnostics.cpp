@@ -14,12 +14,14 @@
 #include "agentcli-core-archivemove.h"
 #include "agentcli-core-console.h"
 #include "agentcli-core-log.h"
+#include "agentcli-core-runfacts.h"
 #include "agentcore.diagnostics-manifest.h"
 #include "agentcore.diagnostics-rows.h"
 #include "agentcore.diagnostics-sets.h"
 #include "shared.concurrency-interrupt.h"
 #include "shared.exception-guardedlog.h"
 #include "shared.exception.h"
+#include "shared.filesystem-heldfile.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-removal.h"
 #include "shared.filesystem-status.h"
@@ -64,30 +66,16 @@ std::vector<CollectorStatus> RunUnder(const ConsoleTitle& title, const Set& set,
     });
 }
 
-/// Lets every step run, whatever happens to the others, and keeps the first failure.
-class FirstFailure {
-public:
-    template <class Step>
-    void Try(const Step& step) {
-        try {
-            step();
-        } catch (const std::exception& error) {
-            if (first_) {
-                Shared::Exception::LogError("{}", error.what());
-            } else {
-                first_ = std::current_exception();
-            }
-        }
+// Runs a step, whatever happened to those before, and keeps its failure.
+template <class Step>
+void Try(Failures& failures, const Step& step) {
+    try {
+        step();
+    } catch (const std::exception& error) {
+        failures.texts.emplace_back(error.what());
+        failures.first = failures.first ? failures.first : std::current_exception();
     }
-    void Rethrow() const {
-        if (first_) {
-            std::rethrow_exception(first_);
-        }
-    }
-
-private:
-    std::exception_ptr first_;
-};
+}
 
 std::string ProblemReport(std::span<const CollectorStatus> statuses) {
     std::string report;
@@ -105,10 +93,17 @@ void LogProblems(std::span<const CollectorStatus> statuses) {
     }
 }
 
+::Diagnostics::Run FactsNow() {
+    ::Diagnostics::Run facts = RunFacts();
+    facts.set_interrupted(IsInterrupted());
+    return facts;
+}
+
 void AddLog(ZipArchiveWrapper& zip) {
     if (const auto& logger = ProcessLogger()) {
         logger->flush();
     }
+    Shared::FileSystem::RenewSharedWait();
     // Without its own log the archive is still worth having.
     static_cast<void>(zip.AddFile("agent-cli.log", L"agent-cli.log"));
 }
@@ -136,8 +131,8 @@ void CollectDiagnostics::Configure(CLI::App& agent, CollectDiagnosticsOptions& o
     command.callback([&options] { Run(options); });
 }
 
-void CollectDiagnostics::RunCollectorSets(const CollectDiagnosticsOptions& options,
-                                          std::vector<CollectorStatus>& statuses, ZipArchiveWrapper& zip) {
+Failures CollectDiagnostics::RunCollectorSets(const CollectDiagnosticsOptions& options,
+                                              std::vector<CollectorStatus>& statuses, ZipArchiveWrapper& zip) {
     using namespace AgentCore::Diagnostics;
     const bool all = !options.log && !options.config && !options.samples && !options.crash;
     const Set sets[] = {
@@ -148,13 +143,13 @@ void CollectDiagnostics::RunCollectorSets(const CollectDiagnosticsOptions& optio
         {all || options.crash, "crash reports", &CrashReportSet},
     };
     const ConsoleTitle title;
-    FirstFailure failure;
+    Failures failures;
     for (const Set& set : sets) {
         if (set.isSelected) {
-            failure.Try([&] { std::ranges::move(RunUnder(title, set, zip), std::back_inserter(statuses)); });
+            Try(failures, [&] { std::ranges::move(RunUnder(title, set, zip), std::back_inserter(statuses)); });
         }
     }
-    failure.Rethrow();
+    return failures;
 }
 
 void CollectDiagnostics::Run(const CollectDiagnosticsOptions& options) {
@@ -164,12 +159,17 @@ void CollectDiagnostics::Run(const CollectDiagnosticsOptions& options) {
     OpenNew(zip);
 
     std::vector<CollectorStatus> statuses;
-    FirstFailure failure;
-    failure.Try([&] { RunCollectorSets(options, statuses, zip); });
-    failure.Try([&] { AgentCore::Diagnostics::WriteManifest(statuses, zip); });
-    LogProblems(statuses);
+    Failures failures = RunCollectorSets(options, statuses, zip);
+    Try(failures, [&] { AgentCore::Diagnostics::WriteManifest(statuses, zip, FactsNow()); });
+    Try(failures, [&] { LogProblems(statuses); });
+    // Last, because a long report may move what was logged before it to the rotated log.
+    for (const std::string& text : failures.texts) {
+        Shared::Exception::LogError("{}", text);
+    }
     AddLog(zip);
-    failure.Rethrow();
+    if (failures.first) {
+        std::rethrow_exception(failures.first);
+    }
 
     // A closing console leaves no time for the copy.
     if (!destination.empty() && !IsConsoleClosing()) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,12 @@ struct CollectDiagnosticsOptions {
     bool crash = false;
 };
 
+/// The steps of a run that failed.
+struct Failures {
+    std::exception_ptr first;
+    std::vector<std::string> texts;
+};
+
 /// The command "collect-diagnostics".
 class CollectDiagnostics {
 public:
@@ -27,18 +34,17 @@ public:
     static void Configure(CLI::App& agent, CollectDiagnosticsOptions& options);
 
     /// Collects the selected types into "diagnostics.zip" in the current directory, moves it to the given path, and
-    /// prints where it is. When sets or the manifest fail, the archive stays in the current directory with all that
-    /// the others gave and the log, and the first failure is thrown. Throws std::filesystem::filesystem_error when
-    /// files cannot be removed or moved, the archive's and the manifest's exceptions, and what DestinationPath throws
-    /// before anything is collected. When the console interrupts the run, what is
-    /// there is delivered, without the move if the console is closing, and CLI::RuntimeError 1 is thrown.
+    /// prints where it is. When sets, the manifest or the report of problems fail, the archive stays in the current
+    /// directory with all that the others gave and the log, which names each failure, and the first one is thrown.
+    /// Throws std::filesystem::filesystem_error when files cannot be removed or moved, the archive's and the manifest's
+    /// exceptions, and what DestinationPath throws before anything is collected. When the console interrupts the run,
+    /// what is there is delivered, without the move if the console is closing, and CLI::RuntimeError 1 is thrown.
     static void Run(const CollectDiagnosticsOptions& options);
 
     /// Runs the sets of the selected types in their fixed order (no flag selects all) and appends their statuses.
-    /// Throws the first failure once all of them have run.
-    static void RunCollectorSets(const CollectDiagnosticsOptions& options,
-                                 std::vector<AgentCore::Diagnostics::CollectorStatus>& statuses,
-                                 Shared::FileZip::ZipArchiveWrapper& zip);
+    static Failures RunCollectorSets(const CollectDiagnosticsOptions& options,
+                                     std::vector<AgentCore::Diagnostics::CollectorStatus>& statuses,
+                                     Shared::FileZip::ZipArchiveWrapper& zip);
 };
 
 }  // namespace AgentCLI::Core::Commands::Agent

@@ -17,7 +17,7 @@
 #include <string>
 #include <utility>
 
-#include "agentcli-core-process.h"
+#include "agentcli-core-runfacts.h"
 #include "shared.exception-messages.h"
 #include "shared.exception.h"
 #include "shared.filesystem-generatedfile.h"
@@ -170,7 +170,7 @@ void SetUpLog() {
     spdlog::set_default_logger(ProcessLogger());
     spdlog::set_level(spdlog::level::info);
     spdlog::flush_every(flushInterval);
-    ProcessLogger()->log(IsElevated() ? spdlog::level::info : spdlog::level::warn, DescribeProcess());
+    ProcessLogger()->log(RunFacts().elevated() ? spdlog::level::info : spdlog::level::warn, DescribeRun());
 }
 
 std::shared_ptr<spdlog::logger>& ProcessLogger() noexcept {

@@ -7,7 +7,7 @@
 namespace AgentCLI::Core {
 
 /// Makes the logger "default" on the rotating file "agent-cli.log" (10240 bytes, 1 rotated file) in the current
-/// directory, spdlog's default logger, at level info, flushed every 5 seconds. Its first line describes the process.
+/// directory, spdlog's default logger, at level info, flushed every 5 seconds. The first line of the run describes it.
 ///
 /// At every opening, also at a rotation, the file is replaced by a private one with the last lines of its text, at most
 /// 10240 bytes. Of a link and of a file with a second hard link nothing is kept. When the file cannot be replaced or

@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <fmt/format.h>
 #include <shellapi.h>
 
 #include <algorithm>
@@ -10,13 +9,9 @@
 #include <string_view>
 #include <utility>
 
-#include "shared.filesystem-longpath.h"
 #include "shared.system-functions.h"
 #include "shared.util-functions.h"
 #include "shared.util-handle.h"
-
-// Declared in headers for drivers only.
-extern "C" NTSYSAPI LONG NTAPI RtlGetVersion(RTL_OSVERSIONINFOW* version);
 
 namespace AgentCLI::Core {
 
@@ -64,31 +59,6 @@ void PrepareProcess() noexcept {
         // The program goes on with the variables it has; the command collectors report the missing directory
         // themselves.
     }
-}
-
-bool IsElevated() noexcept {
-    HANDLE opened = nullptr;
-    if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &opened) == FALSE) {
-        return false;
-    }
-    const Shared::Util::KernelHandle token(opened);
-    TOKEN_ELEVATION elevation{};
-    DWORD size = 0;
-    return GetTokenInformation(token.Get(), TokenElevation, &elevation, sizeof elevation, &size) != FALSE &&
-           elevation.TokenIsElevated != 0;
-}
-
-std::string DescribeProcess() {
-    RTL_OSVERSIONINFOW windows{};
-    windows.dwOSVersionInfoSize = sizeof windows;
-    RtlGetVersion(&windows);
-    return fmt::format("AgentCLI {} on Windows {}.{}.{}, {}, current directory {}, command line {}", AGENTCLI_VERSION,
-                       windows.dwMajorVersion, windows.dwMinorVersion, windows.dwBuildNumber,
-                       IsElevated() ? "elevated"
-                                    : "not elevated (other users' files, protected files and a part of what the "
-                                      "commands say will be missing)",
-                       Shared::Util::ToUtf8Lossy(Shared::FileSystem::FullPath(L".")),
-                       Shared::Util::ToUtf8Lossy(std::wstring_view(GetCommandLineW())));
 }
 
 Utf8Arguments::Utf8Arguments(int count, const char* const* values) {

@@ -10,13 +10,6 @@ namespace AgentCLI::Core {
 /// Failures are ignored.
 void PrepareProcess() noexcept;
 
-/// Whether the process has an administrator's rights.
-[[nodiscard]] bool IsElevated() noexcept;
-
-/// One line for support: the versions of the program and of Windows, whether the process is elevated and what will be
-/// missing otherwise, the current directory and the command line.
-[[nodiscard]] std::string DescribeProcess();
-
 /// The process's arguments as UTF-8, whatever its code page is.
 class Utf8Arguments {
 public:

@@ -23,14 +23,6 @@ namespace {
 using Shared::Concurrency::IsInterrupted;
 using Shared::Util::SanitiseUtf8;
 
-// ISO 8601, whatever the user's locale.
-std::string UtcNow() {
-    SYSTEMTIME now{};
-    GetSystemTime(&now);
-    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", now.wYear, now.wMonth, now.wDay, now.wHour,
-                       now.wMinute, now.wSecond, now.wMilliseconds);
-}
-
 std::uint32_t MillisecondsSince(std::chrono::steady_clock::time_point start) {
     using Milliseconds = std::chrono::duration<std::uint32_t, std::milli>;
     return std::chrono::duration_cast<Milliseconds>(std::chrono::steady_clock::now() - start).count();
@@ -79,12 +71,19 @@ CollectorRow MessageRow(int type, std::string name, std::string origin, std::str
             .collectors = {[message = std::move(message)](const auto&, auto&) { return Unsuccessful(message); }}};
 }
 
-std::string OriginFrom(const std::function<std::string()>& origin) {
+std::string OriginFrom(const std::function<std::string()>& origin, std::string_view asked) {
     try {
         return origin();
     } catch (const std::exception&) {
-        return {};
+        return std::string(asked);
     }
+}
+
+std::string UtcNow() {
+    SYSTEMTIME now{};
+    GetSystemTime(&now);
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", now.wYear, now.wMonth, now.wDay, now.wHour,
+                       now.wMinute, now.wSecond, now.wMilliseconds);
 }
 
 const std::string& TypeName(int type) {

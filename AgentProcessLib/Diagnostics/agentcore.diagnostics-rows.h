@@ -5,6 +5,7 @@
 #include <functional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "agentcore.diagnostics-collectors.h"
@@ -44,8 +45,11 @@ template <Collector First, Collector... Rest, class... Arguments>
 /// A row that collects nothing and has one message.
 [[nodiscard]] CollectorRow MessageRow(int type, std::string name, std::string origin, std::string message);
 
-/// What the function returns; empty when it throws, which the row's collectors report.
-[[nodiscard]] std::string OriginFrom(const std::function<std::string()>& origin);
+/// What the function returns, or `asked`, the place that was asked, when it throws. The row's collectors report that.
+[[nodiscard]] std::string OriginFrom(const std::function<std::string()>& origin, std::string_view asked);
+
+/// The time as the manifest states it: UTC, ISO 8601, whatever the user's locale.
+[[nodiscard]] std::string UtcNow();
 
 /// The name of a diagnostic type, as it stands in archive folders.
 [[nodiscard]] const std::string& TypeName(int type);

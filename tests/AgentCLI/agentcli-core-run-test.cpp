@@ -4,9 +4,11 @@
 #include <windows.h>
 
 #include <gmock/gmock.h>
+#include <google/protobuf/util/json_util.h>
 #include <sddl.h>
 #include <spdlog/spdlog.h>
 
+#include <map>
 #include <regex>
 #include <set>
 #include <string>
@@ -14,6 +16,7 @@
 
 #include "agentcli-core-collectdiagnostics.h"
 #include "agentcli-core-log.h"
+#include "agentcli-core-runfacts.h"
 #include "agentcore.diagnostics-rows.h"
 #include "shared.concurrency-childfolder.h"
 #include "shared.concurrency-interrupt.h"
@@ -22,8 +25,10 @@
 
 namespace {
 
-/// The names of new files that cannot be created contain it.
+/// New files with these names cannot be created.
 std::wstring refused;
+/// How often a file is held when it is opened, by its name.
+std::map<std::wstring, int> held;
 /// The access lists of what is created, as SDDL.
 std::multiset<std::wstring> accessLists;
 PHANDLER_ROUTINE consoleHandler = nullptr;
@@ -53,6 +58,13 @@ HANDLE WINAPI WatchedCreateFile(LPCWSTR path, DWORD access, DWORD sharing, LPSEC
             SetLastError(ERROR_DISK_FULL);
             return INVALID_HANDLE_VALUE;
         }
+    } else {
+        for (auto& [name, times] : held) {
+            if (std::wstring_view(path).contains(name) && times-- > 0) {
+                SetLastError(ERROR_SHARING_VIOLATION);
+                return INVALID_HANDLE_VALUE;
+            }
+        }
     }
     return Real<decltype(CreateFileW)>("CreateFileW")(path, access, sharing, attributes, disposition, flags, from);
 }
@@ -67,10 +79,16 @@ BOOL WINAPI WatchedHandler(PHANDLER_ROUTINE handler, BOOL) {
     return TRUE;
 }
 
+LPWSTR WINAPI LongCommandLine() {
+    static std::wstring text = L"AgentCLI " + std::wstring(3000, L'\x00e9');
+    return text.data();
+}
+
 }  // namespace
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker asks for these names
 extern "C" {
+decltype(&GetCommandLineW) __imp_GetCommandLineW = &LongCommandLine;
 decltype(&CreateFileW) __imp_CreateFileW = &WatchedCreateFile;
 decltype(&CreateDirectoryW) __imp_CreateDirectoryW = &WatchedCreateDirectory;
 decltype(&SetConsoleCtrlHandler) __imp_SetConsoleCtrlHandler = &WatchedHandler;
@@ -88,12 +106,16 @@ using testing::HasSubstr;
 class RunTest : public testing::Test {
 protected:
     RunTest() {
-        hive_.SetString(LR"(SOFTWARE\Velqor\OXM)", L"Name", L"value");
+        // The archived log is small.
+        for (const wchar_t* key : {L"OXM", LR"(OXM\Config)", L"Lumora Access Agent"}) {
+            hive_.CreateKey(LR"(SOFTWARE\Velqor\)" + std::wstring(key));
+        }
         accessLists.clear();
         SetUpLog();
     }
     ~RunTest() override {
         refused.clear();
+        held.clear();
         spdlog::set_default_logger(before_);
         ProcessLogger().reset();
     }
@@ -109,7 +131,21 @@ protected:
         return testing::internal::GetCapturedStdout();
     }
 
+    /// The text of an archived file; empty when there is none.
+    static std::string Archived(const std::string& entryName) {
+        ZipArchiveWrapper zip(L"diagnostics.zip");
+        zip.Open();
+        for (const libzippp::ZipEntry& entry : zip.Entries()) {
+            if (entry.getName() == entryName) {
+                return entry.readAsText();
+            }
+        }
+        return {};
+    }
+
     const TestSupport::WorkingFolder folder_;
+    // The machine's own, before it gets another registry.
+    const ::Diagnostics::Run& facts_ = RunFacts();
     const TestSupport::ThrowAwayHive hive_;
     const std::shared_ptr<spdlog::logger> before_ = spdlog::default_logger();
 };
@@ -128,12 +164,40 @@ TEST_F(RunTest, WhatItCreatesIsForItsAdministratorAlone) {
     EXPECT_TRUE(std::regex_match(*accessLists.begin(), contents)) << testing::PrintToString(*accessLists.begin());
 }
 
-TEST_F(RunTest, WithoutAManifestItFails) {
+TEST_F(RunTest, WithoutAManifestItFailsAndTheArchivedLogSaysWhy) {
     refused = L"manifest.json";
     EXPECT_THAT(Collect(), testing::AllOf(testing::StartsWith("failed: "), HasSubstr("manifest.json")));
+    EXPECT_THAT(Archived("agent-cli.log"), HasSubstr("Cannot create the file manifest.json"));
 }
 
-// The last one: an interruption stays.
+TEST_F(RunTest, ManifestAndLogAreWaitedForASecondEach) {
+    // Of 50 milliseconds each.
+    held = {{L"lumora-access-agent.txt", 1000}, {L"manifest.json", 12}, {L"agent-cli.log", 12}};
+    EXPECT_THAT(Collect(), testing::StartsWith("Diagnostics zip located at: "));
+    EXPECT_THAT(Archived("agent-cli.log"), HasSubstr("lumora-access-agent.txt"));
+    EXPECT_THAT(Archived("manifest.json"), HasSubstr("lumora-access-agent.txt"));
+}
+
+TEST_F(RunTest, ItsFactsAreInTheManifestAndShortenedInTheLogsFirstLine) {
+    Collect();
+    ::Diagnostics::DiagnosticResponse manifest;
+    ASSERT_TRUE(google::protobuf::util::JsonStringToMessage(Archived("manifest.json"), &manifest).ok());
+    const ::Diagnostics::Run& run = manifest.run();
+    EXPECT_EQ(run.command_line().size(), 6009U);
+    EXPECT_TRUE(run.has_elevated() && run.has_interrupted() && run.has_utc_offset_minutes() &&
+                run.has_ansi_code_page() && run.has_oem_code_page())
+        << run.DebugString();
+    const std::string log = Archived("agent-cli.log");
+    const std::string line = log.substr(0, log.find('\r'));
+    for (const std::string& fact : {run.computer_name(), run.user(), run.windows_version(), run.began_at(),
+                                    run.time_zone(), run.locale(), run.current_directory()}) {
+        EXPECT_NE(fact, "");
+        EXPECT_THAT(line, HasSubstr(fact));
+    }
+    EXPECT_TRUE(line.ends_with("command line " + run.command_line().substr(0, 999))) << line;
+}
+
+// For a process of its own, since an interruption stays.
 TEST(Interrupted, TheRestOfARowAndTheOtherRowsAreNotRun) {
     using namespace AgentCore::Diagnostics;
     const TestSupport::WorkingFolder folder;

@@ -9,7 +9,7 @@ EXE = os.environ["AGENTCLI_EXE"]
 
 # Each one is part of every supported Windows.
 SYSTEM_DLLS = {"advapi32.dll", "bcrypt.dll", "dbghelp.dll", "kernel32.dll", "msvcrt.dll", "ntdll.dll", "ole32.dll",
-               "shell32.dll", "user32.dll", "userenv.dll"}
+               "secur32.dll", "shell32.dll", "user32.dll", "userenv.dll"}
 
 
 def readobj(*options):

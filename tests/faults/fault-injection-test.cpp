@@ -227,7 +227,7 @@ protected:
         }
         bool hasManifest = false;
         try {
-            WriteManifest(statuses, zip);
+            WriteManifest(statuses, zip, {});
             hasManifest = true;
         } catch (const std::exception& error) {
             EXPECT_NE(std::string_view(error.what()), "");
@@ -242,7 +242,7 @@ protected:
         }
         // However it went, the archive takes on what comes next, and opens again.
         if (!hasManifest) {
-            WriteManifest(statuses, zip);
+            WriteManifest(statuses, zip, {});
         }
         zip.Close();
         zip.Open();

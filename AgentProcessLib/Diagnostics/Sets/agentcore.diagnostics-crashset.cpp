@@ -12,8 +12,8 @@ using Crash = FileRows::Of<crashReportType>;
 
 std::vector<CollectorRow> MachineRows() {
     return {
-        FileRows::MachineRow<Crash::File<GetPVInstallPath, "VqPVS.dmp">>(),
-        FileRows::MachineRow<Crash::Tree<GetAoxmInstallPath, ".dmp">>(),
+        FileRows::MachineRow<Crash::File<GetPVInstallPath, "VqPVS.dmp">>(installPathValue),
+        FileRows::MachineRow<Crash::Tree<GetAoxmInstallPath, ".dmp">>(installPathValue),
     };
 }
 

@@ -18,7 +18,7 @@ std::string JoinNames(std::initializer_list<std::string> names) {
 
 std::vector<CollectorRow> WithUserRows(std::vector<CollectorRow> rows, int type,
                                        std::vector<CollectorRow> (*userRows)(const std::filesystem::path&)) {
-    std::string folder;
+    std::string folder = R"(HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\ProfilesDirectory)";
     try {
         const std::filesystem::path profiles = Shared::System::GetUserProfilesDirectory();
         folder = Shared::Util::ToUtf8Lossy(profiles);

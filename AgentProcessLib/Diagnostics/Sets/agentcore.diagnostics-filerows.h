@@ -38,10 +38,10 @@ struct Of {
 [[nodiscard]] std::vector<CollectorRow> WithUserRows(
     std::vector<CollectorRow> rows, int type, std::vector<CollectorRow> (*userRows)(const std::filesystem::path&));
 
-/// A row of machine-wide collectors; its origin is the folder of the first.
+/// A row of machine-wide collectors; its origin is the folder of the first, or the place that was asked for it.
 template <Collector First, Collector... Rest>
-[[nodiscard]] CollectorRow MachineRow() {
-    return Row<First, Rest...>(JoinNames({First::Name(), Rest::Name()...}), OriginFrom(&First::Origin));
+[[nodiscard]] CollectorRow MachineRow(std::string_view asked = {}) {
+    return Row<First, Rest...>(JoinNames({First::Name(), Rest::Name()...}), OriginFrom(&First::Origin, asked));
 }
 
 /// A row of one user's folder, which is its origin.

@@ -17,19 +17,20 @@ using Log = FileRows::Of<logType>;
 
 std::vector<CollectorRow> MachineRows() {
     return {
-        MachineRow<Log::Tree<GetAoxmInstallPath, ".log">>(),
+        MachineRow<Log::Tree<GetAoxmInstallPath, ".log">>(installPathValue),
         MachineRow<Log::Files<GetPVInstallPath, ".log">,           //
                    Log::Files<GetPVInstallPath, ".old">,           //
                    Log::File<GetPVInstallPath, "vq_pv_hrpt.xml">,  //
-                   Log::File<GetPVInstallPath, "update_tmp.bat">>(),
+                   Log::File<GetPVInstallPath, "update_tmp.bat">>(installPathValue),
         MachineRow<Log::Files<GetLumoraAccessAgentLogPath, ".log">,
                    Log::File<GetLumoraAccessAgentLogPath, "LumoraAccessAgentLog.etl.000">,
                    Log::File<GetLumoraAccessAgentLogPath, "LumoraAccessAgentLog.etl.001">,
                    Log::File<GetLumoraAccessAgentLogPath, "LumoraAccessAgentLog.etl.002">,
                    Log::File<GetLumoraAccessAgentLogPath, "LumoraAccessAgentLog.etl.003">,
                    Log::File<GetLumoraAccessAgentLogPath, "LumoraAccessAgentLog.etl.004">,
-                   Log::File<GetLumoraAccessAgentLogPath, "LumoraAccessAgentLog.etl.005">>(),
-        MachineRow<Log::Tree<GetDlpLogPath, ".txt">>(),
+                   Log::File<GetLumoraAccessAgentLogPath, "LumoraAccessAgentLog.etl.005">>(
+            R"(%ProgramData%\Velqor\Lumora Access Agent\Logs)"),
+        MachineRow<Log::Tree<GetDlpLogPath, ".txt">>(R"(%ProgramData%\Velqor\DLP\logs)"),
         MachineRow<Log::File<Logs::windowsFolder, "setupapi.log">>(),
         MachineRow<Log::Files<Logs::setupFolder, ".log", "setupapi.dev">,  //
                    Log::Files<Logs::setupFolder, ".log", "setupapi.app">>(),

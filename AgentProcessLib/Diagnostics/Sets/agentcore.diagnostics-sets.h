@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <string_view>
 #include <vector>
 
 #include "agentcore.diagnostics-rows.h"
@@ -26,6 +27,9 @@ template <>
 struct Shared::FileSystem::TrustOf<AgentCore::Diagnostics::Logs::setupFolder> : TrustedFolder {};
 
 namespace AgentCore::Diagnostics {
+
+/// The origin of rows whose folder comes from this value, when it cannot be read.
+inline constexpr std::string_view installPathValue = R"(HKLM\SOFTWARE\Velqor\OXM\Path)";
 
 /// The machine's logs, then four rows for each profile folder.
 [[nodiscard]] std::vector<CollectorRow> LogSet();

@@ -32,7 +32,8 @@ std::wstring ToolCommand() {
 
 template <class Tool>
 CollectorRow ToolRow(std::wstring_view arguments, std::wstring (*command)()) {
-    return Row<Tool>(ToUtf8Lossy(arguments), OriginFrom([command] { return ToUtf8Lossy(command()); }));
+    return Row<Tool>(ToUtf8Lossy(arguments),
+                     OriginFrom([command] { return ToUtf8Lossy(command()); }, installPathValue));
 }
 
 template <Shared::Util::FixedString Arguments, Shared::Util::FixedString FileName>
@@ -85,7 +86,7 @@ std::vector<CollectorRow> ToolSet() {
 std::vector<CollectorRow> InstalledToolSet() {
     std::filesystem::path tool;
     const auto notFound = [](const std::exception& error) {
-        return NotAsked(R"(HKLM\SOFTWARE\Velqor\OXM\Path)", error.what());
+        return NotAsked(std::string(installPathValue), error.what());
     };
     try {
         tool = Shared::PV::GetLacliPath();

@@ -66,7 +66,7 @@ protected:
         zip_.Open();
         std::string messages;
         const auto statuses = RunSet(rows, zip_);
-        WriteManifest(statuses, zip_);
+        WriteManifest(statuses, zip_, {});
         zip_.Close();
         zip_.Open();
         manifest_.Clear();

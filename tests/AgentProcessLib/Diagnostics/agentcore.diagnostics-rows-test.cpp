@@ -40,7 +40,7 @@ TEST_F(RowsTest, ARowIsOneStatusAndOneManifestEntryWhateverItsCollectorsSay) {
     EXPECT_EQ(statuses[0].diagnostic.raw_process_exit_code(), 258U);
     EXPECT_EQ(statuses[0].diagnostic.archive_path(), "DIAGNOSTIC_TYPE_SAMPLE_ALL_0");
     EXPECT_THAT(statuses[1].errors, ElementsAre("Collector second failed: unruly"));
-    WriteManifest(statuses, zip_);
+    WriteManifest(statuses, zip_, {});
     const std::string manifest = Text("manifest.json").value_or("");
     EXPECT_THAT(manifest, HasSubstr("\"not \xEF\xBF\xBD UTF-8\""));
     EXPECT_LT(manifest.find("first"), manifest.find("second"));
@@ -50,7 +50,7 @@ TEST_F(RowsTest, ARowIsOneStatusAndOneManifestEntryWhateverItsCollectorsSay) {
 TEST_F(RowsTest, AManifestThatIsNotArchivedIsAFailure) {
     ZipArchiveWrapper tooSmall(machine_ / L"small.zip", 1);
     tooSmall.Open();
-    EXPECT_THROW(WriteManifest({}, tooSmall), std::runtime_error);
+    EXPECT_THROW(WriteManifest({}, tooSmall, {}), std::runtime_error);
     EXPECT_TRUE(std::filesystem::is_empty(working_.Path()));
 }
 
