@@ -83,7 +83,7 @@ std::optional<ArchiveTail> ParseEnd(Bytes end, std::uint64_t fileSize) {
     if (Get(record, signature) != EndRecord::mark || Get(record, EndRecord::commentLength) != 0) {
         return std::nullopt;
     }
-    const bool isZip64 = end.size() > Zip64::size && Get(end, signature) == Zip64::mark &&
+    const bool isZip64 = end.size() == Zip64::size + EndRecord::size && Get(end, signature) == Zip64::mark &&
                          Get(end.subspan(Zip64::locator), signature) == Zip64::locatorMark;
     const std::uint64_t recordsOffset = fileSize - (isZip64 ? end.size() : record.size());
     ArchiveTail tail;
