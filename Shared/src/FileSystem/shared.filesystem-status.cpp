@@ -111,9 +111,9 @@ bool IsLink(DWORD attributes, DWORD reparseTag) noexcept {
 }
 
 bool IsStoredElsewhere(DWORD attributes) noexcept {
-    constexpr DWORD recallOnOpen = 0x00040000;
+    // Of an open file 0x00040000 says that it has extended attributes; only in a listing it stands for RECALL_ON_OPEN.
     constexpr DWORD recallOnDataAccess = 0x00400000;
-    return (attributes & (FILE_ATTRIBUTE_OFFLINE | recallOnOpen | recallOnDataAccess)) != 0;
+    return (attributes & (FILE_ATTRIBUTE_OFFLINE | recallOnDataAccess)) != 0;
 }
 
 Util::Win32Result<void> CheckPlainFile(HANDLE file) noexcept {

@@ -54,7 +54,8 @@ struct OpenedFile {
 /// reparse points as well, but ordinary files.
 [[nodiscard]] bool IsLink(DWORD attributes, DWORD reparseTag) noexcept;
 
-/// Whether reading a file with these attributes would fetch its content from elsewhere: offline storage or a cloud.
+/// Whether reading an open file or folder with these attributes would fetch its content from elsewhere: offline storage
+/// or a cloud.
 [[nodiscard]] bool IsStoredElsewhere(DWORD attributes) noexcept;
 
 /// Succeeds for a file on a disk; fails as FactsOfOnlyName does, with ERROR_DIRECTORY for a folder, and with
