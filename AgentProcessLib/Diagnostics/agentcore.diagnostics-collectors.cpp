@@ -1,7 +1,5 @@
 #include "agentcore.diagnostics-collectors.h"
 
-#include <algorithm>
-
 #include "shared.exception-guardedlog.h"
 #include "shared.util-functions.h"
 
@@ -22,13 +20,6 @@ CollectorStatus Destination::Add(const std::filesystem::path& file) const {
 
 CollectorStatus Destination::Add(const Shared::FileSystem::GeneratedFile& file) const {
     return StatusOf(zip.AddFile(Shared::Util::ToUtf8Lossy(folder / file.Name()), file.Path()));
-}
-
-std::size_t Destination::CountFiles() const {
-    const std::string start = Shared::Util::ToUtf8Lossy(folder) + '/';
-    return static_cast<std::size_t>(std::ranges::count_if(zip.Entries(), [&start](const libzippp::ZipEntry& entry) {
-        return entry.isFile() && entry.getName().starts_with(start);
-    }));
 }
 
 CollectorStatus Unsuccessful() {

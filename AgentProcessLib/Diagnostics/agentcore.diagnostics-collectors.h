@@ -54,9 +54,6 @@ struct Destination {
 
     /// Adds a generated file under the name that it was asked for.
     [[nodiscard]] CollectorStatus Add(const Shared::FileSystem::GeneratedFile& file) const;
-
-    /// The number of files below the folder.
-    [[nodiscard]] std::size_t CountFiles() const;
 };
 
 /// The collector of a function that takes no constants of its own.

@@ -21,24 +21,38 @@
 #include <vector>
 
 #include "agentcore.diagnostics-collectors-commandtofile.h"
+#include "agentcore.diagnostics-collectors-copyjob.h"
 #include "agentcore.diagnostics-manifest.h"
 #include "agentcore.diagnostics-sets.h"
 #include "diagnostics-test.h"
 #include "shared.exception.h"
 #include "shared.filesystem-open.h"
+#include "shared.filesystem-removal.h"
+#include "shared.filesystem-sourcefolder.h"
 #include "shared.util-fixedstring.h"
 
 namespace {
 
 /// The calls of one function, numbered from 1, that fail.
 struct Plan {
-    std::string_view function;
-    unsigned first;
-    unsigned last;
-    DWORD error;
+    std::string_view function{};
+    unsigned first = 0;
+    unsigned last = 0;
+    DWORD error = 0;
     /// What they return instead of their usual failure.
-    std::optional<long long> result;
+    std::optional<long long> result{};
+    /// Of GetFileInformationByHandleEx, the only class that fails.
+    std::optional<FILE_INFO_BY_HANDLE_CLASS> information{};
+    /// What GetFileInformationByHandle says beside the file's own attributes.
+    DWORD attributes = 0;
 } plan;
+
+/// How often a file was opened for its content, or looked at as a program, by its name without the folder.
+std::map<std::wstring, unsigned> opens;
+
+void CountOpen(std::wstring_view path) {
+    ++opens[std::wstring(path.substr(path.rfind(L'\\') + 1))];
+}
 
 void* Find(const char* function) {
     FARPROC found = nullptr;
@@ -55,8 +69,16 @@ struct Fault<function, result, R(Args...)> {
     static inline unsigned calls = 0;
 
     static R WINAPI Call(Args... arguments) {
+        constexpr std::string_view name = function;
         ++calls;
-        if (plan.function == std::string_view(function) && calls >= plan.first && calls <= plan.last) {
+        bool isPlanned = plan.function == name && calls >= plan.first && calls <= plan.last;
+        if constexpr (name == "GetFileInformationByHandleEx") {
+            isPlanned = isPlanned && plan.information.value_or(std::get<1>(std::tie(arguments...))) ==
+                                         std::get<1>(std::tie(arguments...));
+        } else if constexpr (name == "CreateFileW" || name == "GetBinaryTypeW") {
+            CountOpen(std::get<0>(std::tie(arguments...)));
+        }
+        if (isPlanned) {
             SetLastError(plan.error);
             if constexpr (std::is_pointer_v<R>) {
                 // NOLINTNEXTLINE(performance-no-int-to-ptr): INVALID_HANDLE_VALUE is made in no other way
@@ -66,7 +88,11 @@ struct Fault<function, result, R(Args...)> {
             }
         }
         static const auto real = reinterpret_cast<R(WINAPI*)(Args...)>(Find(function.characters));
-        return real(arguments...);
+        const R returned = real(arguments...);
+        if constexpr (name == "GetFileInformationByHandle") {
+            std::get<1>(std::tie(arguments...))->dwFileAttributes |= plan.attributes;
+        }
+        return returned;
     }
 };
 
@@ -114,6 +140,7 @@ NTSTATUS WINAPI NtOpenFile(PHANDLE file, ACCESS_MASK access, POBJECT_ATTRIBUTES 
     constexpr ULONG untrusted = FILE_OPEN_REPARSE_POINT | FILE_COMPLETE_IF_OPLOCKED | 0x00400000;
     EXPECT_EQ(options & untrusted, untrusted);
     EXPECT_EQ((access & DELETE) == 0 ? share & FILE_SHARE_DELETE : 0, 0U);
+    CountOpen({attributes->ObjectName->Buffer, attributes->ObjectName->Length / sizeof(wchar_t)});
     return OpenFault::Call(file, access, attributes, status, share, options);
 }
 NTSTATUS WINAPI BCryptGenRandom(BCRYPT_ALG_HANDLE algorithm, PUCHAR bytes, ULONG size, ULONG flags) {
@@ -148,8 +175,9 @@ struct Outcome {
     };
     std::map<std::string, Row> rows;
     std::string log;
-    /// How often each function was called.
+    /// How often each function was called, and each file opened.
     std::map<std::string_view, unsigned> calls;
+    std::map<std::wstring, unsigned> opens;
 };
 
 bool HasWarning(std::string_view log) {
@@ -157,9 +185,9 @@ bool HasWarning(std::string_view log) {
 }
 
 /// On a machine of which most rows have something to collect, under file names that are used once.
-class Faults : public TestSupport::DiagnosticsTest, public testing::WithParamInterface<std::size_t> {
+class FaultyMachine : public TestSupport::DiagnosticsTest {
 protected:
-    Faults() {
+    FaultyMachine() {
         TestSupport::SetFolders(hive_, machine_.Path().native() + L'\\');
         for (const auto& [key, name] : TestSupport::readKeys) {
             hive_.SetDword(key, name, 1);
@@ -181,7 +209,7 @@ protected:
         std::filesystem::create_directories(tool.parent_path());
         std::filesystem::copy_file(TestSupport::ChildProgram(), tool);
     }
-    ~Faults() override { plan = {}; }
+    ~FaultyMachine() override { plan = {}; }
 
     static std::vector<CollectorRow> Rows(bool withCommands) {
         using Exit =
@@ -206,6 +234,7 @@ protected:
         for (const Function& function : functions) {
             function.calls = 0;
         }
+        opens.clear();
         plan = failing;
         try {
             rows = Rows(withCommands);
@@ -236,6 +265,7 @@ protected:
         for (const Function& function : functions) {
             outcome.calls[function.name] = function.calls;
         }
+        outcome.opens = opens;
         for (const auto& left : std::filesystem::directory_iterator(working_.Path())) {
             EXPECT_TRUE(log.Text().contains("remov")) << left.path() << log.Text();
             std::filesystem::remove_all(left.path());
@@ -266,7 +296,11 @@ protected:
 };
 
 TEST(OpenUntrusted, AFileUnderAnOplockCountsAsHeld) {
-    plan = {"NtOpenFile", 0, ~0U, 0, 0x108};  // STATUS_OPLOCK_BREAK_IN_PROGRESS
+    plan = {.function = "NtOpenFile",
+            .first = 0,
+            .last = ~0U,
+            .error = 0,
+            .result = 0x108};  // STATUS_OPLOCK_BREAK_IN_PROGRESS
     const auto opened = Shared::FileSystem::OpenUntrusted({}, FILE_GENERIC_READ, Shared::FileSystem::shareContent);
     plan = {};
     EXPECT_TRUE(!opened && opened.error() == ERROR_SHARING_VIOLATION);
@@ -295,6 +329,61 @@ bool MayBeLeftOut(std::string_view function) {
     return function == "RegQueryValueExW" || function == "RegGetValueW" || function == "GetExitCodeProcess";
 }
 
+/// FAT and exFAT do not know the query for the reparse tag.
+TEST_F(FaultyMachine, OnFatLosesNothing) {
+    const Plan fat{.function = "GetFileInformationByHandleEx",
+                   .first = 1,
+                   .last = ~0U,
+                   .error = ERROR_INVALID_PARAMETER,
+                   .information = FileAttributeTagInfo};
+    const Outcome whole = Run(true, {});
+    const Outcome onFat = Run(true, fat);
+    EXPECT_FALSE(HasWarning(onFat.log)) << onFat.log;
+    for (const auto& [name, row] : whole.rows) {
+        EXPECT_EQ(row.files, onFat.rows.at(name).files) << name;
+    }
+    TestSupport::WriteFile(machine_ / LR"(folder\sub\file)", "");
+    plan = fat;
+    Shared::FileSystem::FileObjectRemover(machine_ / L"folder").Clear();
+    plan = {};
+    EXPECT_FALSE(std::filesystem::exists(machine_ / L"folder"));
+}
+
+TEST(SourceFolder, OpensNoPlaceholderInAConfinedFolder) {
+    const TestSupport::TemporaryFolder folder;
+    TestSupport::WriteFile(folder / LR"(sub\file)", "");
+    const auto source = Shared::FileSystem::SourceFolder::Confined(folder.Path(), folder.Path());
+    for (const auto& [attribute, isElsewhere] :
+         {std::pair{FILE_ATTRIBUTE_OFFLINE, true}, {0x400000, true}, {0x40000 /* extended attributes */, false}}) {
+        plan = {.attributes = static_cast<DWORD>(attribute)};
+        for (const wchar_t* name : {L"sub", LR"(sub\file)"}) {
+            const auto found = source.Open(folder / name);
+            EXPECT_EQ(found ? ERROR_SUCCESS : found.error(), isElsewhere ? ERROR_FILE_OFFLINE : ERROR_SUCCESS);
+        }
+    }
+    plan = {};
+}
+
+TEST(CopyJob, EndsAScanAfterAHundredThousandEntries) {
+    const TestSupport::TemporaryFolder folder;
+    Shared::FileZip::ZipArchiveWrapper zip(folder / L"out.zip");
+    zip.Open();
+    std::filesystem::create_directory(folder / L"logs");
+    const auto source = Shared::FileSystem::SourceFolder::Confined(folder.Path(), folder / L"logs");
+    Collectors::FileSystem::CopyJob job(source, 1, {L"row", zip});
+    auto listing = ListOrThrow(source.Path(), source.Open(source.Path()));
+    // Every query succeeds with an entry without a name.
+    plan = {.function = "GetFileInformationByHandleEx", .first = 1, .last = ~0U, .error = 0, .result = TRUE};
+    unsigned entries = 0;
+    EXPECT_FALSE(
+        job.Scan(std::move(listing), Collectors::FileSystem::CopyJob::Depth::Folder, [&](const auto&) { ++entries; }));
+    plan = {};
+    EXPECT_EQ(entries, 100'000U);
+    EXPECT_EQ(std::move(job).Status().errors.size(), 1U);
+}
+
+class Faults : public FaultyMachine, public testing::WithParamInterface<std::size_t> {};
+
 constexpr std::size_t groups = 5;
 
 TEST_P(Faults, CostOnlyWhatTheySayAndLeaveAGoodArchive) {
@@ -315,8 +404,10 @@ TEST_P(Faults, CostOnlyWhatTheySayAndLeaveAGoodArchive) {
         for (const auto& [first, last, error] :
              {std::tuple{1U, ~0U, ERROR_IO_DEVICE}, {calls / 2, calls / 2, ERROR_ACCESS_DENIED}}) {
             SCOPED_TRACE(testing::Message() << function << ", calls " << first << " to " << last << ": " << error);
-            Compare(whole, Run(commands, {function, first, last, static_cast<DWORD>(error), {}}),
-                    MayBeLeftOut(function));
+            Compare(
+                whole,
+                Run(commands, {.function = function, .first = first, .last = last, .error = static_cast<DWORD>(error)}),
+                MayBeLeftOut(function));
         }
     }
     EXPECT_EQ(TestSupport::HandleCount(), handles);

@@ -7,10 +7,6 @@
 
 namespace Shared::FileSystem {
 
-bool DirectoryEntry::IsRealDirectory() const noexcept {
-    return IsDirectory() && !IsLink(attributes, reparseTag);
-}
-
 Util::Win32Result<const DirectoryEntry*> DirectoryListing::Next() {
     for (;;) {
         if (next_ == buffer_.size()) {
@@ -31,12 +27,18 @@ Util::Win32Result<const DirectoryEntry*> DirectoryListing::Next() {
         }
         entry_.path = NameBelow(folder_.native(), name);
         entry_.attributes = found.FileAttributes;
-        // Of a reparse point the file system returns the tag in place of the size of the extended attributes.
-        entry_.reparseTag = (found.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 ? found.EaSize : 0;
         entry_.size = static_cast<std::uint64_t>(found.EndOfFile.QuadPart);
         entry_.lastWritten = found.LastWriteTime.QuadPart;
         return &entry_;
     }
+}
+
+const DirectoryEntry* DirectoryListing::NextOrThrow(const char* operation) {
+    const auto next = Next();
+    if (!next) {
+        ThrowFileSystemError(operation, folder_, next.error());
+    }
+    return *next;
 }
 
 }  // namespace Shared::FileSystem

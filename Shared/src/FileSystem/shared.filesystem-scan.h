@@ -18,7 +18,6 @@ namespace Shared::FileSystem {
 struct DirectoryEntry {
     std::filesystem::path path;
     DWORD attributes = 0;
-    DWORD reparseTag = 0;
     std::uint64_t size = 0;
     /// In units of FILETIME.
     std::int64_t lastWritten = 0;
@@ -29,8 +28,10 @@ struct DirectoryEntry {
         return text.substr(text.rfind(L'\\') + 1);
     }
     [[nodiscard]] bool IsDirectory() const noexcept { return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
-    /// Whether this is a folder and no link to one.
-    [[nodiscard]] bool IsRealDirectory() const noexcept;
+    /// Whether this is a folder with its contents in place; a link to one, for example, is a reparse point.
+    [[nodiscard]] bool IsPlainDirectory() const noexcept {
+        return IsDirectory() && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
+    }
 };
 
 /// The entries of one folder, without "." and "..", in the order of the file system.
@@ -43,7 +44,9 @@ public:
     /// The next entry, valid until the next call; null at the end.
     [[nodiscard]] Util::Win32Result<const DirectoryEntry*> Next();
 
-    [[nodiscard]] const std::filesystem::path& Path() const noexcept { return folder_; }
+    /// As Next; throws std::filesystem::filesystem_error of the given operation.
+    [[nodiscard]] const DirectoryEntry* NextOrThrow(const char* operation);
+
     [[nodiscard]] HANDLE Handle() const noexcept { return handle_.Get(); }
 
 private:

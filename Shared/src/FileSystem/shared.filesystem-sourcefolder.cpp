@@ -123,38 +123,4 @@ DirectoryListing ListOrThrow(const std::filesystem::path& path, Win32Result<Sour
     return *std::move(listing);
 }
 
-std::vector<UnreadableFolder> ForEachEntry(const SourceFolder& source, DirectoryListing listing, Depth depth,
-                                           const std::function<bool(const DirectoryEntry&)>& visit) {
-    const char* const operation =
-        depth == Depth::Tree ? "recursive_directory_iterator::operator++" : "directory_iterator::operator++";
-    std::vector<UnreadableFolder> unreadable;
-    // A stack of its own, since the depth of the tree is unbounded.
-    std::vector<DirectoryListing> listings;
-    listings.push_back(std::move(listing));
-    while (!listings.empty()) {
-        const auto next = listings.back().Next();
-        if (!next) {
-            ThrowFileSystemError(operation, listings.back().Path(), next.error());
-        }
-        const DirectoryEntry* const entry = *next;
-        if (entry == nullptr) {
-            listings.pop_back();
-            continue;
-        }
-        if (!visit(*entry)) {
-            break;
-        }
-        // A confined folder refuses links by itself.
-        if (depth == Depth::Tree && entry->IsDirectory() && (source.IsConfined() || entry->IsRealDirectory())) {
-            auto subfolder = ListingOf(entry->path, source.Open(entry->path));
-            if (subfolder) {
-                listings.push_back(*std::move(subfolder));
-            } else if (!IsNotFound(subfolder.error())) {
-                unreadable.push_back({.path = entry->path, .error = subfolder.error()});
-            }
-        }
-    }
-    return unreadable;
-}
-
 }  // namespace Shared::FileSystem

@@ -2,13 +2,10 @@
 
 #include <windows.h>
 
-#include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "shared.filesystem-scan.h"
 #include "shared.filesystem-status.h"
@@ -76,21 +73,5 @@ struct TrustedFolder {
         return SourceFolder::Trusted(std::move(folder));
     }
 };
-
-enum class Depth : std::uint8_t { Folder, Tree };
-
-/// A subfolder that exists and cannot be listed.
-struct UnreadableFolder {
-    std::filesystem::path path;
-    DWORD error;
-};
-
-/// Visits every entry of a listed folder, or of the whole tree below it: a folder comes before its entries. Links are
-/// visited and never followed, so that a tree with a loop ends. A subfolder that has been removed meanwhile is passed
-/// over; one that cannot be listed, in a confined folder links too, is passed over and returned. Ends early when
-/// `visit` returns false. Throws std::filesystem::filesystem_error of the operation "directory_iterator::operator++",
-/// or "recursive_directory_iterator::operator++" for a tree, when a listing fails.
-std::vector<UnreadableFolder> ForEachEntry(const SourceFolder& source, DirectoryListing listing, Depth depth,
-                                           const std::function<bool(const DirectoryEntry&)>& visit);
 
 }  // namespace Shared::FileSystem

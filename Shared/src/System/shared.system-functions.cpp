@@ -57,15 +57,13 @@ void ForEachUserProfile(const std::filesystem::path& profilesDirectory,
                         const std::function<void(const std::filesystem::path&)>& visit) {
     static constexpr std::array<std::wstring_view, 4> excludedNames{L"Public", L"Default", L"All Users",
                                                                     L"Default User"};
-    const auto source = FileSystem::SourceFolder::Trusted(profilesDirectory);
-    FileSystem::ForEachEntry(
-        source, FileSystem::ListOrThrow(source.Path(), source.Open(source.Path())), FileSystem::Depth::Folder,
-        [&visit](const FileSystem::DirectoryEntry& entry) {
-            if (entry.IsDirectory() && std::ranges::find(excludedNames, entry.Name()) == excludedNames.end()) {
-                visit(entry.path);
-            }
-            return true;
-        });
+    auto listing = FileSystem::ListOrThrow(
+        profilesDirectory, FileSystem::SourceFolder::Trusted(profilesDirectory).Open(profilesDirectory));
+    while (const auto* entry = listing.NextOrThrow("directory_iterator::operator++")) {
+        if (entry->IsDirectory() && std::ranges::find(excludedNames, entry->Name()) == excludedNames.end()) {
+            visit(entry->path);
+        }
+    }
 }
 
 }  // namespace Shared::System

@@ -13,16 +13,14 @@
 #include "agentcore.diagnostics-collectors-filechecks.h"
 #include "shared.concurrency-interrupt.h"
 #include "shared.exception-guardedlog.h"
-#include "shared.exception-messages.h"
 #include "shared.util-functions.h"
 
 namespace AgentCore::Diagnostics::Collectors::FileSystem {
 
 namespace {
 
-using Shared::Concurrency::IsInterrupted;
-using Shared::FileSystem::Depth;
 using Shared::FileSystem::DirectoryEntry;
+using Shared::FileSystem::DirectoryListing;
 using Shared::FileSystem::SourceFolder;
 using Shared::Util::ToUtf8Lossy;
 
@@ -30,17 +28,8 @@ bool IsMatch(const FileDescriptor& file, const ExtensionScan& scan) {
     return !file.stem.empty() && file.extension == scan.extension && file.name.starts_with(scan.namePrefix);
 }
 
-std::string CannotList(const Shared::FileSystem::UnreadableFolder& folder) {
-    if (auto refusal = RefusalOf(folder.path, folder.error)) {
-        return std::move(refusal->message);
-    }
-    return LogWarningAndReturn(fmt::format("Cannot list the folder {}: {}", ToUtf8Lossy(folder.path),
-                                           Shared::Exception::Win32Message(folder.error)));
-}
-
-// The files that match; what cannot be listed becomes a message.
-std::vector<FileDescriptor> Find(const SourceFolder& source, Shared::FileSystem::DirectoryListing listing,
-                                 const ExtensionScan& scan, CopyJob& job) {
+std::vector<FileDescriptor> Find(const SourceFolder& source, DirectoryListing listing, const ExtensionScan& scan,
+                                 CopyJob& job) {
     std::vector<FileDescriptor> files;
     const auto visit = [&](const DirectoryEntry& entry) {
         const std::wstring_view name = entry.Name();
@@ -49,13 +38,10 @@ std::vector<FileDescriptor> Find(const SourceFolder& source, Shared::FileSystem:
                 files.push_back(std::move(file));
             }
         }
-        return !IsInterrupted();
     };
-    for (const auto& folder :
-         ForEachEntry(source, std::move(listing), scan.recursive ? Depth::Tree : Depth::Folder, visit)) {
-        job.AddMessage(CannotList(folder));
-    }
-    if (files.empty() && !IsInterrupted()) {
+    const bool isWhole =
+        job.Scan(std::move(listing), scan.recursive ? CopyJob::Depth::Tree : CopyJob::Depth::Folder, visit);
+    if (files.empty() && isWhole) {
         Shared::Exception::LogInfo("No files with extension {} were found in directory {}.", scan.extension,
                                    ToUtf8Lossy(source.Path()));
     }
@@ -66,7 +52,7 @@ std::vector<FileDescriptor> Find(const SourceFolder& source, Shared::FileSystem:
 void CopyMatches(const std::vector<FileDescriptor>& files, std::size_t maxPerName, CopyJob& job) {
     std::unordered_map<std::string, std::size_t> copied;
     for (const FileDescriptor& file : files) {
-        if (IsInterrupted()) {
+        if (Shared::Concurrency::IsInterrupted()) {
             break;
         }
         std::size_t& copiedOfName = copied[file.baseName];
@@ -76,7 +62,7 @@ void CopyMatches(const std::vector<FileDescriptor>& files, std::size_t maxPerNam
             continue;
         }
         try {
-            copiedOfName += job.Copy(file.path, IfMissing::Report) ? 1 : 0;
+            copiedOfName += job.Copy(file.path, CopyJob::IfMissing::Report) ? 1 : 0;
         } catch (const std::exception& error) {
             Shared::Exception::LogError("Diagnostics failed copying extension-based file {}: {}",
                                         ToUtf8Lossy(file.path), error.what());

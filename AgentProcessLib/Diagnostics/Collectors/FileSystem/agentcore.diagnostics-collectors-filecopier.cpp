@@ -11,8 +11,13 @@ CollectorStatus CopyNamedFile(SourceProvider provider, std::string_view name, st
     return WithinBoundary(
         [&] {
             const auto source = provider();
+            const auto file = source.Path() / Shared::Util::PathFromUtf8(name);
+            const auto found = source.Open(file);
+            if (!found && Shared::FileSystem::IsNotFound(found.error())) {
+                return Unsuccessful();
+            }
             CopyJob job(source, maxSize, destination);
-            job.Copy(source.Path() / Shared::Util::PathFromUtf8(name), IfMissing::Ignore, "exists");
+            job.Copy(file, found, "exists");
             return std::move(job).Status();
         },
         [&](std::string_view reason) {

@@ -5,14 +5,33 @@
 #include <vector>
 
 #include "agentcore.diagnostics-collectors-copyjob.h"
+#include "agentcore.diagnostics-collectors-extensioncopier.h"
 #include "agentcore.diagnostics-collectors-filechecks.h"
 #include "agentcore.diagnostics-collectors-userfilecopier.h"
 #include "agentcore.diagnostics-sets.h"
 #include "diagnostics-test.h"
 #include "shared.exception.h"
 #include "shared.filesystem-longpath.h"
+#include "shared.system-installpaths.h"
 #include "shared.util-functions.h"
 #include "shared.util-handle.h"
+
+namespace {
+
+std::filesystem::path scanned;
+std::filesystem::path TrustedScan() {
+    return scanned;
+}
+std::filesystem::path ConfinedScan() {
+    return scanned;
+}
+
+}  // namespace
+
+template <>
+struct Shared::FileSystem::TrustOf<&TrustedScan> : TrustedFolder {};
+template <>
+struct Shared::FileSystem::TrustOf<&ConfinedScan> : ProgramDataFolder {};
 
 namespace AgentCore::Diagnostics::Collectors::FileSystem {
 
@@ -134,6 +153,50 @@ TEST_F(FileCollectors, WhatOutgrowsTheLimitAfterTheGateIsRefusedAsThere) {
                 ElementsAre("Excluded file '" + Utf8(file) +
                             "' (0 MB) because it exceeds the maximum file size limit of 0 MB."));
     EXPECT_THAT(Archived(), IsEmpty());
+}
+
+TEST_F(FileCollectors, TrustedTreesThatLoopEnd) {
+    scanned = machine_ / L"tree";
+    WriteFile(scanned / L"inner" / L"a.log", "");
+    WriteFile(scanned / L"b.log", "");
+    const TestSupport::SymbolicLink loop(scanned, scanned / L"inner" / L"loop");
+    const TestSupport::SymbolicLink toFile(scanned / L"b.log", scanned / L"c.log");
+    EXPECT_THAT(Run(ExtensionCopier<&TrustedScan, ".log", "", true, logType>()).errors, IsEmpty());
+    EXPECT_THAT(Archived(), ElementsAre("F/a.log", "F/b.log", "F/c.log")) << "links to files are followed";
+}
+
+TEST_F(FileCollectors, WhatUsersCanWriteToIsBounded) {
+    scanned = machine_ / LR"(a\b\c)";
+    std::wstring deep;
+    for (int level = 0; level < 70; ++level) {
+        deep += LR"(d\)";
+    }
+    WriteFile(scanned / deep / L"deep.txt", "");
+    const auto cut = HasSubstr(" was cut at ");
+    EXPECT_THAT(Run(ExtensionCopier<&ConfinedScan, ".txt", "", true, logType>()).errors, ElementsAre(cut));
+    EXPECT_THAT(log_.Text(), Not(HasSubstr("No files with extension")));
+    EXPECT_THAT(Run(ExtensionCopier<&TrustedScan, ".txt", "", true, logType>()).errors, IsEmpty());
+    EXPECT_THAT(Archived(), ElementsAre("F/deep.txt"));
+
+    // The size that counts is the opened file's.
+    const fs::path file = scanned / L"a.log";
+    WriteFile(file, "");
+    constexpr std::uint64_t gigabyte = std::uint64_t{1} << 30U;
+    const Destination destination{L"F", zip_};
+    for (const auto provider : {&SourceOf<&ConfinedScan>, &SourceOf<&TrustedScan>}) {
+        const auto source = provider();
+        CopyJob job(source, gigabyte, destination);
+        auto found = source.Open(file);
+        found->opened.facts.size = gigabyte;
+        EXPECT_TRUE(job.Copy(file, found, "status"));
+        found->opened.facts.size = 1;
+        EXPECT_EQ(job.Copy(file, found, "status"), !source.IsConfined());
+        if (source.IsConfined()) {
+            EXPECT_THAT(std::move(job).Status().errors,
+                        ElementsAre("1 further entries of the folder " + Utf8(scanned) +
+                                    " were left out: at most 1000 files and 1 GiB are taken."));
+        }
+    }
 }
 
 TEST_F(FileCollectors, ProfilesThatCannotBeListedAreARowOfTheirOwn) {
