@@ -349,6 +349,13 @@ TEST_F(FaultyMachine, OnFatLosesNothing) {
     EXPECT_FALSE(std::filesystem::exists(machine_ / L"folder"));
 }
 
+/// By the collector, by the check for an executable, and by the library.
+TEST_F(FaultyMachine, OpensACollectedFileThreeTimes) {
+    for (const auto& [name, count] : Run(false, {}).opens) {
+        EXPECT_TRUE(!name.starts_with(L"scanned ") || count <= 3) << std::filesystem::path(name) << ": " << count;
+    }
+}
+
 TEST(SourceFolder, OpensNoPlaceholderInAConfinedFolder) {
     const TestSupport::TemporaryFolder folder;
     TestSupport::WriteFile(folder / LR"(sub\file)", "");
