@@ -8,14 +8,17 @@
 #include <cstddef>
 #include <expected>
 #include <filesystem>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <vector>
 
+#include "shared.concurrency-childfolder.h"
 #include "shared.concurrency-event.h"
 #include "shared.concurrency-interrupt.h"
 #include "shared.concurrency-pipe.h"
 #include "shared.exception-guardedlog.h"
+#include "shared.filesystem-longpath.h"
 #include "shared.system-functions.h"
 #include "shared.util-handle.h"
 #include "shared.util-win32result.h"
@@ -305,15 +308,20 @@ std::string ReadFromPipe(HANDLE pipe, std::chrono::milliseconds timeout) {
     return output;
 }
 
-CmdRunStatus RunCommand(const std::wstring& command, std::chrono::milliseconds timeout, const ChildFolder& folder) {
+CmdRunStatus RunCommand(const std::wstring& command, std::chrono::milliseconds timeout,
+                        const std::filesystem::path& folder) {
     if (command.empty()) {
         throw Exception::RuntimeException("Please specify a cmd command.");
+    }
+    std::optional<ChildFolder> substitute;
+    if ((folder.empty() ? FileSystem::FullPath(L".") : folder).native().starts_with(LR"(\\)")) {
+        substitute.emplace();
     }
     Pipe output = CreateOutputPipe();
     Pipe input = CreateInputPipe();
     const std::wstring interpreter = InterpreterPath();
     const Child child(interpreter, fmt::format(L"{} /c {}", interpreter, command), input.read.Get(), output.write.Get(),
-                      folder.Path());
+                      substitute ? substitute->Path() : folder);
     // The end of the output is reported when no process has the write end open any more.
     output.write.Reset();
     input.read.Reset();

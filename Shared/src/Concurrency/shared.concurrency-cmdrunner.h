@@ -4,10 +4,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <string>
 #include <utility>
 
-#include "shared.concurrency-childfolder.h"
 #include "shared.exception.h"
 
 namespace Shared::Concurrency {
@@ -58,27 +58,29 @@ private:
 
 /// As Execute(), without a parser.
 [[nodiscard]] CmdRunStatus RunCommand(const std::wstring& command, std::chrono::milliseconds timeout,
-                                      const ChildFolder& folder);
+                                      const std::filesystem::path& folder);
 
 /// The output as it is.
 [[nodiscard]] inline std::string EmptyParser(std::string output) {
     return output;
 }
 
-/// Runs a command through the system's command interpreter ("{} /c {}", the command unchanged) and passes what it
-/// writes through the parser. The interpreter is the one in the Windows directory and nothing else. Its standard
-/// input is a pipe that stays open and empty: a command that asks for input runs into the timeout.
+/// Runs a command through the system's command interpreter ("{} /c {}", the command unchanged) and passes what it writes through the parser.
+/// The interpreter is the one in the Windows directory and nothing else. Its standard input is a pipe that stays open
+/// and empty: a command that asks for input runs into the timeout. Its current directory is `folder`, this process's
+/// own for an empty one, and a ChildFolder in place of one that begins with two backslashes (network and `\\?\`
+/// folders), which the interpreter does not take.
 ///
 /// A command that writes nothing for the length of the timeout, or during which the run is interrupted, is terminated
 /// together with everything that it has started. What is still alive when a run ends otherwise is terminated as well:
 /// nothing outlives the call.
 ///
 /// Throws RuntimeException "Please specify a cmd command.", Win32Exception "CreatePipe() failed" and
-/// "CreateProcessW() failed" (ERROR_FILE_NOT_FOUND without an interpreter), and what ReadFromPipe() throws apart from
-/// the timeout.
+/// "CreateProcessW() failed" (ERROR_FILE_NOT_FOUND without an interpreter), and what ChildFolder and ReadFromPipe()
+/// throw apart from the timeout.
 template <std::string (*Parser)(std::string)>
 [[nodiscard]] CmdRunStatus Execute(const std::wstring& command, std::chrono::milliseconds timeout,
-                                   const ChildFolder& folder = ChildFolder()) {
+                                   const std::filesystem::path& folder = {}) {
     CmdRunStatus status = RunCommand(command, timeout, folder);
     status.output = Parser(std::move(status.output));
     return status;

@@ -1,21 +1,16 @@
 // The child process of the C++ tests. Its arguments are steps, done in order:
 //   out TEXT, err TEXT    write the text          bytes N      write N bytes of a fixed pattern
-//   noise SEED N          write N random bytes    line N       the same without a line's end
 //   sleep MS              wait                    read         read standard input to its end
 //   close                 close both outputs      probe N      say whether N is an open handle
-//   grandchild MS         start a process that waits, with our handles, and write its id and a blank
 //   crash                 by an access violation  exit N       end; without it the exit code is 0
-//   traffic rdns export F write a file F, as the access agent's tool does; TEST_CHILD_EXPORT=folder or =link in the
-//                         environment makes it a folder or a hard link to "secret" instead
+//   traffic rdns export F write a file F, as the access agent's tool does; with TEST_CHILD_EXPORT in the environment
+//                         make a folder ("folder"), or a hard link to the file that it names
 // An unknown step ends the process with exit code 2.
 
 #include <windows.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <random>
 #include <string>
 #include <string_view>
 
@@ -31,42 +26,18 @@ void Write(DWORD stream, std::string_view text) {
     }
 }
 
-void WriteBytes(std::size_t count, char lineEnd) {
-    std::string chunk(std::size_t{251} * 256, '\0');
-    std::ranges::generate(chunk, [index = 0]() mutable { return static_cast<char>(index++ % 251); });
-    std::ranges::replace(chunk, '\n', lineEnd);
-    for (; count > chunk.size(); count -= chunk.size()) {
-        Write(STD_OUTPUT_HANDLE, chunk);
-    }
-    Write(STD_OUTPUT_HANDLE, std::string_view(chunk).substr(0, count));
-}
-
-void WriteNoise(unsigned seed, std::size_t count) {
-    std::mt19937 random(seed);
-    std::string noise(count, '\0');
-    std::ranges::generate(noise, [&] { return static_cast<char>(random()); });
-    Write(STD_OUTPUT_HANDLE, noise);
-}
-
-void StartGrandchild(const std::string& milliseconds) {
-    char self[MAX_PATH]{};
-    GetModuleFileNameA(nullptr, self, MAX_PATH);
-    std::string line = '"' + std::string(self) + "\" sleep " + milliseconds;
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    CreateProcessA(self, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
-    Write(STD_OUTPUT_HANDLE, std::to_string(process.dwProcessId) + ' ');
+void WriteBytes(std::size_t count) {
+    std::string bytes(count, '\0');
+    std::ranges::generate(bytes, [index = 0]() mutable { return static_cast<char>(index++ % 251); });
+    Write(STD_OUTPUT_HANDLE, bytes);
 }
 
 int Export(const std::string& name) {
-    char kind[8]{};
-    GetEnvironmentVariableA("TEST_CHILD_EXPORT", kind, sizeof kind);
-    if (kind == std::string_view("folder")) {
-        return CreateDirectoryA(name.c_str(), nullptr) != FALSE ? 0 : 1;
-    }
-    if (kind == std::string_view("link")) {
-        return CreateHardLinkA(name.c_str(), "secret", nullptr) != FALSE ? 0 : 1;
+    char kind[MAX_PATH]{};
+    if (GetEnvironmentVariableA("TEST_CHILD_EXPORT", kind, sizeof kind) != 0) {
+        const bool made = kind == std::string_view("folder") ? CreateDirectoryA(name.c_str(), nullptr) != FALSE
+                                                             : CreateHardLinkA(name.c_str(), kind, nullptr) != FALSE;
+        return made ? 0 : 1;
     }
     HANDLE file = CreateFileA(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
     DWORD written = 0;
@@ -83,11 +54,8 @@ int main(int count, char** arguments) {
         const auto next = [&]() -> std::string { return index + 1 < count ? arguments[++index] : ""; };
         if (step == "out" || step == "err") {
             Write(step == "out" ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE, next());
-        } else if (step == "bytes" || step == "line") {
-            WriteBytes(std::stoull(next()), step == "bytes" ? '\n' : '\0');
-        } else if (step == "noise") {
-            const std::string seed = next();
-            WriteNoise(static_cast<unsigned>(std::stoul(seed)), std::stoull(next()));
+        } else if (step == "bytes") {
+            WriteBytes(std::stoull(next()));
         } else if (step == "sleep") {
             Sleep(static_cast<DWORD>(std::stoul(next())));
         } else if (step == "read") {
@@ -102,8 +70,6 @@ int main(int count, char** arguments) {
             DWORD flags = 0;
             auto* const handle = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(std::stoull(next())));
             Write(STD_OUTPUT_HANDLE, GetHandleInformation(handle, &flags) != FALSE ? "open" : "closed");
-        } else if (step == "grandchild") {
-            StartGrandchild(next());
         } else if (step == "crash") {
             RaiseException(EXCEPTION_ACCESS_VIOLATION, 0, 0, nullptr);
         } else if (step == "exit") {

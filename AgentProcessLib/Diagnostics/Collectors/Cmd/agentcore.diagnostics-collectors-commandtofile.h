@@ -21,15 +21,9 @@ inline constexpr std::chrono::milliseconds commandTimeout{10000};
 [[nodiscard]] CollectorStatus CollectCommand(std::wstring (*source)(), std::string_view fileName,
                                              const Destination& destination) noexcept;
 
-template <class T>
-concept CommandText = std::convertible_to<T, std::wstring_view>;
-/// For command lines that are known at run time only; a call may throw, which is the collector's failure then.
-template <class T>
-concept CommandProvider = std::invocable<T> && std::convertible_to<std::invoke_result_t<T>, std::wstring>;
-
-/// The output of one console command. `Source` is a FixedString of wide characters or a callable.
+/// The output of one console command. `Source` is a FixedString of wide characters, or a callable that returns a
+/// std::wstring; one that throws is the collector's failure.
 template <auto Source, Shared::Util::FixedString FileName, int Type>
-    requires CommandText<decltype(Source)> || CommandProvider<decltype(Source)>
 class CommandToFile {
 public:
     static constexpr int diagnosticType = Type;
@@ -41,7 +35,7 @@ public:
 
 private:
     static std::wstring CommandLine() {
-        if constexpr (CommandProvider<decltype(Source)>) {
+        if constexpr (std::invocable<decltype(Source)>) {
             return Source();
         } else {
             return std::wstring(Source);

@@ -6,12 +6,12 @@
 #include <fmt/xchar.h>
 
 #include "agentcore.diagnostics-collectors-commandtofile.h"
+#include "shared.concurrency-childfolder.h"
 #include "shared.concurrency-cmdrunner.h"
 #include "shared.exception.h"
 #include "shared.filesystem-heldfile.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-open.h"
-#include "shared.filesystem-removal.h"
 #include "shared.filesystem-status.h"
 #include "shared.system-installpaths.h"
 #include "shared.util-functions.h"
@@ -33,7 +33,7 @@ CollectorStatus AddExport(const std::filesystem::path& path, const Destination& 
     }
     if (!CheckPlainFile(file->Get())) {
         throw Shared::Exception::RuntimeException(
-            fmt::format("The file '{}' is not a regular file.", Shared::Util::ToUtf8Lossy(path)));
+            fmt::format("The file '{}' is not a regular file.", Shared::Util::ToUtf8Lossy(rdnsFileName)));
     }
     return destination.Add(path);
 }
@@ -44,12 +44,9 @@ CollectorStatus ExportAndAdd(const Destination& destination) {
         return Unsuccessful();
     }
     const Shared::Concurrency::ChildFolder folder;
-    const std::filesystem::path path = folder.Path() / rdnsFileName;
-    RemoveOrThrow(path);
-    const FileObjectRemover remover(path);
-    static_cast<void>(
-        Shared::Concurrency::Execute<Shared::Concurrency::EmptyParser>(RdnsCommandLine(), commandTimeout, folder));
-    return AddExport(path, destination);
+    static_cast<void>(Shared::Concurrency::Execute<Shared::Concurrency::EmptyParser>(RdnsCommandLine(), commandTimeout,
+                                                                                     folder.Path()));
+    return AddExport(folder.Path() / rdnsFileName, destination);
 }
 
 }  // namespace

@@ -17,10 +17,9 @@ inline constexpr std::wstring_view rdnsFileName = L"lacli_traffic_rdns.log";
 /// The command line of the export.
 [[nodiscard]] std::wstring RdnsCommandLine();
 
-/// Has the access agent's tool export its reverse DNS table and archives that file. What exists under its name is
-/// removed before, so that only this run's export is archived, and afterwards in every case. Without the tool or
-/// without an export the status is unsuccessful and has no message. A link, a folder or a file with a further hard link
-/// is no export: "Collector{} failed: {}".
+/// Has the access agent's tool export its reverse DNS table, in a new private folder, and archives that file. Without
+/// the tool or without an export the status is unsuccessful and has no message. A link, a folder or a file with a
+/// second hard link is no export: "Collector{} failed: {}".
 [[nodiscard]] CollectorStatus CollectRdnsExport(const Destination& destination) noexcept;
 
 template <int Type>

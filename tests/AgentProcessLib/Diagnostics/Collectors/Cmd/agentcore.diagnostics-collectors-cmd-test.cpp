@@ -43,13 +43,31 @@ protected:
         hive_.SetString(L"SOFTWARE\\Velqor\\OXM", L"Path", (machine_ / "Velqor Agent").native() + L"\\\\");
         std::filesystem::create_directory(tool_.parent_path());
     }
-    CollectorStatus RunRdns() { return RunRow(ToolSet().at(3), zip_); }
+    // Runs the row of the export, with the tool exporting a file or what `kind` says instead.
+    CollectorStatus RunRdns(const wchar_t* kind = nullptr) {
+        SetEnvironmentVariableW(L"TEST_CHILD_EXPORT", kind);
+        const CollectorStatus status = RunRow(ToolSet().at(3), zip_);
+        SetEnvironmentVariableW(L"TEST_CHILD_EXPORT", nullptr);
+        return status;
+    }
 
     const std::filesystem::path tool_ = machine_ / "Lumora Access Agent" / "lacli.exe";
 };
 
-TEST_F(ToolSetTest, WithoutAnExportOrAProgramThereIsNoMessage) {
-    WriteFile(working_ / "lacli_traffic_rdns.log", "old");
+TEST_F(ToolSetTest, AnInstallPathThatCannotBeReadIsNoMissingTool) {
+    hive_.SetDword(L"SOFTWARE\\Velqor\\OXM", L"Path", 1);
+    const std::vector<CollectorRow> rows = InstalledToolSet();
+    ASSERT_THAT(rows, SizeIs(1));
+    EXPECT_THAT(RunRow(rows.front(), zip_).errors,
+                ElementsAre(AllOf(StartsWith("The access agent's tool is not asked: "),
+                                  HasSubstr("Cannot read string from registry; "))));
+}
+
+TEST_F(ToolSetTest, OnlyAPlainFileOfThisRunIsAnExport) {
+    const std::filesystem::path planted = working_ / "lacli_traffic_rdns.log";
+    const std::filesystem::path secret = machine_ / "secret";
+    WriteFile(planted, "planted");
+    WriteFile(secret, "not for everybody");
     for (const bool withTool : {false, true}) {
         if (withTool) {
             WriteFile(tool_, "not a program");
@@ -57,27 +75,22 @@ TEST_F(ToolSetTest, WithoutAnExportOrAProgramThereIsNoMessage) {
         const CollectorStatus status = RunRdns();
         EXPECT_FALSE(status.success);
         EXPECT_THAT(status.errors, IsEmpty());
-        EXPECT_EQ(std::filesystem::is_empty(working_.Path()), withTool);
     }
-    EXPECT_THAT(Archived(), IsEmpty());
     const CollectorStatus other = RunRow(ToolSet().front(), zip_);
     EXPECT_TRUE(other.success) << "what the interpreter says about it is evidence";
     EXPECT_NE(other.diagnostic.raw_process_exit_code(), 0U);
-}
 
-TEST_F(ToolSetTest, WhatIsNoPlainFileIsNoExport) {
-    std::filesystem::copy_file(TestSupport::ChildProgram(), tool_);
-    for (const wchar_t* kind : {L"folder", L"link"}) {
-        WriteFile(working_ / "secret", "not for everybody");
-        SetEnvironmentVariableW(L"TEST_CHILD_EXPORT", kind);
-        const CollectorStatus status = RunRdns();
-        SetEnvironmentVariableW(L"TEST_CHILD_EXPORT", nullptr);
-        EXPECT_THAT(status.errors, ElementsAre(AllOf(HasSubstr("Collectorlacli_traffic_rdns.log failed: "),
-                                                     HasSubstr("is not a regular file."))));
-        EXPECT_FALSE(std::filesystem::exists("lacli_traffic_rdns.log"));
-        EXPECT_EQ(TestSupport::ReadFile("secret"), "not for everybody");
+    std::filesystem::copy_file(TestSupport::ChildProgram(), tool_, std::filesystem::copy_options::overwrite_existing);
+    for (const wchar_t* kind : {L"folder", secret.c_str()}) {
+        EXPECT_THAT(RunRdns(kind).errors,
+                    ElementsAre(AllOf(HasSubstr("Collectorlacli_traffic_rdns.log failed: "),
+                                      HasSubstr("The file 'lacli_traffic_rdns.log' is not a regular file."))));
     }
-    EXPECT_THAT(Archived(), IsEmpty());
+    EXPECT_THAT(Archived(), ElementsAre(EndsWith("/lacli_epm_status.log")));
+    const CollectorStatus exported = RunRdns();
+    EXPECT_EQ(Text(exported.diagnostic.archive_path() + "/lacli_traffic_rdns.log"), "export");
+    EXPECT_EQ(TestSupport::ReadFile(secret), "not for everybody");
+    EXPECT_EQ(TestSupport::ReadFile(planted), "planted");
 }
 
 }  // namespace
