@@ -248,6 +248,16 @@ private:
     bool underWay_ = false;
 };
 
+// Ends with the command as it is, or between one more pair of quotation marks: of a command that begins with one, the
+// interpreter takes away the first and the last ("cmd /?"), among others when a special character is between the first
+// two, as in the path of a program below "Program Files (x86)".
+std::wstring CommandLine(const std::wstring& interpreter, const std::wstring& command) {
+    const std::size_t second = command.starts_with(L'"') ? command.find(L'"', 1) : std::wstring::npos;
+    const bool losesQuotes = second != std::wstring::npos && command.find_first_of(L"&<>()@^|") < second;
+    return losesQuotes ? fmt::format(L"{} /c \"{}\"", interpreter, command)
+                       : fmt::format(L"{} /c {}", interpreter, command);
+}
+
 // Ctrl+C reaches a child and this process at the same time, and may end the child first.
 void AwaitInterruption(std::uint32_t exitCode) {
     if (exitCode == STATUS_CONTROL_C_EXIT && InterruptEvent() != nullptr) {
@@ -320,7 +330,7 @@ CmdRunStatus RunCommand(const std::wstring& command, std::chrono::milliseconds t
     Pipe output = CreateOutputPipe();
     Pipe input = CreateInputPipe();
     const std::wstring interpreter = InterpreterPath();
-    const Child child(interpreter, fmt::format(L"{} /c {}", interpreter, command), input.read.Get(), output.write.Get(),
+    const Child child(interpreter, CommandLine(interpreter, command), input.read.Get(), output.write.Get(),
                       substitute ? substitute->Path() : folder);
     // The end of the output is reported when no process has the write end open any more.
     output.write.Reset();

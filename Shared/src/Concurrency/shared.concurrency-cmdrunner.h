@@ -65,7 +65,8 @@ private:
     return output;
 }
 
-/// Runs a command through the system's command interpreter ("{} /c {}", the command unchanged) and passes what it writes through the parser.
+/// Runs a command through the system's command interpreter ("{} /c {}", the command unchanged, but between one more
+/// pair of quotation marks where the interpreter would take its own away) and passes what it writes through the parser.
 /// The interpreter is the one in the Windows directory and nothing else. Its standard input is a pipe that stays open
 /// and empty: a command that asks for input runs into the timeout. Its current directory is `folder`, this process's
 /// own for an empty one, and a ChildFolder in place of one that begins with two backslashes (network and `\\?\`

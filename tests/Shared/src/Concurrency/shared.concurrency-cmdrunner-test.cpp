@@ -81,6 +81,18 @@ TEST(CmdRunner, TheChildInheritsItsStandardHandlesAlone) {
     EXPECT_EQ(Execute<EmptyParser>(ChildLine(fmt::format(L"probe {}", number)), ample).output, "closed");
 }
 
+TEST(CmdRunner, AProgramIsFoundBelowFoldersWithCharactersThatMeanSomethingToTheInterpreter) {
+    const TestSupport::TemporaryFolder folder;
+    for (const wchar_t* name : {L"Program Files (x86)", L"R&D", L"a^b@c", L"plain name"}) {
+        const std::filesystem::path program = folder / name / L"tool.exe";
+        std::filesystem::create_directory(program.parent_path());
+        std::filesystem::copy_file(TestSupport::ChildProgram(), program);
+        const std::wstring command = fmt::format(L"\"{}\" out ok exit 7", program.native());
+        const CmdRunStatus status = Execute<EmptyParser>(command, ample);
+        EXPECT_EQ(std::tie(status.exitCode, status.output, status.command), std::tuple(7U, "ok", command));
+    }
+}
+
 TEST(CmdRunner, APrivateFolderReplacesOneInWhichTheInterpreterCannotWork) {
     const TestSupport::WorkingFolder working;
     const auto run = [](const std::filesystem::path& folder) {
