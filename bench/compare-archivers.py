@@ -63,7 +63,7 @@ def make_set(folder, logs, log_size, dumps):
 
 
 def make_set_apart(folder, *what):
-    """As make_set, in a process of its own: what a tool is started from counts as its peak memory."""
+    """As make_set, in a child process: the memory of the process that starts a tool counts as the tool's peak."""
     child = os.fork()
     if child == 0:
         make_set(folder, *what)
@@ -80,7 +80,7 @@ def io_counters():
 
 
 def measured(command, folder):
-    """Runs in a process of its own, to which the system then adds up what the command and its children did."""
+    """Runs the command from a child process, so that the usage of children is that of this command alone."""
     reading, writing = os.pipe()
     child = os.fork()
     if child == 0:

@@ -1,4 +1,4 @@
-"""The limits that a benchmark checks, and what became of them."""
+"""The limits that a benchmark checks, with what was measured."""
 
 
 class Report:

@@ -15,7 +15,8 @@ if(MSVC)
     target_compile_options(agentcli-options INTERFACE /sdl)
   endif()
 else()
-  # The maps imply backslashes in source locations; our messages name files with slashes on every build machine.
+  # -ffile-prefix-map would put backslashes into source locations: messages name files with slashes on every build
+  # machine.
   target_compile_options(agentcli-options INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
     -g -gcodeview -gno-codeview-command-line -fno-omit-frame-pointer

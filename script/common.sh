@@ -3,7 +3,7 @@ set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 export LANG=C.UTF-8 LC_ALL=C.UTF-8
-# The compiler would search the folders that a machine names in these, and the program database would name them.
+# Compilers search the folders in these variables, and the program database would record them.
 unset LIBRARY_PATH COMPILER_PATH CPATH C_INCLUDE_PATH CPLUS_INCLUDE_PATH
 cache=${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/agentcli
 
@@ -59,7 +59,7 @@ configure_and_build() { # configure_and_build PRESET [CMAKE TARGET...]
   quietly "$build/build.log" cmake --build "$build" ${1:+--target "$@"}
 }
 
-# A quiet Wine without a display, in a prefix of the project's own.
+# Wine without a display and without debug messages, in a prefix below build/.
 wine_environment() { # wine_environment PREFIX
   export WINEPREFIX=$1 WINEDEBUG=-all WINEARCH=win64 WINEDLLOVERRIDES="mscoree=;mshtml="
   unset DISPLAY WAYLAND_DISPLAY
@@ -69,14 +69,14 @@ wine_environment() { # wine_environment PREFIX
     quietly "$WINEPREFIX.log" wine wineboot --init
     wineserver -w 2>/dev/null || true
   fi
-  # A server that stays after a program has ended saves the next one its start. Its services are started here, without
-  # an inherited output: a caller that waits for the end of a program's output would wait for them as well.
+  # A persistent server saves each program the start of one. The services are started here, with no output to inherit,
+  # because a caller that reads a program's output to its end would otherwise wait for them too.
   if wineserver --persistent=300 </dev/null >/dev/null 2>&1; then
     wine cmd /c exit </dev/null >/dev/null 2>&1 || true
   fi
 }
 
-# Makes a machine to run on and points script/under-wine at it; made anew when what it is made from has changed.
+# Makes a machine to run on, for script/under-wine; made again when demo/ or the tool has changed.
 make_machine() { # make_machine NAME [OPTIONS OF machine.py...]
   local machine=$root/build/wine/$1 recipe
   shift
