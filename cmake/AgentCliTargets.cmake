@@ -9,7 +9,7 @@ if(MSVC)
   # cross-build links does not support it.
   target_compile_options(agentcli-options INTERFACE
     /W4 /WX /w14242 /w14254 /permissive- /utf-8 /Zc:__cplusplus /Zc:preprocessor
-    /Zi /guard:cf /Brepro /experimental:deterministic "/pathmap:${CMAKE_SOURCE_DIR}=.")
+    /Zi /guard:cf /Brepro)
   if(AGENTCLI_CHECKED)
     target_compile_definitions(agentcli-options INTERFACE _CONTAINER_DEBUG_LEVEL=1)
     target_compile_options(agentcli-options INTERFACE /sdl)
