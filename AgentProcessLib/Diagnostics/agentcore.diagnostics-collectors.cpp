@@ -1,25 +1,42 @@
 #include "agentcore.diagnostics-collectors.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+#include <optional>
+
 #include "shared.exception-guardedlog.h"
 #include "shared.util-functions.h"
 
 namespace AgentCore::Diagnostics {
 
-CollectorStatus StatusOf(Shared::FileZip::ZipArchiveWrapper::AddResult added) {
+CollectorStatus StatusOf(Shared::FileZip::ZipArchiveWrapper::AddResult added, const std::filesystem::path& origin) {
     CollectorStatus status;
-    status.success = added || added.error().archived;
+    if (const auto archived = added ? std::optional(*added) : added.error().archived) {
+        status.success = true;
+        ::Diagnostics::File& file = *status.diagnostic.add_files();
+        file.set_name(archived->entryName);
+        file.set_origin(Shared::Util::ToUtf8Lossy(origin));
+        file.set_size(static_cast<std::uint32_t>(archived->size));
+    }
     if (!added) {
         status.errors.push_back(std::move(added.error().message));
     }
     return status;
 }
 
+void Merge(CollectorStatus& status, CollectorStatus&& other) {
+    status.success = status.success || other.success;
+    status.diagnostic.MergeFrom(other.diagnostic);
+    std::ranges::move(other.errors, std::back_inserter(status.errors));
+}
+
 CollectorStatus Destination::Add(const std::filesystem::path& file) const {
-    return StatusOf(zip.AddFileToFolder(folder, file));
+    return StatusOf(zip.AddFileToFolder(folder, file), {});
 }
 
 CollectorStatus Destination::Add(const Shared::FileSystem::GeneratedFile& file) const {
-    return StatusOf(zip.AddFile(Shared::Util::ToUtf8Lossy(folder / file.Name()), file.Path()));
+    return StatusOf(zip.AddFile(Shared::Util::ToUtf8Lossy(folder / file.Name()), file.Path()), {});
 }
 
 CollectorStatus Unsuccessful() {

@@ -40,16 +40,21 @@ concept Collector =
         { collector.Collect(archiveFolder, zip) } noexcept -> std::same_as<CollectorStatus>;
     };
 
-/// What an add makes of a collector that adds one file: successful when the archive holds the file, or a part of it;
-/// what went wrong is the one message.
-[[nodiscard]] CollectorStatus StatusOf(Shared::FileZip::ZipArchiveWrapper::AddResult added);
+/// What an add makes of a collector that adds one file: successful, with the file in its record, when the archive holds
+/// the file, or a part of it; what went wrong is the one message. `origin` is the path that the file came from, empty
+/// for what this run has generated.
+[[nodiscard]] CollectorStatus StatusOf(Shared::FileZip::ZipArchiveWrapper::AddResult added,
+                                       const std::filesystem::path& origin);
+
+/// Adds the result of another run to a status: it succeeds when either does, files and messages follow each other.
+void Merge(CollectorStatus& status, CollectorStatus&& other);
 
 /// A folder in the open archive, where a collector puts its files.
 struct Destination {
     const std::filesystem::path& folder;
     Shared::FileZip::ZipArchiveWrapper& zip;
 
-    /// Adds a file under its own name.
+    /// Adds a file that the run has had made, under its own name.
     [[nodiscard]] CollectorStatus Add(const std::filesystem::path& file) const;
 
     /// Adds a generated file under the name that it was asked for.

@@ -4,11 +4,9 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <exception>
-#include <iterator>
 #include <string_view>
 #include <utility>
 
@@ -26,14 +24,6 @@ using Shared::Util::SanitiseUtf8;
 std::uint32_t MillisecondsSince(std::chrono::steady_clock::time_point start) {
     using Milliseconds = std::chrono::duration<std::uint32_t, std::milli>;
     return std::chrono::duration_cast<Milliseconds>(std::chrono::steady_clock::now() - start).count();
-}
-
-void Merge(CollectorStatus& row, CollectorStatus&& run) {
-    row.success = row.success || run.success;
-    if (const auto exitCode = run.diagnostic.raw_process_exit_code(); exitCode != 0) {
-        row.diagnostic.set_raw_process_exit_code(exitCode);
-    }
-    std::ranges::move(run.errors, std::back_inserter(row.errors));
 }
 
 CollectorStatus RunCollectors(const CollectorRow& row, Shared::FileZip::ZipArchiveWrapper& zip) {

@@ -1,6 +1,9 @@
 #include <gmock/gmock.h>
 
+#include <cctype>
+#include <expected>
 #include <stdexcept>
+#include <string>
 
 #include "agentcore.diagnostics-manifest.h"
 #include "agentcore.diagnostics-rows.h"
@@ -45,6 +48,28 @@ TEST_F(RowsTest, ARowIsOneStatusAndOneManifestEntryWhateverItsCollectorsSay) {
     EXPECT_THAT(manifest, HasSubstr("\"not \xEF\xBF\xBD UTF-8\""));
     EXPECT_LT(manifest.find("first"), manifest.find("second"));
     EXPECT_TRUE(std::filesystem::is_empty(working_.Path()));
+}
+
+TEST_F(RowsTest, TheManifestNamesEachFileOfARow) {
+    TestSupport::WriteFile(working_ / L"empty", "");
+    const CollectorRow rows[] = {
+        {.type = logType,
+         .name = "row",
+         .origin = {},
+         .collectors = {[](const auto& folder, auto& zip) { return Destination{folder, zip}.Add(L"empty"); },
+                        [](const auto&, auto&) {
+                            return StatusOf(std::unexpected(ZipArchiveWrapper::AddFailure{
+                                                .message = "grew", .archived = {{.entryName = "a", .size = 5}}}),
+                                            L"C:\\logs\\a");
+                        }}}};
+    const auto statuses = RunSet(rows, zip_);
+    EXPECT_TRUE(statuses[0].success);
+    WriteManifest(statuses, zip_, {});
+    std::string files = Text("manifest.json").value_or("");
+    files = files.substr(files.find("\"files\""));
+    std::erase_if(files, [](char character) { return std::isspace(static_cast<unsigned char>(character)) != 0; });
+    EXPECT_THAT(files, testing::StartsWith(R"("files":[{"name":"DIAGNOSTIC_TYPE_LOG_ALL_0/empty","size":0},)"
+                                           R"({"name":"a","origin":"C:\\logs\\a","size":5}])"));
 }
 
 TEST_F(RowsTest, AManifestThatIsNotArchivedIsAFailure) {

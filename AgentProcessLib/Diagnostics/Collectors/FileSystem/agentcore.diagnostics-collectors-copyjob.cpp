@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <iterator>
 
 #include "agentcore.diagnostics-collectors-filechecks.h"
 #include "shared.concurrency-interrupt.h"
@@ -109,12 +107,12 @@ bool CopyJob::Copy(const std::filesystem::path& file, const Win32Result<SourceFi
         AddMessage(SizeExceeded(file, *added.error().tooLarge, maxSize_).message);
         return false;
     }
-    CollectorStatus status = StatusOf(std::move(added));
-    std::ranges::move(status.errors, std::back_inserter(status_.errors));
-    files_ += status.success ? 1 : 0;
-    bytes_ += status.success ? size : 0;
-    status_.success = status_.success || status.success;
-    return status.success;
+    CollectorStatus status = StatusOf(std::move(added), file);
+    const bool isArchived = status.success;
+    files_ += isArchived ? 1 : 0;
+    bytes_ += isArchived ? size : 0;
+    Merge(status_, std::move(status));
+    return isArchived;
 }
 
 void CopyJob::SkipFolder(const std::filesystem::path& folder, DWORD reason) {
