@@ -204,8 +204,7 @@ class Limits(Case):
                           if entry.startswith(row["archivePath"] + "/")}, set(files))
         self.assertEqual(len(row["errors"]), messages)
         self.assertEqual(row["errors"][-1], (
-            f"{left} further files of the folder C:\\{folder} were left out: at most 1000 files are taken, "
-            "and of a user's folder the newest ones up to 1 GiB."))
+            f"{left} further entries of the folder C:\\{folder} were left out: at most 1000 files and 1 GiB are taken."))
 
     def test_a_row_of_a_user_takes_its_newest_files(self):
         self.make(self.panes, {f"{number}.log": 0 for number in range(1005)})
@@ -214,7 +213,7 @@ class Limits(Case):
         sizes = [machine.SIZE_LIMIT] * 6 + [machine.SIZE_LIMIT + 1]
         self.make(self.panes.parent / "ViewpaneUI", {f"{number}.bin": size for number, size in enumerate(sizes)})
         self.found = self.archive("-l")
-        self.check("Viewpane", (f"{number}.log" for number in range(5, 1005)), 1001, 5, self.pane)
+        self.check("Viewpane", (f"{number}.log" for number in range(5, 1005)), 1001, 10, self.pane)
         self.check("ViewpaneUI", (f"{number}.bin" for number in range(1, 6)), 2, 1, self.pane + "UI")
 
     def test_the_collectors_of_a_row_share_its_thousand_files(self):

@@ -127,11 +127,6 @@ Util::Win32Result<void> CheckPlainFile(HANDLE file) noexcept {
     return {};
 }
 
-std::uint64_t SizeOf(HANDLE file) noexcept {
-    LARGE_INTEGER size{};
-    return GetFileSizeEx(file, &size) == FALSE ? 0 : static_cast<std::uint64_t>(size.QuadPart);
-}
-
 bool IsSameFile(const std::filesystem::path& left, const std::filesystem::path& right) {
     const auto one = OpenTrusted(left, queryAccess);
     const auto other = OpenTrusted(right, queryAccess);

@@ -62,9 +62,6 @@ struct OpenedFile {
 /// ERROR_BAD_FILE_TYPE for what is not on a disk.
 [[nodiscard]] Util::Win32Result<void> CheckPlainFile(HANDLE file) noexcept;
 
-/// The size of an open file in bytes; 0 when the query fails.
-[[nodiscard]] std::uint64_t SizeOf(HANDLE file) noexcept;
-
 /// Whether two paths lead to one file, decided by their final paths: not every file system has file ids. False when
 /// one of them cannot be opened.
 [[nodiscard]] bool IsSameFile(const std::filesystem::path& left, const std::filesystem::path& right);
