@@ -103,7 +103,7 @@ struct Fault<function, result, R(Args...)> {
 #define FAULTS(X) \
     X(RegEnumKeyExW, ERROR_NOACCESS) X(RegEnumValueW, ERROR_NOACCESS) X(RegGetValueW, ERROR_NOACCESS) \
     X(RegOpenKeyExW, ERROR_NOACCESS) X(RegQueryInfoKeyW, ERROR_NOACCESS) X(RegQueryValueExW, ERROR_NOACCESS) \
-    X(CreateFileW, -1) X(CreateNamedPipeW, -1) X(GetFileAttributesW, -1) X(WaitForMultipleObjectsEx, -1) \
+    X(CreateFileW, -1) X(CreateNamedPipeW, -1) X(WaitForMultipleObjectsEx, -1) \
     X(WaitForSingleObject, -1) \
     X(CompareStringOrdinal, 0) X(ConvertSidToStringSidW, 0) \
     X(ConvertStringSecurityDescriptorToSecurityDescriptorW, 0) X(CreateEventW, 0) X(CreateJobObjectW, 0) \

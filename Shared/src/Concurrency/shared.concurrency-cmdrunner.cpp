@@ -170,18 +170,6 @@ private:
     Util::KernelHandle process_;
 };
 
-std::wstring InterpreterPath() {
-    std::wstring path = fmt::format(L"{}\\System32\\cmd.exe", Shared::System::GetWindowsPath().native());
-    const DWORD attributes = GetFileAttributesW(path.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES) {
-        throw Exception::Win32Exception("CreateProcessW() failed", GetLastError());
-    }
-    if ((attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)) != 0) {
-        throw Exception::Win32Exception("CreateProcessW() failed", ERROR_FILE_NOT_FOUND);
-    }
-    return path;
-}
-
 // One overlapped read into a buffer of its own. The system writes to both until the read has ended, for which the
 // destructor waits.
 class PendingRead {
@@ -329,7 +317,7 @@ CmdRunStatus RunCommand(const std::wstring& command, std::chrono::milliseconds t
     }
     Pipe output = CreateOutputPipe();
     Pipe input = CreateInputPipe();
-    const std::wstring interpreter = InterpreterPath();
+    const std::wstring interpreter = fmt::format(L"{}\\System32\\cmd.exe", System::GetWindowsPath().native());
     const Child child(interpreter, CommandLine(interpreter, command), input.read.Get(), output.write.Get(),
                       substitute ? substitute->Path() : folder);
     // The end of the output is reported when no process has the write end open any more.
