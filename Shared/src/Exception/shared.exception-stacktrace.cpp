@@ -86,9 +86,10 @@ private:
             GetFileAttributesW((std::wstring(WithoutExtension(path)) + L".pdb").c_str()) == INVALID_FILE_ATTRIBUTES) {
             return;
         }
-        SymSetOptions(SYMOPT_LOAD_LINES | SYMOPT_UNDNAME | SYMOPT_DEFERRED_LOADS | SYMOPT_FAIL_CRITICAL_ERRORS |
-                      SYMOPT_NO_PROMPTS);
-        ready_ = SymInitializeW(GetCurrentProcess(), folder.c_str(), TRUE) != FALSE;
+        SymSetOptions(SYMOPT_LOAD_LINES | SYMOPT_UNDNAME | SYMOPT_FAIL_CRITICAL_ERRORS | SYMOPT_NO_PROMPTS);
+        ready_ = SymInitializeW(session_, folder.c_str(), FALSE) != FALSE &&
+                 SymLoadModuleExW(session_, nullptr, path.c_str(), nullptr,
+                                  reinterpret_cast<std::uintptr_t>(executable_), 0, nullptr, 0) != 0;
     }
 
     Frame ResolveOwn(std::uintptr_t returnAddress, std::uintptr_t offset) const {
@@ -103,19 +104,21 @@ private:
         symbol->SizeOfStruct = sizeof(SYMBOL_INFOW);
         symbol->MaxNameLen = maxNameLength;
         DWORD64 displacement = 0;
-        if (SymFromAddrW(GetCurrentProcess(), address, &displacement, symbol) != FALSE) {
+        if (SymFromAddrW(session_, address, &displacement, symbol) != FALSE) {
             frame.description = fmt::format("{}!{}+{:#x}", name_, Narrow(symbol->Name), displacement + 1);
         }
         IMAGEHLP_LINEW64 line{};
         line.SizeOfStruct = sizeof line;
         DWORD column = 0;
-        if (SymGetLineFromAddrW64(GetCurrentProcess(), address, &column, &line) != FALSE && line.FileName != nullptr) {
+        if (SymGetLineFromAddrW64(session_, address, &column, &line) != FALSE && line.FileName != nullptr) {
             frame.file = Narrow(line.FileName);
             frame.line = line.LineNumber;
         }
         return frame;
     }
 
+    // Any unique value will do. For a process handle DbgHelp would look at the process and all of its modules.
+    HANDLE session_ = this;
     HMODULE executable_;
     std::string name_;
     bool ready_ = false;
