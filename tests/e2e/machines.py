@@ -3,6 +3,7 @@
 import contextlib
 import fcntl
 import io
+import itertools
 import json
 import os
 import pathlib
@@ -109,26 +110,25 @@ class Archive:
     """A zip that has been read from its first to its last byte."""
 
     def __init__(self, path):
-        with zipfile.ZipFile(io.BytesIO(pathlib.Path(path).read_bytes())) as archive:
-            self.entries = {entry.filename: (entry, archive.read(entry)) for entry in archive.infolist()}
-        self.names = [name for name in self.entries if not name.endswith("/")]
-        self.rows = json.loads(self.entries["manifest.json"][1])["diagnostics"] if "manifest.json" in self.names else []
+        self.zip = zipfile.ZipFile(io.BytesIO(pathlib.Path(path).read_bytes()))
+        if broken := self.zip.testzip():
+            raise AssertionError(f"{broken} is broken")
+        self.names = [name for name in self.zip.namelist() if not name.endswith("/")]
+        self.rows = json.loads(self.data("manifest.json"))["diagnostics"] if "manifest.json" in self.names else []
 
     def types(self):
         """The types of the manifest's rows in order, with how many follow each other."""
-        counts = []
-        for row in self.rows:
-            if counts and counts[-1][0] == row["type"]:
-                counts[-1][1] += 1
-            else:
-                counts.append([row["type"], 1])
-        return [tuple(count) for count in counts]
+        return [(kind, len(list(rows))) for kind, rows in itertools.groupby(row["type"] for row in self.rows)]
 
     def row(self, name):
         return next(row for row in self.rows if row["name"] == name)
 
+    def data(self, name):
+        return self.zip.read(name)
+
     def text(self, name):
-        return self.entries[name][1].decode("utf-8")
+        """The text with its line ends as they are on this machine."""
+        return self.data(name).decode("utf-8").replace("\r\n", "\n")
 
 
 class Case(unittest.TestCase):

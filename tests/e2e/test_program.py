@@ -66,7 +66,7 @@ class FullRun(Case):
                 exit_code = wanted.exit
                 if exit_code is ANY:
                     command, exit_code = re.match(rb"Command: (.*)\r\nExit code: (\d+)\r\nOutput:\r\n",
-                                                  archive.entries[min(archived)][1]).groups()
+                                                  archive.data(min(archived))).groups()
                     self.assertEqual(command.decode(), wanted.origin)
                 self.assertEqual(row.get("rawProcessExitCode", 0), int(exit_code or 0))
                 self.assertLessEqual(set(row), FIELDS)
@@ -76,7 +76,7 @@ class FullRun(Case):
     def check_files(self, archive, sources):
         """Each archived file is byte for byte the one on the machine, with its time."""
         for name, source in sources.items():
-            entry, data = archive.entries[name]
+            entry, data = archive.zip.getinfo(name), archive.data(name)
             self.assertEqual(data, (FULL.drive / source).read_bytes(), name)
             written = datetime.datetime.fromtimestamp((FULL.drive / source).stat().st_mtime, INDIA)
             added = datetime.datetime(*entry.date_time, tzinfo=INDIA)
@@ -86,7 +86,7 @@ class FullRun(Case):
             self.assertEqual(entry.compress_size, len(deflated.compress(data) + deflated.flush()) if data else 0, name)
 
     def check_texts(self, archive):
-        texts = {name.split("/")[-1]: archive.text(name) for name in archive.names
+        texts = {name.split("/")[-1]: archive.data(name).decode() for name in archive.names
                  if name.startswith(CONFIG) or name.split("/")[-1] in TEXTS}
         for name, wanted in TEXTS.items():
             pattern = re.escape(wanted.replace("\n", "\r\n"))
@@ -96,10 +96,10 @@ class FullRun(Case):
         written = re.search(r"\d\d:\d\d:\d\d \d{4}-\d\d-\d\d", texts["regval.txt"])[0]
         written = datetime.datetime.strptime(written, "%H:%M:%S %Y-%m-%d").replace(tzinfo=UTC).timestamp()
         self.assertTrue(0 < time.time() - written < 30 * 24 * 3600, written)
-        self.assertTrue(archive.text("manifest.json").startswith('{\r\n "diagnostics": [\r\n  {\r\n'))
-        log = archive.text("agent-cli.log")
+        self.assertTrue(archive.data("manifest.json").startswith(b'{\r\n "diagnostics": [\r\n  {\r\n'))
         problems = "".join(error + "\n" for row in archive.rows for error in row.get("errors", []))
-        self.assertIn(f"Collectors reported the following warnings or errors: \n{problems}", log.replace("\r\n", "\n"))
+        self.assertIn(f"Collectors reported the following warnings or errors: \n{problems}",
+                      archive.text("agent-cli.log"))
 
 
 class BareRun(Case):
@@ -171,7 +171,7 @@ class Registry(Case):
                          "Settings:\n", ["CP GUID"])):
             self.import_keys(f"[-{VELQOR}]\n" + "".join(f"[{VELQOR}{key}]\n{text}\n" for key, text in there + keys))
             archive = self.archive("-o")
-            self.assertEqual(archive.text(f"{CONFIG}_0/regval.txt").replace("\r\n", "\n"), HEAD + values)
+            self.assertEqual(archive.text(f"{CONFIG}_0/regval.txt"), HEAD + values)
             self.assertEqual(re.findall(r"\[warning\] Failed writing out (.*): Exception in ", self.log()), warned)
             failed = archive.row(r"SOFTWARE\Velqor\OXM").get("errors", [])
             self.assertEqual([error.split(": ")[0] for error in failed],
@@ -224,7 +224,7 @@ class Limits(Case):
 
 
 class Links(Case):
-    """Users can make links in their profiles and in ProgramData: what lies elsewhere is not collected for them."""
+    """Users can make links in their profiles and in ProgramData; the files of others are not collected through them."""
 
     def setUp(self):
         super().setUp()
@@ -267,7 +267,7 @@ class Links(Case):
              f"{self.local}/Portavo": [r"\VqPVA.log", r"\VqPVA.log.old"],
              machine.ACCESS_LOGS: ["", *(rf"\LumoraAccessAgentLog.etl.00{number}" for number in range(6))]},
             {"own.log", "own.txt", "deep.txt", "VqPVA.dmp"})
-        # A profile may lie elsewhere as a whole.
+        # A profile itself may be a link.
         self.assertTrue(next(row for row in archive.rows if row.get("origin") == r"C:\users\moved")["success"])
 
     def test_nothing_is_read_where_the_shared_folder_is_a_link(self):
@@ -291,7 +291,7 @@ class SlowTool(Case):
                                     ("tunnel", 10, tool_text("tunnel", "Tunnel: connected\n", exit_code))):
             row = archive.row(name)
             self.assertTrue(seconds * 1000 - 50 <= row["durationMs"] < seconds * 1000 + 5000, row)
-            self.assertEqual(archive.text(f"{row['archivePath']}/lacli_{name}.log"), text.replace("\n", "\r\n"))
+            self.assertEqual(archive.text(f"{row['archivePath']}/lacli_{name}.log"), text)
 
 
 class Flags(Case):
@@ -417,7 +417,7 @@ class CommandLine(Case):
 
 class FullDisk(Case):
     def test_a_run_without_a_manifest_fails(self):
-        # Where no file can grow over 64 KiB there is room for some logs, the manifest is one file too much.
+        # No file may grow over 64 KiB: some logs fit into the archive, the manifest does not.
         FULL.boot()
         size = 1 << 16
         done = subprocess.run([machine.UNDER_WINE, EXE, "agent", "collect-diagnostics", "-l"], cwd=self.folder,
@@ -462,7 +462,7 @@ class WorkingFolder(Case):
         self.assertIn("Collectors reported", Archive(self.zip).text("agent-cli.log"))
 
     def test_nothing_planted_there_is_run_or_written_through(self):
-        # Wine follows symbolic links even to delete them; second names of a file it can tell.
+        # Hard links: Wine follows symbolic links, even to delete them.
         targets = [self.scratch / f"target of {name}" for name in (
             "agent-cli.log", "diagnostics.zip", "manifest.json", "lacli_tunnel.log", "registry-oxm.txt",
             *(f"{name}.txt" for name in SAMPLE_FILES[5:]))]
@@ -493,7 +493,7 @@ class WorkingFolder(Case):
                          [row.name for row in expected if not row.files])
         for name in SAMPLES[:9]:
             # The planted programs answer this to every question that they do not know.
-            self.assertNotIn(b"Unknown command.", archive.entries[name][1], name)
+            self.assertNotIn(b"Unknown command.", archive.data(name), name)
 
 
 class Kill(Case):
@@ -524,7 +524,7 @@ class Kill(Case):
         for name in archive.names:
             if re.fullmatch(LOG + r"_0/oxm[.0-9]*\.log", name):
                 source = f"{machine.OXM}/{name.split('/')[-1]}"
-                self.assertEqual(archive.entries[name][1], machine.log_text(source, machine.LOGS.get(source, 5_000)))
+                self.assertEqual(archive.data(name), machine.log_text(source, machine.LOGS.get(source, 5_000)))
         return len(archive.names)
 
     def test_a_killed_run_takes_its_command_along_and_leaves_its_log(self):
