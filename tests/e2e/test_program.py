@@ -259,11 +259,14 @@ class Links(Case):
                              (f"{self.local}/Portavo", ""), (f"{self.data}/Lumora Access Agent", ""),
                              ("users/moved", "moved")):
             (BARE.drive / link).symlink_to(BARE.drive / "other" / target)
-        for name, second in (("other/secret.log", f"{self.panes}/hard.log"), ("other/secret.txt", f"{self.logs}/hard.txt")):
+        # Within a folder as well as from outside.
+        for name, second in (("other/secret.log", f"{self.panes}/hard.log"), ("other/secret.txt", f"{self.logs}/hard.txt"),
+                             (f"{self.panes}/sub/deep.log", f"{self.panes}/second.log")):
             os.link(BARE.drive / name, BARE.drive / second)
         self.enterContext(BARE.holding(f"{self.panes}/held.log", TOOL))
         archive = self.assert_refused(
-            {self.panes: [r"\hard.log", r"\link.log", r"\sub"], self.logs: [r"\folder", r"\hard.txt", r"\link.txt"],
+            {self.panes: [rf"\{name}" for name in ("hard.log", "link.log", "second.log", "sub")],
+             self.logs: [r"\folder", r"\hard.txt", r"\link.txt"],
              f"{self.local}/Portavo": [r"\VqPVA.log", r"\VqPVA.log.old"],
              machine.ACCESS_LOGS: ["", *(rf"\LumoraAccessAgentLog.etl.00{number}" for number in range(6))]},
             {"own.log", "own.txt", "deep.txt", "VqPVA.dmp"})
@@ -432,28 +435,31 @@ class FullDisk(Case):
 
 class WorkingFolder(Case):
     def test_an_earlier_log_is_kept_and_rolls_over_when_it_is_full(self):
-        log, rotated = self.folder / "agent-cli.log", self.folder / "agent-cli.1.log"
-        log.write_bytes(b"earlier\r\n")
-        log.chmod(0o666)
+        log, rotated, target = (self.folder / name for name in ("agent-cli.log", "agent-cli.1.log", "target"))
+        # Of a large one the last whole lines; a full one is moved away by the run's first line.
+        for earlier, kept in ((b"earlier\r\n", "earlier\n"), (b"x" * 10_300 + b"\r\nkept\r\n", "kept\n"),
+                              (b"x" * 10_230 + b"\r\n", "")):
+            log.write_bytes(earlier)
+            log.chmod(0o666)
+            self.collect("-o", on=FULL)
+            self.assert_begins(log, kept)
+        self.assertTrue(rotated.read_bytes().startswith(b"xxx"))
+        # Wine follows a symbolic link, also to read the target.
+        log.rename(target)
+        before = target.read_bytes()
+        log.symlink_to(target)
         self.collect("-o", on=FULL)
-        self.assert_heading(log.read_text(), "earlier\n")
+        self.assertFalse(log.is_symlink())
+        self.assertEqual(target.read_bytes(), before)
+
+    def assert_begins(self, log, before):
+        """The run's first line follows what was there before, in a file for its administrator alone."""
+        program = r"\] AgentCLI \d+\.\d+\.\d+ on Windows \d+\.\d+\.\d+, "
+        self.assertRegex(log.read_text(), rf"\A{before}\[.*\] \[default\] \[(info{program}|warning{program}not )elevated.*, "
+                                          rf"current directory {re.escape(windows_path(self.folder))}, command line .* -o\n")
+        self.assertEqual(self.log().count(" on Windows "), 1)
         # Wine shows the access list as a mode.
         self.assertEqual(log.stat().st_mode & 0o007, 0)
-        log.write_bytes(b"x" * 10_230 + b"\r\n")
-        self.collect("-o", on=FULL)
-        self.assertTrue(rotated.read_bytes().startswith(b"xxx"))
-        self.assert_heading(Archive(self.zip).text("agent-cli.log"))
-        self.assertEqual(log.stat().st_mode & 0o007, 0)
-        # Of a larger one the last whole lines are kept.
-        log.write_bytes(b"x" * 10_300 + b"\r\nkept\r\n")
-        self.collect("-o", on=FULL)
-        self.assert_heading(log.read_text(), "kept\n")
-        self.assertEqual(self.log().count(" on Windows "), 1)
-
-    def assert_heading(self, log, before=""):
-        self.assertRegex(log, rf"\A{before}\[.*\] \[default\] \[(info\] .*, |warning\] .*, not )elevated.*, "
-                              rf"current directory {re.escape(windows_path(self.folder))}, command line .* -o\r?\n")
-        self.assertRegex(log, r"\] AgentCLI \d+\.\d+\.\d+ on Windows \d+\.\d+\.\d+, ")
 
     def test_a_log_that_cannot_be_rotated_costs_its_older_lines(self):
         (self.folder / "agent-cli.log").write_bytes(b"x" * 10_230 + b"\r\n")
