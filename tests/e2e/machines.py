@@ -161,13 +161,15 @@ class Case(unittest.TestCase):
         self.assert_nothing_runs_in(folder)
         return printed
 
+    def assert_soon(self, condition):
+        deadline = time.monotonic() + 20
+        while not condition():
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.1)
+
     def assert_nothing_runs_in(self, folder):
         # Wine takes a moment to clear away a process that has ended.
-        for _ in range(20):
-            if not (left := running_in(folder)):
-                break
-            time.sleep(0.1)
-        self.assertEqual(left, [])
+        self.assert_soon(lambda: not running_in(folder))
 
     def assert_folder_holds(self, *names):
         """Nothing but these and the log with its one rotated file."""

@@ -19,7 +19,8 @@ from machines import BARE, EXE, FULL, TOOL, Archive, Case, Console, machine, run
 SAMPLE_FILES = ["RoutePrint", "IpConfig", "NicConfig", "NicDetails", "NetStat", "SystemInfo", "ProcessInfo",
                 "ServiceInfo", "DriverInfo", "TcpipBind"]
 SAMPLES = [f"{SAMPLE}_{number}/{name}.txt" for number, name in enumerate(SAMPLE_FILES)]
-FIELDS = {"name", "origin", "rawProcessExitCode", "archivePath", "type", "success", "errors", "startedAt", "durationMs"}
+FIELDS = {"name", "origin", "rawProcessExitCode", "archivePath", "type", "success", "errors", "startedAt", "durationMs",
+          "files"}
 MILLISECOND = datetime.timedelta(milliseconds=1)
 UTC = datetime.timezone.utc
 INDIA = datetime.timezone(datetime.timedelta(hours=5, minutes=30))
@@ -38,7 +39,8 @@ class FullRun(Case):
             printed = self.collect(on=FULL, TZ="Asia/Kolkata")
         self.assert_located(printed, self.zip)
         self.assert_folder_holds("diagnostics.zip")
-        self.assertEqual([sorted(folder.glob("*")) for folder in temporary], before)
+        # Other tests have runs of their own on this machine.
+        self.assert_soon(lambda: [sorted(folder.glob("*")) for folder in temporary] == before)
         archive = Archive(self.zip)
         for reader in (["unzip", "-tqq"], ["7z", "t", "-bso0", "-bsp0"]):
             subprocess.run([*reader, self.zip], check=True)
@@ -46,6 +48,21 @@ class FullRun(Case):
         self.assertEqual(moments, sorted(moments))
         self.check_files(archive, self.check_rows(archive))
         self.check_texts(archive)
+        self.check_run(archive.manifest["run"], start)
+
+    def check_run(self, run, start):
+        """The run's facts, as far as they are known here; the log's first line says the same."""
+        began = datetime.datetime.strptime(run["beganAt"], "%Y-%m-%dT%H:%M:%S.%fZ").replace(tzinfo=UTC)
+        self.assertTrue(start - MILLISECOND <= began <= datetime.datetime.now(UTC), began)
+        known = {"programVersion": r"\d+\.\d+\.\d+", "computerName": r"\S+", "user": r"\S+\\\S+",
+                 "windowsVersion": r"\d+\.\d+\.\d+", "timeZone": ".+", "locale": "[a-z]+-[A-Z]+",
+                 "commandLine": ".* agent collect-diagnostics",
+                 "currentDirectory": re.escape(windows_path(self.folder))}
+        for name, pattern in known.items():
+            self.assertRegex(run[name], rf"\A{pattern}\Z", name)
+            self.assertIn(run[name], self.log(), name)
+        self.assertEqual((run["elevated"], run["utcOffsetMinutes"], run["interrupted"]), (True, 330, False))
+        self.assertTrue(run["ansiCodePage"] and run["oemCodePage"])
 
     def check_rows(self, archive):
         """Compares each field of each row; returns where each archived log or dump comes from."""
@@ -70,6 +87,12 @@ class FullRun(Case):
                     self.assertEqual(command.decode(), wanted.origin)
                 self.assertEqual(row.get("rawProcessExitCode", 0), int(exit_code or 0))
                 self.assertLessEqual(set(row), FIELDS)
+                # Generated text comes from no path.
+                origins = {name: "C:\\" + file.replace("/", "\\") if "/" in file else None
+                           for name, file in archived.items()}
+                self.assertEqual({file["name"]: file.get("origin") for file in row.get("files", [])}, origins)
+                for file in row.get("files", []):
+                    self.assertEqual(file["size"], archive.zip.getinfo(file["name"]).file_size)
         self.assertEqual(sorted(archive.names), sorted([*sources, "manifest.json", "agent-cli.log"]))
         return {name: file for name, file in sources.items() if name.startswith((LOG, CRASH))}
 
@@ -203,8 +226,8 @@ class Limits(Case):
         self.assertEqual({entry.split("/")[1] for entry in self.found.names
                           if entry.startswith(row["archivePath"] + "/")}, set(files))
         self.assertEqual(len(row["errors"]), messages)
-        self.assertEqual(row["errors"][-1], (
-            f"{left} further entries of the folder C:\\{folder} were left out: at most 1000 files and 1 GiB are taken."))
+        self.assertEqual(row["errors"][-1], f"{left} further entries of the folder C:\\{folder} were left out: "
+                                            "at most 1000 files and 1 GiB are taken.")
 
     def test_a_row_of_a_user_takes_its_newest_files(self):
         self.make(self.panes, {f"{number}.log": 0 for number in range(1005)})
@@ -321,6 +344,11 @@ class ToolPath(Case):
         self.addCleanup(BARE.run, "reg", "delete", r"HKLM\SOFTWARE\Velqor", "/f")
         return tool
 
+    def test_is_asked_below_any_folder(self):
+        self.install("Program Files (x86)/R&D")
+        rows = self.archive("--samples").rows[10:]
+        self.assertEqual([(row.get("success"), row.get("rawProcessExitCode")) for row in rows], [(True, None)] * 6)
+
     def assert_not_asked(self, wanted):
         row = self.archive("--samples").rows[10]
         self.assertEqual((row["name"], row.get("success"), len(row["errors"])), ("lacli.exe", None, 1))
@@ -343,7 +371,7 @@ class ToolPath(Case):
         self.assert_folder_holds("diagnostics.zip")
         archive = Archive(self.zip)
         self.assertEqual(archive.types(), types(len(BARE.profiles()), (SAMPLE, CRASH)))
-        self.assertIn("agent-cli.log", archive.names)
+        self.assertRegex(archive.text("agent-cli.log"), r"exists.*lacli\.exe")
 
 
 class Path(Case):
@@ -378,19 +406,20 @@ class Path(Case):
                 self.assertEqual(Archive(self.zip).types(), [(CONFIG, 4)])
 
     def test_leaves_the_archive_whole_where_it_cannot_be_moved(self):
-        (self.scratch / "link").symlink_to(self.folder, target_is_directory=True)
-        (self.scratch / "empty").mkdir()
-        missing = f"the folder {windows_path(self.folder)}\\nowhere does not exist"
-        for given in ("nowhere\\out.zip", "..\\empty", windows_path(self.scratch / "link")):
+        link, empty = self.scratch / "link", self.scratch / "empty"
+        link.symlink_to(self.folder, target_is_directory=True)
+        empty.mkdir()
+        for given, reason in (("nowhere\\out.zip", f"the folder {windows_path(self.folder)}\\nowhere does not exist"),
+                              ("..\\empty", "it is a folder"), (windows_path(link), "it is a folder")):
             with self.subTest(given):
                 (self.folder / "agent-cli.log").unlink(missing_ok=True)
                 printed = self.collect("-o", "-p", given, status=1)
                 self.assertRegex(printed, r"\AUnexpected error: .*[^\r\n]\Z")
+                self.assertIn(f"copy_file ({reason})", printed)
                 self.assertIn(windows_path(self.zip), printed)
-                self.assertEqual(missing in printed, given.startswith("nowhere"), printed)
                 self.assertEqual(Archive(self.zip).types(), [(CONFIG, 4)])
-                self.assertRegex((self.folder / "agent-cli.log").read_text(), "copy_file")
-        self.assertTrue((self.scratch / "empty").is_dir() and (self.scratch / "link").is_symlink())
+                self.assertIn("copy_file", self.log())
+        self.assertTrue(empty.is_dir() and link.is_symlink())
 
 
 class CommandLine(Case):
@@ -431,6 +460,11 @@ class FullDisk(Case):
         archive = Archive(self.zip)
         self.assertNotIn("manifest.json", archive.names)
         self.assertIn(f"{LOG}_0/oxm.log", archive.names)
+        self.assertRegex(self.log(), r"\[error\] .*manifest\.json")
+
+
+# Names in the archive that the program does not use in the current directory.
+NOT_USED = ("manifest.json", "lacli_traffic_rdns.log")
 
 
 class WorkingFolder(Case):
@@ -470,13 +504,13 @@ class WorkingFolder(Case):
     def test_nothing_planted_there_is_run_or_written_through(self):
         # Hard links: Wine follows symbolic links, even to delete them.
         targets = [self.scratch / f"target of {name}" for name in (
-            "agent-cli.log", "diagnostics.zip", "manifest.json", "lacli_tunnel.log", "registry-oxm.txt",
+            "agent-cli.log", "diagnostics.zip", *NOT_USED, "lacli_tunnel.log", "registry-oxm.txt",
             *(f"{name}.txt" for name in SAMPLE_FILES[5:]))]
         for target in targets:
             target.write_bytes(b"precious")
             os.link(target, self.folder / target.name[10:])
         folders = [self.folder / name / "inside" for name in (
-            "agent-cli.1.log", "lacli_status.log", "lacli_traffic_rdns.log", "regval.txt", "lumora-access-agent.txt",
+            "agent-cli.1.log", "lacli_status.log", "regval.txt", "lumora-access-agent.txt",
             *(f"{name}.txt" for name in SAMPLE_FILES[:5]))]
         for folder in folders:
             folder.mkdir(parents=True)
@@ -491,8 +525,8 @@ class WorkingFolder(Case):
         for target in targets:
             self.assertEqual(target.read_bytes(), b"precious", target)
         self.assertTrue(all(folder.is_dir() for folder in folders))
-        # Not a name that the program uses there.
-        self.assertEqual((self.folder / "manifest.json").read_bytes(), b"precious")
+        for name in NOT_USED:
+            self.assertEqual((self.folder / name).read_bytes(), b"precious", name)
         # All rows are as ever.
         expected = rows_of_full_run([profile.name for profile in FULL.profiles()])
         self.assertEqual([row["name"] for row in archive.rows if not row.get("success")],
