@@ -64,15 +64,6 @@ Win32ArchiveFile::Result CreateEmpty(const std::filesystem::path& path) {
     return written ? std::move(file) : std::unexpected(written.error());
 }
 
-// Kept from being renamed, so that the library reads the file whose size and time are asked for.
-Win32Result<OpenedFile> OpenSource(const std::filesystem::path& path) {
-    OpenedFile source{.path = path, .handle = {}, .facts = {}};
-    source.handle =
-        Util::FileHandle(CreateFileW(FileSystem::LongForm(path).c_str(), GENERIC_READ, FileSystem::shareContent,
-                                     nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-    return source.handle ? Win32Result<OpenedFile>(std::move(source)) : Util::LastError();
-}
-
 // The path as the library takes it, empty when the name has no UTF-8 form. Of a symbolic link the library would take
 // the link's own size, so links are resolved.
 std::string LibraryPath(const OpenedFile& source) {
@@ -295,8 +286,10 @@ AddResult ZipArchiveWrapper::Add(const EntryNamer& entryName, const std::filesys
         if (opened != nullptr) {
             return AddOpened(name, *opened, maxSize, true);
         }
-        const auto source = FileSystem::SharedWait().Retry([&] { return OpenSource(path); });
-        return source ? AddOpened(name, *source, maxSize, true) : NotArchived(path, Win32Reason(source.error()));
+        // Kept from being renamed, so that the library reads the file whose size and time are asked for.
+        auto handle = FileSystem::SharedWait().Retry([&] { return FileSystem::OpenTrusted(path, GENERIC_READ); });
+        return handle ? AddOpened(name, {.path = path, .handle = *std::move(handle), .facts = {}}, maxSize, true)
+                      : NotArchived(path, Win32Reason(handle.error()));
     } catch (const std::exception& failure) {
         Exception::LogError("{}", failure.what());
         return DropAdd(path, "it could not be added, see the log");
