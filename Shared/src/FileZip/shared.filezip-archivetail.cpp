@@ -99,9 +99,7 @@ std::optional<ArchiveTail> ParseEnd(Bytes end, std::uint64_t fileSize) {
 
 std::vector<std::byte> ArchiveTail::MovedTo(std::uint64_t offset) const {
     std::vector<std::byte> moved(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(directorySize));
-    // A reader expects a directory without entries at the start of the file, unless ZIP64 records say where it is.
-    const bool isZip64 =
-        entryCount >= max16 || directorySize >= max32 || offset >= max32 || (directorySize == 0 && offset != 0);
+    const bool isZip64 = entryCount >= max16 || directorySize >= max32 || offset >= max32;
     if (isZip64) {
         Append(moved, {{4, Zip64::mark}, {8, Zip64::locator - 12}, {2, Zip64::version}, {2, Zip64::version}, {8, 0}});
         Append(moved, {{8, entryCount}, {8, entryCount}, {8, directorySize}, {8, offset}});

@@ -106,9 +106,11 @@ public:
 private:
     Win32Result<void> Do(Disk::Change change) {
         const bool fails = disk_.failing && (*disk_.failing)-- == 0;
+        if (fails) {
+            disk_.failing = disk_.failsFromThenOn ? std::optional<std::size_t>(0) : std::nullopt;
+        }
         if (fails || change.offset + change.bytes.size() > disk_.capacity) {
             change.ApplyTo(disk_.file, change.bytes.size() / 2);
-            disk_.failing = fails && disk_.failsFromThenOn ? std::optional<std::size_t>(0) : std::nullopt;
             return std::unexpected<DWORD>(ERROR_DISK_FULL);
         }
         change.ApplyTo(disk_.file, change.bytes.size() + 1);
