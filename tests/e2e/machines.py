@@ -114,7 +114,8 @@ class Archive:
         if broken := self.zip.testzip():
             raise AssertionError(f"{broken} is broken")
         self.names = [name for name in self.zip.namelist() if not name.endswith("/")]
-        self.rows = json.loads(self.data("manifest.json"))["diagnostics"] if "manifest.json" in self.names else []
+        self.manifest = json.loads(self.data("manifest.json")) if "manifest.json" in self.names else {}
+        self.rows = self.manifest.get("diagnostics", [])
 
     def types(self):
         """The types of the manifest's rows in order, with how many follow each other."""
