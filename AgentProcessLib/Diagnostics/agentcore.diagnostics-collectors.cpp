@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "shared.exception-guardedlog.h"
+#include "shared.exception-text.h"
 #include "shared.util-functions.h"
 
 namespace AgentCore::Diagnostics {
@@ -16,7 +17,8 @@ CollectorStatus StatusOf(Shared::FileZip::ZipArchiveWrapper::AddResult added, co
         status.success = true;
         ::Diagnostics::File& file = *status.diagnostic.add_files();
         file.set_name(archived->entryName);
-        file.set_origin(Shared::Util::ToUtf8Lossy(origin));
+        // Never throws: the file is archived, and the row must say so.
+        file.set_origin(Shared::Exception::Narrow(origin.native()));
         file.set_size(static_cast<std::uint32_t>(archived->size));
     }
     if (!added) {

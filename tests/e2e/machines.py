@@ -162,15 +162,15 @@ class Case(unittest.TestCase):
         self.assert_nothing_runs_in(folder)
         return printed
 
-    def assert_soon(self, condition):
+    def assert_soon(self, condition, found=lambda: "it does not hold"):
         deadline = time.monotonic() + 20
         while not condition():
-            self.assertLess(time.monotonic(), deadline)
+            self.assertLess(time.monotonic(), deadline, found())
             time.sleep(0.1)
 
     def assert_nothing_runs_in(self, folder):
         # Wine takes a moment to clear away a process that has ended.
-        self.assert_soon(lambda: not running_in(folder))
+        self.assert_soon(lambda: not running_in(folder), lambda: running_in(folder))
 
     def assert_folder_holds(self, *names):
         """Nothing but these and the log with its one rotated file."""

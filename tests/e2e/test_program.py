@@ -88,9 +88,9 @@ class FullRun(Case):
                 self.assertEqual(row.get("rawProcessExitCode", 0), int(exit_code or 0))
                 self.assertLessEqual(set(row), FIELDS)
                 # Generated text comes from no path.
-                origins = {name: "C:\\" + file.replace("/", "\\") if "/" in file else None
+                origins = {name: f"C:/{file}".replace("/", "\\").lower() if "/" in file else ""
                            for name, file in archived.items()}
-                self.assertEqual({file["name"]: file.get("origin") for file in row.get("files", [])}, origins)
+                self.assertEqual({file["name"]: file.get("origin", "").lower() for file in row.get("files", [])}, origins)
                 for file in row.get("files", []):
                     self.assertEqual(file["size"], archive.zip.getinfo(file["name"]).file_size)
         self.assertEqual(sorted(archive.names), sorted([*sources, "manifest.json", "agent-cli.log"]))

@@ -41,6 +41,8 @@ std::string Win32Reason(DWORD code) {
             return "the file has further hard links";
         case ERROR_BAD_FORMAT:
             return "it is not a zip archive";
+        case ERROR_BAD_FILE_TYPE:
+            return "it is not a regular file";
         default:
             return fmt::format("{} ({})", Exception::Win32Message(code), code);
     }
