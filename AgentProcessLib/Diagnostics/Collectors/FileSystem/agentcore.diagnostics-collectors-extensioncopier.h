@@ -25,9 +25,9 @@ struct ExtensionScan {
     std::uint64_t maxSize;
 };
 
-/// Copies the files that match, by stem in byte order, each under its own name, until the archive folder holds
-/// `maxFilesPerRow`; one message counts the others. A subfolder that cannot be opened is a message. When the scan
-/// itself fails the status has no messages; the log has the reason.
+/// Copies the files that match, by stem in byte order, each under its own name, within the limits of CopyJob. What
+/// cannot be listed below the folder is a message. When the scan itself fails the status has no messages; the log has
+/// the reason.
 [[nodiscard]] CollectorStatus CopyByExtension(SourceProvider provider, const ExtensionScan& scan,
                                               const Destination& destination) noexcept;
 
