@@ -69,7 +69,7 @@ class Runs:
             archive.extractall(source)
             names = [name for name in archive.namelist() if not name.endswith("/")]
         (source / "list.txt").write_text("\n".join(names) + "\n")
-        self.beside_zip("the demo machine", source, map(os.path.basename, names), 2)
+        self.beside_zip("the demo machine", source, [os.path.basename(name) for name in names], 2)
 
     def requests(self, *switches):
         """The writes of a run: each request to Wine's server is one."""
