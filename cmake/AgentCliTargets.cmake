@@ -19,7 +19,7 @@ else()
   # -ffile-prefix-map would put backslashes into source locations: messages name files with slashes on every build
   # machine.
   target_compile_options(agentcli-options INTERFACE
-    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wunreachable-code -Werror
     "$<IF:$<CONFIG:Release>,-gline-tables-only;-gno-inline-line-tables,-g>"
     -gcodeview -gno-codeview-command-line -fno-omit-frame-pointer
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_BINARY_DIR}=build -ffile-compilation-dir=.
