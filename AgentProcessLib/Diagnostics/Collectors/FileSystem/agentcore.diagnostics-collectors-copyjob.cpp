@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-
 #include "agentcore.diagnostics-collectors-filechecks.h"
 #include "shared.concurrency-interrupt.h"
 #include "shared.exception-messages.h"
