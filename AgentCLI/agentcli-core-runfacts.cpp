@@ -30,12 +30,13 @@ namespace {
 
 using Shared::Util::ToUtf8Lossy;
 
-// The text that a call writes into a buffer; empty when it fails.
+constexpr ULONG capacity = 1024;
+
+// The text that a call writes into a buffer of that capacity; empty when it fails.
 template <class Fill>
 std::string TextFrom(const Fill& fill) {
-    std::array<wchar_t, 1024> buffer{};
-    ULONG size = static_cast<ULONG>(buffer.size());
-    return fill(buffer.data(), &size) != 0 ? ToUtf8Lossy(std::wstring_view(buffer.data())) : std::string();
+    std::array<wchar_t, capacity> buffer{};
+    return fill(buffer.data()) != 0 ? ToUtf8Lossy(std::wstring_view(buffer.data())) : std::string();
 }
 
 std::string WindowsVersion() {
@@ -107,14 +108,18 @@ std::string CurrentDirectory() {
     ::Diagnostics::Run run;
     SetTimes(run);
     run.set_program_version(AGENTCLI_VERSION);
-    run.set_computer_name(TextFrom(
-        [](wchar_t* text, ULONG* size) { return GetComputerNameExW(ComputerNameDnsFullyQualified, text, size); }));
-    run.set_user(TextFrom([](wchar_t* text, ULONG* size) { return GetUserNameExW(NameSamCompatible, text, size); }));
+    run.set_computer_name(TextFrom([](wchar_t* text) {
+        ULONG size = capacity;
+        return GetComputerNameExW(ComputerNameDnsFullyQualified, text, &size);
+    }));
+    run.set_user(TextFrom([](wchar_t* text) {
+        ULONG size = capacity;
+        return GetUserNameExW(NameSamCompatible, text, &size);
+    }));
     run.set_windows_version(WindowsVersion());
     SetElevated(run);
     SetCodePages(run);
-    run.set_locale(TextFrom(
-        [](wchar_t* text, const ULONG* size) { return GetUserDefaultLocaleName(text, static_cast<int>(*size)); }));
+    run.set_locale(TextFrom([](wchar_t* text) { return GetUserDefaultLocaleName(text, static_cast<int>(capacity)); }));
     run.set_command_line(ToUtf8Lossy(std::wstring_view(GetCommandLineW())));
     run.set_current_directory(CurrentDirectory());
     return run;

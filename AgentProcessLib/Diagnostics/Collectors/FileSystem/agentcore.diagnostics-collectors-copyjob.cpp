@@ -101,9 +101,9 @@ bool CopyJob::Copy(const std::filesystem::path& file, const Win32Result<SourceFi
         return false;
     }
     auto added = destination_.zip.AddFileToFolder(destination_.folder, found->opened, maxSize_);
-    if (!added && added.error().tooLarge) {
+    if (const auto tooLarge = added ? std::nullopt : added.error().tooLarge) {
         // It has grown since it passed the gate.
-        AddMessage(SizeExceeded(file, *added.error().tooLarge, maxSize_).message);
+        AddMessage(SizeExceeded(file, *tooLarge, maxSize_).message);
         return false;
     }
     CollectorStatus status = StatusOf(std::move(added), file);
