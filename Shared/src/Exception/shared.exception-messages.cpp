@@ -90,9 +90,7 @@ std::string FormatSystemMessage(DWORD sources, HMODULE module, std::uint32_t cod
 
 // What is converted of a text. The system's conversions take and return lengths as int, and a character takes up to
 // three bytes of UTF-8.
-int ConvertibleLength(std::size_t length) {
-    return static_cast<int>(std::min<std::size_t>(length, std::numeric_limits<int>::max() / 3));
-}
+constexpr std::size_t longestText = std::numeric_limits<int>::max() / 3;
 
 // The text that `convert(buffer, capacity)` makes, which returns its length, also without a buffer.
 template <class Text, class Convert>
@@ -110,14 +108,16 @@ std::string OrUntranslated(std::string text, std::uint32_t code) {
 }  // namespace
 
 std::wstring Widen(std::string_view text, UINT codePage) {
+    text = text.substr(0, longestText);
     return Converted<std::wstring>([&](wchar_t* buffer, int capacity) {
-        return MultiByteToWideChar(codePage, 0, text.data(), ConvertibleLength(text.size()), buffer, capacity);
+        return MultiByteToWideChar(codePage, 0, text.data(), static_cast<int>(text.size()), buffer, capacity);
     });
 }
 
 std::string Narrow(std::wstring_view text) {
+    text = text.substr(0, longestText);
     return Converted<std::string>([&](char* buffer, int capacity) {
-        return WideCharToMultiByte(CP_UTF8, 0, text.data(), ConvertibleLength(text.size()), buffer, capacity, nullptr,
+        return WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), buffer, capacity, nullptr,
                                    nullptr);
     });
 }
