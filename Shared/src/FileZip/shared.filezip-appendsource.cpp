@@ -171,8 +171,9 @@ Win32Result<void> AppendInPlaceSource::Begin(std::uint64_t keep) {
     }
     // The start of the entry that was added last. The new entries of its folders come before it, and stay.
     if (before_ && keep != 0 && keep >= before_->directoryOffset && keep < tail_.directoryOffset) {
+        ArchiveTail before = *before_;
         Start(keep);
-        return TakeBack();
+        return TakeBack(std::move(before));
     }
     return std::unexpected<DWORD>(ERROR_NOT_SUPPORTED);
 }
@@ -186,12 +187,13 @@ void AppendInPlaceSource::Start(std::uint64_t offset) {
 
 // Makes the directory from before the last add the valid one. Its copy goes behind everything, since the present one is
 // valid until the copy is complete.
-Win32Result<void> AppendInPlaceSource::TakeBack() {
-    if (auto copied = WriteCopy(*before_, copyEnd_); !copied) {
+Win32Result<void> AppendInPlaceSource::TakeBack(ArchiveTail before) {
+    if (auto copied = WriteCopy(before, copyEnd_); !copied) {
         [[maybe_unused]] const auto restored = Rollback();
         return copied;
     }
-    tail_ = *std::exchange(before_, std::nullopt);
+    tail_ = std::move(before);
+    before_.reset();
     return {};
 }
 
@@ -291,8 +293,9 @@ Win32Result<void> AppendInPlaceSource::RemoveOnlyEntry() {
     if (!before_ || before_->directorySize != 0) {
         return std::unexpected<DWORD>(ERROR_NOT_SUPPORTED);
     }
+    ArchiveTail before = *before_;
     Start(0);
-    auto taken = TakeBack();
+    auto taken = TakeBack(std::move(before));
     return taken ? Rollback() : taken;
 }
 

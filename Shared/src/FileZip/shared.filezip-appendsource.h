@@ -66,7 +66,7 @@ private:
 
     Win32Result<void> Begin(std::uint64_t keep);
     void Start(std::uint64_t offset);
-    Win32Result<void> TakeBack();
+    Win32Result<void> TakeBack(ArchiveTail before);
     Win32Result<void> RemoveOnlyEntry();
     Win32Result<void> Flush(std::uint64_t spare);
     Win32Result<void> MakeRoom(std::uint64_t end, std::uint64_t spare);

@@ -71,7 +71,7 @@ Win32ArchiveFile::Result CreateEmpty(const std::filesystem::path& path) {
 std::string LibraryPath(const OpenedFile& source) {
     const std::wstring path =
         FileSystem::FinalPath(source.handle.Get()).value_or(FileSystem::LongForm(source.path).native());
-    std::string text = Util::ToUtf8Lossy(path);
+    const std::string text = Util::ToUtf8Lossy(path);
     return Util::PathFromUtf8(text) == path ? text : std::string();
 }
 
