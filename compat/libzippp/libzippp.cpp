@@ -20,7 +20,10 @@ zip_source_t* SourceOfFile(const std::string& path) {
 }
 
 zip_int32_t LibzipMethod(CompressionMethod method) {
-    return method == STORE ? ZIP_CM_STORE : method == DEFLATE ? ZIP_CM_DEFLATE : ZIP_CM_DEFAULT;
+    if (method == DEFAULT) {
+        return ZIP_CM_DEFAULT;
+    }
+    return method == STORE ? ZIP_CM_STORE : ZIP_CM_DEFLATE;
 }
 
 void Report(zip_error_t* error, const std::string& message, ErrorHandlerCallback* callback) {
