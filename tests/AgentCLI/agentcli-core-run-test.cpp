@@ -86,14 +86,14 @@ LPWSTR WINAPI LongCommandLine() {
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker asks for these names
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker asks for these names
 extern "C" {
 decltype(&GetCommandLineW) __imp_GetCommandLineW = &LongCommandLine;
 decltype(&CreateFileW) __imp_CreateFileW = &WatchedCreateFile;
 decltype(&CreateDirectoryW) __imp_CreateDirectoryW = &WatchedCreateDirectory;
 decltype(&SetConsoleCtrlHandler) __imp_SetConsoleCtrlHandler = &WatchedHandler;
 }
-// NOLINTEND(bugprone-reserved-identifier)
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace AgentCLI::Core::Commands::Agent {
 
