@@ -46,12 +46,12 @@ BOOL WINAPI Set(HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, void* information, 
 }  // namespace
 
 // A program reaches a DLL's function through the pointer of this name.
-// NOLINTBEGIN(bugprone-reserved-identifier)
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" {
 decltype(&GetFileInformationByHandle) __imp_GetFileInformationByHandle = &Query;
 decltype(&SetFileInformationByHandle) __imp_SetFileInformationByHandle = &Set;
 }
-// NOLINTEND(bugprone-reserved-identifier)
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace Shared::FileZip {
 namespace {
