@@ -43,7 +43,7 @@ struct Plan {
     std::optional<long long> result{};
     /// Of GetFileInformationByHandleEx, the only class that fails.
     std::optional<FILE_INFO_BY_HANDLE_CLASS> information{};
-    /// What GetFileInformationByHandle says beside the file's own attributes.
+    /// What FileBasicInfo says beside the file's own attributes.
     DWORD attributes = 0;
 } plan;
 
@@ -89,8 +89,10 @@ struct Fault<function, result, R(Args...)> {
         }
         static const auto real = reinterpret_cast<R(WINAPI*)(Args...)>(Find(function.characters));
         const R returned = real(arguments...);
-        if constexpr (name == "GetFileInformationByHandle") {
-            std::get<1>(std::tie(arguments...))->dwFileAttributes |= plan.attributes;
+        if constexpr (name == "GetFileInformationByHandleEx") {
+            if (std::get<1>(std::tie(arguments...)) == FileBasicInfo) {
+                static_cast<FILE_BASIC_INFO*>(std::get<2>(std::tie(arguments...)))->FileAttributes |= plan.attributes;
+            }
         }
         return returned;
     }
@@ -108,9 +110,9 @@ struct Fault<function, result, R(Args...)> {
     X(CompareStringOrdinal, 0) X(ConvertSidToStringSidW, 0) \
     X(ConvertStringSecurityDescriptorToSecurityDescriptorW, 0) X(CreateEventW, 0) X(CreateJobObjectW, 0) \
     X(CreatePipe, 0) X(CreateProcessW, 0) X(FileTimeToSystemTime, 0) X(GetBinaryTypeW, 0) \
-    X(GetExitCodeProcess, 0) X(GetFileInformationByHandle, 0) \
-    X(GetFileInformationByHandleEx, 0) X(GetFileSizeEx, 0) X(GetFileType, 0) X(GetFinalPathNameByHandleW, 0) \
-    X(GetFullPathNameW, 0) X(GetOverlappedResult, 0) X(GetProfilesDirectoryW, 0) X(GetTokenInformation, 0) \
+    X(GetExitCodeProcess, 0) X(GetFileInformationByHandleEx, 0) X(GetFileSizeEx, 0) X(GetFileType, 0) \
+    X(GetFinalPathNameByHandleW, 0) X(GetFullPathNameW, 0) X(GetOverlappedResult, 0) X(GetProfilesDirectoryW, 0) \
+    X(GetTokenInformation, 0) \
     X(GetWindowsDirectoryW, 0) X(InitializeProcThreadAttributeList, 0) \
     X(MultiByteToWideChar, 0) X(OpenProcessToken, 0) X(QueryInformationJobObject, 0) X(ReadFile, 0) \
     X(ResetEvent, 0) X(SetFileInformationByHandle, 0) X(SetHandleInformation, 0) X(SetInformationJobObject, 0) \

@@ -46,22 +46,25 @@ Util::Win32Result<FileFacts> FactsOf(HANDLE file) noexcept {
         return type == FILE_TYPE_UNKNOWN && error != NO_ERROR ? std::unexpected(error)
                                                               : Util::Win32Result<FileFacts>(facts);
     }
-    BY_HANDLE_FILE_INFORMATION information{};
-    if (GetFileInformationByHandle(file, &information) == FALSE) {
+    // GetFileInformationByHandle would also ask for the volume, which takes a request of its own.
+    FILE_BASIC_INFO basic{};
+    FILE_STANDARD_INFO standard{};
+    if (GetFileInformationByHandleEx(file, FileBasicInfo, &basic, sizeof basic) == FALSE ||
+        GetFileInformationByHandleEx(file, FileStandardInfo, &standard, sizeof standard) == FALSE) {
         return Util::LastError();
     }
-    const DWORD attributes = information.dwFileAttributes;
-    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+    if ((basic.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
         FILE_ATTRIBUTE_TAG_INFO tag{};
         facts.isLink = GetFileInformationByHandleEx(file, FileAttributeTagInfo, &tag, sizeof tag) == FALSE ||
                        IsLink(tag.FileAttributes, tag.ReparseTag);
     }
-    facts.isStoredElsewhere = IsStoredElsewhere(attributes);
-    facts.kind = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? FileKind::Directory : FileKind::Regular;
+    facts.isStoredElsewhere = IsStoredElsewhere(basic.FileAttributes);
+    facts.kind = standard.Directory != FALSE ? FileKind::Directory : FileKind::Regular;
     if (facts.kind == FileKind::Regular) {
-        facts.size = (std::uint64_t{information.nFileSizeHigh} << 32U) | information.nFileSizeLow;
+        facts.size = static_cast<std::uint64_t>(standard.EndOfFile.QuadPart);
     }
-    facts.links = information.nNumberOfLinks;
+    facts.links = standard.NumberOfLinks;
+    facts.lastWrite = static_cast<std::uint64_t>(basic.LastWriteTime.QuadPart);
     return facts;
 }
 

@@ -26,6 +26,8 @@ struct FileFacts {
     std::uint64_t size = 0;
     /// The number of hard links, 1 for a file with one name.
     std::uint32_t links = 0;
+    /// When it was last written, in 100 ns since 1601 in UTC.
+    std::uint64_t lastWrite = 0;
 };
 
 /// The facts of an open file or folder, or the code of the query that failed. FAT and exFAT fail the query for the

@@ -11,7 +11,8 @@ namespace Shared::FileZip {
 namespace {
 
 constexpr std::size_t bufferSize = std::size_t{1} << 20U;
-constexpr std::size_t readAheadSize = std::size_t{64} << 10U;
+// More than the last 64 KiB and a few records, in which libzip looks for the end record.
+constexpr std::size_t readAheadSize = std::size_t{128} << 10U;
 // Distance from the data to the directory's copy: small, because some file systems zero-fill it; large enough to need
 // few copies.
 constexpr std::uint64_t smallestSpare = std::uint64_t{4} << 20U;

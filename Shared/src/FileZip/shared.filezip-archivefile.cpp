@@ -95,21 +95,13 @@ Win32Result<std::uint64_t> Win32ArchiveFile::Size() const {
 }
 
 Win32Result<std::size_t> Win32ArchiveFile::Read(std::uint64_t offset, std::span<std::byte> to) const {
-    std::size_t total = 0;
-    while (total < to.size()) {
-        OVERLAPPED position = At(offset + total);
-        DWORD read = 0;
-        if (ReadFile(handle_.Get(), to.data() + total, LengthOfTransfer(to.size() - total), &read, &position) ==
-                FALSE &&
-            GetLastError() != ERROR_HANDLE_EOF) {
-            return Util::LastError();
-        }
-        if (read == 0) {
-            break;
-        }
-        total += read;
+    OVERLAPPED position = At(offset);
+    DWORD read = 0;
+    if (ReadFile(handle_.Get(), to.data(), LengthOfTransfer(to.size()), &read, &position) == FALSE &&
+        GetLastError() != ERROR_HANDLE_EOF) {
+        return Util::LastError();
     }
-    return total;
+    return read;
 }
 
 Win32Result<void> Win32ArchiveFile::Write(std::uint64_t offset, std::span<const std::byte> from) {

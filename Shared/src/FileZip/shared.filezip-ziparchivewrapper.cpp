@@ -66,11 +66,10 @@ Win32ArchiveFile::Result CreateEmpty(const std::filesystem::path& path) {
     return written ? std::move(file) : std::unexpected(written.error());
 }
 
-// The path as the library takes it, empty when the name has no UTF-8 form. Of a symbolic link the library would take
-// the link's own size, so links are resolved.
-std::string LibraryPath(const OpenedFile& source) {
-    const std::wstring path =
-        FileSystem::FinalPath(source.handle.Get()).value_or(FileSystem::LongForm(source.path).native());
+// The path as the library takes it, empty when the name has no UTF-8 form.
+std::string LibraryPath(const OpenedFile& source, bool resolved) {
+    const std::wstring given = FileSystem::LongForm(source.path).native();
+    const std::wstring path = resolved ? FileSystem::FinalPath(source.handle.Get()).value_or(given) : given;
     const std::string text = Util::ToUtf8Lossy(path);
     return Util::PathFromUtf8(text) == path ? text : std::string();
 }
@@ -106,14 +105,14 @@ struct DosTime {
     WORD time = 0;
 };
 
-DosTime LastWriteTime(HANDLE file) {
-    FILETIME written{};
+DosTime DosTimeOf(std::uint64_t moment) {
+    const FILETIME written{.dwLowDateTime = static_cast<DWORD>(moment),
+                           .dwHighDateTime = static_cast<DWORD>(moment >> 32U)};
     FILETIME localWritten{};
     SYSTEMTIME utc{};
     SYSTEMTIME local{};
     DosTime time;
-    const bool converted = GetFileTime(file, nullptr, nullptr, &written) != FALSE &&
-                           FileTimeToSystemTime(&written, &utc) != FALSE &&
+    const bool converted = FileTimeToSystemTime(&written, &utc) != FALSE &&
                            SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local) != FALSE &&
                            SystemTimeToFileTime(&local, &localWritten) != FALSE &&
                            FileTimeToDosDateTime(&localWritten, &time.date, &time.time) != FALSE;
@@ -313,11 +312,13 @@ AddResult ZipArchiveWrapper::AddOpened(const std::string& entryName, const Opene
         failure.error().tooLarge = size;
         return failure;
     }
-    const std::string libraryPath = LibraryPath(source);
+    // Of a symbolic link the library takes the link's own size. Few sources are links, and the final path takes several
+    // requests to the system: it is asked for when the sizes differ.
+    const std::string libraryPath = LibraryPath(source, !mayTryAgain);
     if (libraryPath.empty()) {
         return NotArchived(source.path, "its name is not valid UTF-16");
     }
-    if (Write(entryName, libraryPath, source, size)) {
+    if (Write(entryName, libraryPath, *facts)) {
         return CheckAdded(entryName, source, size);
     }
     if (source_->LastFailure() != ERROR_SUCCESS) {
@@ -330,18 +331,18 @@ AddResult ZipArchiveWrapper::AddOpened(const std::string& entryName, const Opene
     return DropAdd(source.path, ReadingFailure(source.handle.Get(), size));
 }
 
-bool ZipArchiveWrapper::Write(const std::string& entryName, const std::string& libraryPath, const OpenedFile& source,
-                              std::uint64_t size) {
+bool ZipArchiveWrapper::Write(const std::string& entryName, const std::string& libraryPath,
+                              const FileSystem::FileFacts& checked) {
     // Of a file that is empty when the library looks at it, the library reads whatever is there later.
-    if (!(size == 0 ? archive_->addData(entryName, "", 0) : archive_->addFile(entryName, libraryPath))) {
+    if (!(checked.size == 0 ? archive_->addData(entryName, "", 0) : archive_->addFile(entryName, libraryPath))) {
         return false;
     }
     libzippp::ZipEntry entry = archive_->getEntry(entryName);
-    if (entry.isNull() || entry.getSize() != size || !entry.setCompressionMethod(libzippp::DEFLATE) ||
+    if (entry.isNull() || entry.getSize() != checked.size || !entry.setCompressionMethod(libzippp::DEFLATE) ||
         !entry.setCompressionLevel(deflateLevel)) {
         return false;
     }
-    const DosTime written = LastWriteTime(source.handle.Get());
+    const DosTime written = DosTimeOf(checked.lastWrite);
     return zip_file_set_dostime(archive_->getZipHandle(), entry.getIndex(), written.time, written.date, 0) == 0 &&
            archive_->close() == LIBZIPPP_OK;
 }

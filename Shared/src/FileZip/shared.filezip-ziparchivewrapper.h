@@ -117,8 +117,7 @@ private:
                   std::uint64_t maxSize);
     AddResult AddOpened(const std::string& entryName, const FileSystem::OpenedFile& source, std::uint64_t maxSize,
                         bool mayTryAgain);
-    bool Write(const std::string& entryName, const std::string& libraryPath, const FileSystem::OpenedFile& source,
-               std::uint64_t size);
+    bool Write(const std::string& entryName, const std::string& libraryPath, const FileSystem::FileFacts& checked);
     std::unexpected<AddFailure> DropAdd(const std::filesystem::path& source, std::string reason);
     AddResult CheckAdded(const std::string& entryName, const FileSystem::OpenedFile& source, std::uint64_t size);
     AddResult Exclude(const AddedEntry& entry, const std::filesystem::path& source);

@@ -182,22 +182,6 @@ TEST(AppendInPlaceSourceTest, OnlyTheLastAddIsTakenBack) {
     EXPECT_EQ(only.file, WriteZip({{"a", "first"}}));
 }
 
-TEST(AppendInPlaceSourceTest, AnExceptionNeverReachesTheLibrary) {
-    struct ThrowingFile : DiskFile {
-        using DiskFile::DiskFile;
-        [[nodiscard]] Win32Result<std::size_t> Read(std::uint64_t offset, std::span<std::byte> to) const override {
-            return isPrepared ? throw std::runtime_error("unexpected") : DiskFile::Read(offset, to);
-        }
-        bool isPrepared = false;
-    };
-    Disk disk{.file = WriteZip({{"a", "first"}})};
-    ThrowingFile file(disk);
-    AppendInPlaceSource source(file);
-    file.isPrepared = source.Prepare().has_value();
-    EXPECT_EQ(OpenOver(source, ZipArchive::Write), nullptr);
-    EXPECT_EQ(source.LastFailure(), DWORD{ERROR_INTERNAL_ERROR});
-}
-
 TEST(AppendInPlaceSourceTest, ArchivesGrowBeyondFourGigabytesAndSixtyFiveThousandEntries) {
     for (const std::uint64_t zeros : {0xfffe0000ULL, 0xffe00000ULL}) {
         Image image = WriteZip({{"a", "first"}}, zeros);
@@ -214,18 +198,16 @@ TEST(AppendInPlaceSourceTest, ArchivesGrowBeyondFourGigabytesAndSixtyFiveThousan
             EXPECT_TRUE(!now.empty() && std::equal(now.begin(), now.end(), both.begin()));
         }
     }
-    for (const auto& [count, width] : {std::pair{12000U, 214}, {65535U, 5}}) {
-        Contents many(count);
-        for (std::size_t index = 0; index < count; ++index) {
-            many[index].first = fmt::format("{:0{}}", index, width);
-        }
-        Image image = WriteZip(many, 0xffd30000);  // the directory ends beyond four gigabytes
-        Disk disk{.file = image};
-        ASSERT_TRUE(Session(disk).Add("new", "data"));
-        EXPECT_TRUE(ReadZip(disk.file) == With(many, "new", "data"));
-        disk.changes.front().ApplyTo(image, disk.changes.front().bytes.size() + 1);
-        EXPECT_TRUE(ReadZip(image) == many) << "the copy of the directory, of " << count << " entries";
+    Contents many(65535);
+    for (std::size_t index = 0; index < many.size(); ++index) {
+        many[index].first = std::to_string(index);
     }
+    Image image = WriteZip(many, 0xffd30000);  // the directory ends beyond four gigabytes
+    Disk disk{.file = image};
+    ASSERT_TRUE(Session(disk).Add("new", "data"));
+    EXPECT_TRUE(ReadZip(disk.file) == With(many, "new", "data"));
+    disk.changes.front().ApplyTo(image, disk.changes.front().bytes.size() + 1);
+    EXPECT_TRUE(ReadZip(image) == many) << "the copy of the directory";
 }
 
 TEST(AppendInPlaceSourceTest, WhatDoesNotEndInItsDirectoryIsNoArchive) {
