@@ -189,7 +189,7 @@ class Machine:
         (self.drive / TOOL).parent.mkdir(parents=True, exist_ok=True)
         shutil.copyfile(tool, self.drive / TOOL)
         # BROKEN on purpose: a missing file (update_tmp.bat was never written), oversized ones, programs that are called
-        # logs, a log that another process holds (see holding), folders where files are expected.
+        # logs, a log that another process holds (see holding), folders where files are expected, a link that loops.
         for name in (f"{OXM}/history.log", f"{ACCESS_LOGS}/LumoraAccessAgentLog.etl.004",
                      f"users/{PROFILES[0]}/AppData/Local/Velqor/Portavo/VqPVA.log.old",
                      f"users/{PROFILES[0]}/AppData/Local/Velqor/OXM/Viewpane/history.log"):
@@ -199,6 +199,8 @@ class Machine:
             shutil.copyfile(tool, self.drive / name)
         write(self.drive / LOCKED, log_text(LOCKED, 5_000))
         (self.drive / ACCESS_LOGS / "LumoraAccessAgentLog.etl.005").mkdir(exist_ok=True)
+        (self.drive / OXM / "Service/loop").unlink(missing_ok=True)
+        (self.drive / OXM / "Service/loop").symlink_to("..")
         (self.drive / "users" / PROFILES[0] / "VqPVS.dmp").mkdir(exist_ok=True)
         shutil.rmtree(self.drive / "users" / PROFILES[1] / "AppData/Local/Velqor/OXM/ViewpaneUI")
 

@@ -8,7 +8,6 @@ import json
 import os
 import pathlib
 import pty
-import re
 import shutil
 import subprocess
 import sys
@@ -48,22 +47,20 @@ def running_in(folder):
 class Console:
     """A run of the program in a console of its own, as a context manager.
 
-    Its standard output is a file, `printed`, or the console. Wine passes on no control event but Ctrl+C; that reaches
+    Its standard output is the file `printed`. Wine passes on no control event but Ctrl+C; that reaches
     the program and its children, as on Windows.
     """
 
-    def __init__(self, on, folder, *arguments, redirected=True, **environment):
+    def __init__(self, on, folder, *arguments, **environment):
         self.folder, self.printed = folder, folder.parent / "printed"
         self.terminal, console = pty.openpty()
         with open(self.printed, "wb") as printed:
-            output = printed if redirected else console
             self.process = subprocess.Popen(
                 [machine.UNDER_WINE, EXE, "agent", "collect-diagnostics", *arguments], cwd=folder, stdin=console,
-                stdout=output, stderr=output, env=on.environment(**environment), start_new_session=True,
+                stdout=printed, stderr=printed, env=on.environment(**environment), start_new_session=True,
                 preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
         os.close(console)
         os.set_blocking(self.terminal, False)
-        self.shown = b""
 
     def __enter__(self):
         return self
@@ -84,7 +81,7 @@ class Console:
                 raise AssertionError(f"waited in vain; running: {running_in(self.folder)}; {self.text()}")
             time.sleep(0.02)
             with contextlib.suppress(OSError):  # nothing new, or the other side is closed
-                self.shown += os.read(self.terminal, 1 << 16)
+                os.read(self.terminal, 1 << 16)
         return time.monotonic() - start
 
     def wait(self, seconds=60):
@@ -100,10 +97,6 @@ class Console:
     def text(self):
         """What the redirected program has printed."""
         return self.printed.read_bytes().decode()
-
-    def titles(self):
-        """The console's titles, in the order in which they were set."""
-        return [title.decode() for title in re.findall(rb"\x1b\]0;(.*?)\x07", self.shown)]
 
 
 class Archive:

@@ -9,7 +9,6 @@
 
 #include "shared.exception-stacktrace.h"
 #include "shared.filesystem-removal.h"
-#include "shared.util-functions.h"
 
 namespace TestSupport {
 
@@ -18,33 +17,6 @@ namespace {
 void Check(LSTATUS status, const char* what) {
     if (status != ERROR_SUCCESS) {
         throw std::system_error(static_cast<int>(status), std::system_category(), what);
-    }
-}
-
-// Null on Windows itself.
-const auto WineUnixFileName = reinterpret_cast<char*(CDECL*)(const wchar_t*)>(
-    reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
-
-std::wstring HostArgument(const std::filesystem::path& path) {
-    char* const name = WineUnixFileName(path.c_str());
-    const std::wstring argument = L" \"" + Shared::Util::PathFromUtf8(name).native() + L'"';
-    HeapFree(GetProcessHeap(), 0, name);
-    return argument;
-}
-
-// A host program is no process to Wine: what it does is waited for.
-void RunOnHost(std::wstring commandLine, const std::filesystem::path& path, bool shallExist) {
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process) !=
-        FALSE) {
-        CloseHandle(process.hThread);
-        CloseHandle(process.hProcess);
-    }
-    for (int attempt = 0; attempt < 500 && (GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) != shallExist;
-         ++attempt) {
-        Sleep(10);
     }
 }
 
@@ -138,24 +110,6 @@ std::string ReadFile(const std::filesystem::path& path) {
 Shared::Util::FileHandle Hold(const std::filesystem::path& path) {
     return Shared::Util::FileHandle(
         CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-}
-
-SymbolicLink::SymbolicLink(const std::filesystem::path& target, const std::filesystem::path& link) : link_(link) {
-    if (WineUnixFileName != nullptr) {
-        RunOnHost(LR"(Z:\bin\ln -s)" + HostArgument(target) + HostArgument(link), link, true);
-    } else {
-        CreateSymbolicLinkW(link.c_str(), target.c_str(),
-                            std::filesystem::is_directory(target) ? SYMBOLIC_LINK_FLAG_DIRECTORY : 0);
-    }
-    if (GetFileAttributesW(link.c_str()) == INVALID_FILE_ATTRIBUTES) {
-        throw std::runtime_error("cannot make a test's symbolic link");
-    }
-}
-
-SymbolicLink::~SymbolicLink() {
-    if (WineUnixFileName != nullptr) {
-        RunOnHost(LR"(Z:\bin\rm)" + HostArgument(link_), link_, false);
-    }
 }
 
 std::filesystem::path ChildProgram() {

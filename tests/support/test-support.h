@@ -77,19 +77,6 @@ void WriteFile(const std::filesystem::path& path, std::string_view bytes);
 [[nodiscard]] Shared::Util::FileHandle Hold(const std::filesystem::path& path);
 [[nodiscard]] std::string ReadFile(const std::filesystem::path& path);
 
-/// A symbolic link to a file or folder, in a TemporaryFolder. Wine makes none, but shows those of its host: there the
-/// host's own programs make and remove it.
-class SymbolicLink {
-public:
-    SymbolicLink(const std::filesystem::path& target, const std::filesystem::path& link);
-    SymbolicLink(const SymbolicLink&) = delete;
-    SymbolicLink& operator=(const SymbolicLink&) = delete;
-    ~SymbolicLink();
-
-private:
-    std::filesystem::path link_;
-};
-
 /// The program whose arguments say what it does (tests/support/child/test-child.cpp).
 [[nodiscard]] std::filesystem::path ChildProgram();
 

@@ -19,24 +19,10 @@ TEST(LibzipppTest, ChangesCountWhenTheArchiveIsClosed) {
     ASSERT_EQ(archive.close(), LIBZIPPP_OK);
 
     ASSERT_TRUE(archive.open(ZipArchive::Write));
-    EXPECT_TRUE(archive.addData("a/new", "new", 3));
-    EXPECT_EQ(archive.getEntries().size(), 5U);
-    archive.discard();
-
-    ASSERT_TRUE(archive.open(ZipArchive::Write));
-    EXPECT_EQ(archive.getEntries().size(), 4U);
     EXPECT_TRUE(archive.addData("ab.old", "data\0binary", 11));
     EXPECT_EQ(archive.deleteEntry("A/"), LIBZIPPP_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(archive.deleteEntry("ab"), 1);
     EXPECT_EQ(archive.deleteEntry("a/"), 3);
-    ASSERT_TRUE(archive.addFile("vanishing", file));
-    std::filesystem::remove(folder / L"\u00e9.log");
-    archive.setErrorHandlerCallback([](const std::string& message, const std::string& reason, int, int) {
-        EXPECT_EQ(message, "unable to close archive: %s\n");
-        EXPECT_NE(reason, "");
-    });
-    EXPECT_EQ(archive.close(), LIBZIPPP_ERROR_HANDLE_FAILURE);
-    EXPECT_EQ(archive.deleteEntry("vanishing"), 1);  // still open, with its changes
     ASSERT_EQ(archive.close(), LIBZIPPP_OK);
 
     ASSERT_TRUE(archive.open(ZipArchive::ReadOnly, true));

@@ -12,7 +12,6 @@
 #include <tuple>
 
 #include "shared.concurrency-cmdrunner.h"
-#include "shared.concurrency-event.h"
 #include "shared.util-handle.h"
 #include "test-support.h"
 
@@ -21,14 +20,9 @@ namespace {
 using namespace testing;
 using namespace std::chrono_literals;
 using namespace Shared::Concurrency;
-using Shared::Exception::RuntimeException;
 
 constexpr std::chrono::milliseconds ample = 30s;
 constexpr std::chrono::milliseconds brief = 1500ms;
-
-auto What(const char* text) {
-    return Property(&std::exception::what, HasSubstr(text));
-}
 
 std::wstring ChildLine(const std::wstring& steps) {
     return fmt::format(L"\"{}\" {}", TestSupport::ChildProgram().native(), steps);
@@ -104,15 +98,6 @@ TEST(CmdRunner, APrivateFolderReplacesOneInWhichTheInterpreterCannotWork) {
         EXPECT_THAT(output, StartsWith("text\r\nC:\\windows\\Temp\\AgentCLI"));
         EXPECT_FALSE(std::filesystem::exists(output.substr(6, output.size() - 8)));
     }
-}
-
-TEST(Event, SignalsUntilReset) {
-    Event event;
-    EXPECT_THAT([&] { (void)event.WaitOnEvent(0, false); }, Throws<RuntimeException>(What("No Event to wait on")));
-    event.InternalCreate(true, false, {});
-    SetEvent(event.Handle());
-    EXPECT_TRUE(event.WaitOnEvent(0, true));
-    EXPECT_FALSE(event.WaitOnEvent(1, false));
 }
 
 }  // namespace

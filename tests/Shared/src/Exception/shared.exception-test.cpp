@@ -3,9 +3,6 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include <iostream>
-#include <sstream>
-
 #include "shared.exception-messages.h"
 #include "shared.exception.h"
 #include "shared.util-functions.h"
@@ -71,33 +68,6 @@ TEST(Exception, NamesTheThrowAndEveryFrameUpToMain) {
                       EndsWith("\n\t------------------------------------\n")));
 }
 
-TEST(Exception, CodedTexts) {
-    const auto where = std::source_location::current();
-    const StackTrace none;
-    const std::string place = fmt::format("Exception in function {}() in {}:{}:{}: it failed", where.function_name(),
-                                          where.file_name(), where.line(), where.column());
-    EXPECT_EQ(Win32Exception("it failed", 0, where, none).what(), place + "\nStacktrace:\n");
-
-    SetLastError(77);
-    EXPECT_EQ(Win32Exception("it failed", 12007, where, none).what(),
-              fmt::format("{} --> {} (error code 0X2EE7 (12007))\nStacktrace:\n {}", place, Win32Message(12007),
-                          HintFor(12007)));
-    EXPECT_EQ(GetLastError(), 77U);
-    const std::uint32_t status = 0x80090328;
-    EXPECT_EQ(NtStatusException("it failed", status, where, none).what(),
-              fmt::format("{} --> {} (NTSTATUS code 0X80090328).\nStacktrace:\n {}", place, NtStatusMessage(status),
-                          HintFor(status)));
-    const auto result = static_cast<std::int32_t>(status);
-    EXPECT_EQ(ComException("it failed", result, where, none).what(),
-              fmt::format("COM {} --> {} (HRESULT 0X80090328)\nStacktrace:\n {}", place, ComMessage(result),
-                          HintFor(status)));
-    EXPECT_EQ(DescribeComError("it failed", result),
-              fmt::format("it failed\n Error code: 0X80090328\n COM error message: {}\n", ComMessage(result)));
-
-    EXPECT_TRUE(HintFor(12007).starts_with("(DNS issues usually"));
-    EXPECT_EQ(HintFor(12031), "");
-}
-
 TEST(Messages, ComeFromTheTablesOfTheSystemAndItsModules) {
     EXPECT_NE(WordsOf(5), "");
     for (const DWORD code : {5UL, 11999UL, 12194UL}) {
@@ -113,21 +83,6 @@ TEST(Messages, ComeFromTheTablesOfTheSystemAndItsModules) {
         unloaded,
         Translated(WordsOf(12002, FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_FROM_SYSTEM, module.Get()), 12002));
     EXPECT_EQ(Win32Message(12002), unloaded);
-    EXPECT_EQ(ComMessage(E_OUTOFMEMORY), WordsOf(static_cast<DWORD>(E_OUTOFMEMORY)));
-    EXPECT_EQ(ComMessage(static_cast<std::int32_t>(0x8004FFFF)), "IDispatch error #65023");
-    EXPECT_EQ(ComMessage(static_cast<std::int32_t>(0x80040200)), "Unknown error 0x80040200");
-}
-
-TEST(Messages, FailuresThatMustNotThrowGoToTheWideErrorStream) {
-    std::wostringstream written;
-    auto* const before = std::wcerr.rdbuf(written.rdbuf());
-    SetLastError(77);
-    ReportWin32Failure("caf\xC3\xA9", 12030);
-    EXPECT_EQ(GetLastError(), 77U);
-    std::wcerr.rdbuf(before);
-    EXPECT_EQ(Shared::Util::ToUtf8Lossy(written.str()),
-              fmt::format("caf\xC3\xA9 ===> {} (Win32Exception error code: 12030) {}\n", Win32Message(12030),
-                          HintFor(12030)));
 }
 
 // Of its own, so that the outermost frame has a name: the framework's main comes without symbols.

@@ -11,7 +11,6 @@
 #include "shared.filesystem-heldfile.h"
 #include "shared.filesystem-longpath.h"
 #include "shared.filesystem-open.h"
-#include "shared.filesystem-privatefile.h"
 #include "shared.filesystem-removal.h"
 #include "shared.filesystem-scan.h"
 #include "shared.filesystem-sourcefolder.h"
@@ -25,14 +24,12 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace testing;
-using TestSupport::CapturedLog;
 using TestSupport::Hold;
 using TestSupport::ReadFile;
-using TestSupport::SymbolicLink;
 using TestSupport::TemporaryFolder;
 using TestSupport::WriteFile;
 
-TEST(Attributes, TellLinksAndAbsentContentFromOrdinaryFiles) {
+TEST(IsLink, TellsLinksFromOtherReparsePoints) {
     constexpr DWORD reparse = FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY;
     for (const DWORD tag :
          {IO_REPARSE_TAG_SYMLINK, IO_REPARSE_TAG_MOUNT_POINT, DWORD{0xA000001D} /* Linux link */, DWORD{0}}) {
@@ -42,59 +39,6 @@ TEST(Attributes, TellLinksAndAbsentContentFromOrdinaryFiles) {
     for (const DWORD tag : {IO_REPARSE_TAG_DEDUP, IO_REPARSE_TAG_WOF, DWORD{0x9000601A} /* cloud */}) {
         EXPECT_FALSE(IsLink(reparse, tag));
     }
-    for (const DWORD attribute : {0x1000UL, 0x400000UL}) {
-        EXPECT_TRUE(IsStoredElsewhere(FILE_ATTRIBUTE_ARCHIVE | attribute));
-    }
-    constexpr DWORD extendedAttributes = 0x40000;
-    EXPECT_FALSE(IsStoredElsewhere(FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_REPARSE_POINT | extendedAttributes));
-}
-
-TEST(ListOrThrow, NamesTheOperationThatFailed) {
-    const TemporaryFolder folder;
-    WriteFile(folder / L"file", "");
-    for (const wchar_t* name : {L"none", L"file"}) {
-        EXPECT_THAT([&] { (void)ListOrThrow(folder / name, SourceFolder::Trusted(folder.Path()).Open(folder / name)); },
-                    ThrowsMessage<fs::filesystem_error>(HasSubstr("directory_iterator::directory_iterator")));
-    }
-    EXPECT_THAT([] { ThrowFileSystemError("status", L"C:\\\xD800.log", ERROR_ACCESS_DENIED); },
-                ThrowsMessage<fs::filesystem_error>(ContainsRegex("status: .*C:\\\\\xEF\xBF\xBD.log")));
-}
-
-TEST(SourceFolder, OpensOnlyWhatLiesInAConfinedFolder) {
-    const TemporaryFolder machine;
-    const fs::path profile = machine / L"bob";
-    WriteFile(profile / L"own" / L"a.log", "own");
-    WriteFile(profile / L"own" / L"two.log", "own");
-    WriteFile(machine / L"bobby" / L"a.log", "not bob's");
-    const SymbolicLink toFile(machine / L"bobby" / L"a.log", profile / L"file-link.log");
-    const SymbolicLink toFolder(machine / L"bobby", profile / L"folder-link");
-    const SymbolicLink toOwn(profile / L"own", profile / L"own-link");
-    fs::create_hard_link(profile / L"own" / L"two.log", profile / L"hard.log");
-
-    const std::pair<std::wstring, DWORD> cases[] = {
-        {LR"(own\a.log)", ERROR_SUCCESS},
-        {LR"(OWN\A.LOG)", ERROR_SUCCESS},
-        {L"own", ERROR_SUCCESS},
-        {LR"(own\none)", ERROR_FILE_NOT_FOUND},
-        {LR"(none\a.log)", ERROR_FILE_NOT_FOUND},
-        {L"file-link.log", ERROR_CANT_RESOLVE_FILENAME},
-        {L"folder-link", ERROR_CANT_RESOLVE_FILENAME},
-        {LR"(folder-link\a.log)", ERROR_CANT_RESOLVE_FILENAME},
-        {LR"(own-link\a.log)", ERROR_CANT_RESOLVE_FILENAME},
-        {L"hard.log", ERROR_TOO_MANY_LINKS},
-    };
-    // A profile that was moved is reached through a link, and its contents are the user's all the same.
-    const SymbolicLink moved(profile, machine / L"moved");
-    for (const fs::path& root : {profile, machine / L"moved"}) {
-        const auto folder = SourceFolder::Confined(root, root / L"own");
-        for (const auto& [name, code] : cases) {
-            const auto found = folder.Open(root / name);
-            EXPECT_EQ(found ? ERROR_SUCCESS : found.error(), code) << root << name;
-        }
-        EXPECT_FALSE(folder.Open(root / LR"(..\bobby\a.log)"));
-    }
-    const auto none = SourceFolder::Confined(machine / L"none", machine / L"none");
-    EXPECT_TRUE(IsNotFound(none.Open(none.Path() / L"a.log").error()));
 }
 
 TEST(SourceFolder, HoldsTheCheckedFile) {
@@ -114,11 +58,6 @@ TEST(SourceFolder, HoldsTheCheckedFile) {
         WriteFile(file, "written");
         EXPECT_EQ(ReadFile(found->opened.path), "written") << "its owner may go on writing";
     }
-    const auto locked = Hold(file);
-    const auto unreadable = SourceFolder::Confined(profile.Path(), profile.Path()).Open(file);
-    ASSERT_TRUE(unreadable);
-    EXPECT_EQ(unreadable->error, static_cast<DWORD>(ERROR_SHARING_VIOLATION));
-    EXPECT_EQ(unreadable->opened.facts.size, 7U);
 }
 
 TEST(GeneratedFile, HoldsTextAndBytesAndGoesAway) {
@@ -157,28 +96,6 @@ TEST(LongForm, MakesAbsolutePathsWithThePrefix) {
     EXPECT_EQ(LongForm(L"x.txt"), LongForm(fs::current_path() / L"x.txt"));
 }
 
-TEST(PrivateFile, IsForItsAdministratorAlone) {
-    for (const auto inheritance : {Inheritance::None, Inheritance::Contents}) {
-        const auto descriptor = PrivateDescriptor(inheritance);
-        ASSERT_TRUE(descriptor);
-        SECURITY_DESCRIPTOR_CONTROL control = 0;
-        DWORD revision = 0;
-        GetSecurityDescriptorControl(descriptor->Get(), &control, &revision);
-        EXPECT_NE(control & SE_DACL_PROTECTED, 0) << "it must not inherit what the folder gives to others";
-        BOOL present = FALSE;
-        BOOL defaulted = FALSE;
-        PACL list = nullptr;
-        GetSecurityDescriptorDacl(descriptor->Get(), &present, &list, &defaulted);
-        for (DWORD index = 0; index < list->AceCount; ++index) {
-            ACCESS_ALLOWED_ACE* entry = nullptr;
-            ASSERT_NE(GetAce(list, index, reinterpret_cast<void**>(&entry)), FALSE);
-            EXPECT_FALSE(IsWellKnownSid(&entry->SidStart, WinWorldSid));
-            EXPECT_EQ(entry->Header.AceFlags,
-                      inheritance == Inheritance::None ? 0 : OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE);
-        }
-    }
-}
-
 TEST(RetryWhileHeld, WaitsASecondForItsOwnNamesAndOnceForAllOthers) {
     const auto take = [](HeldFileWait& wait, DWORD code) {
         const ULONGLONG start = GetTickCount64();
@@ -205,21 +122,6 @@ TEST(RetryWhileHeld, WaitsASecondForItsOwnNamesAndOnceForAllOthers) {
         held.Reset();
     });
     EXPECT_TRUE(RemoveName(folder / L"held"));
-}
-
-TEST(FileObjectRemover, LogsWhatItCannotRemoveAndForgetsIt) {
-    const TemporaryFolder folder;
-    const fs::path file = folder / L"open.txt";
-    WriteFile(file, "");
-    const auto open = Hold(file);
-    const CapturedLog log;
-    FileObjectRemover remover(file);
-    remover.Clear();
-    remover.Clear();
-    EXPECT_THAT(log.Text(), ContainsRegex("warning.*Failed removing file .*open.txt: "));
-    EXPECT_EQ(log.Text().find("Failed"), log.Text().rfind("Failed"));
-    EXPECT_EQ(RemoveName(file).error(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
-    EXPECT_EQ(RemoveName(folder.Path()).error(), static_cast<DWORD>(ERROR_DIR_NOT_EMPTY));
 }
 
 }  // namespace

@@ -46,12 +46,6 @@ TEST(Conversions, ReplaceOrRefuseWhatIsInvalidAlone) {
     }
 }
 
-TEST(GetTimeAsUtcString2, FormatsAndRefuses) {
-    EXPECT_EQ(GetTimeAsUtcString2({2024, 2, 4, 29, 3, 4, 5, 7}), L"2024-02-29T03:04:05.007Z");
-    EXPECT_THAT([] { (void)GetTimeAsUtcString2({2024, 13, 0, 1, 0, 0, 0, 0}); }, Fails(": GetDateFormatEx() failed"));
-    EXPECT_THAT([] { (void)GetTimeAsUtcString2({2024, 1, 1, 1, 25, 0, 0, 0}); }, Fails(": GetTimeFormatEx() failed"));
-}
-
 TEST(UniqueHandle, ClosesOnceAndKeepsTheLastError) {
     const unsigned before = TestSupport::HandleCount();
     KernelHandle first(CreateEventW(nullptr, TRUE, FALSE, nullptr));

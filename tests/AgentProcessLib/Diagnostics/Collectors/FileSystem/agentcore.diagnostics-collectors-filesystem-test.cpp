@@ -74,27 +74,6 @@ TEST(FileChecksPass, RefusesInItsOrder) {
     }
 }
 
-TEST(FileDescriptor, SplitsNames) {
-    const std::tuple<std::wstring, std::string, std::string, std::string, std::string> cases[] = {
-        {LR"(C:\x\setupapi.dev.log)", "setupapi.dev.log", "setupapi.dev", ".log", "setupapi"},
-        {LR"(C:\x.y\.hidden)", ".hidden", ".hidden", "", ""},
-        {LR"(C:\x\a.log:zone.txt)", "a.log", "a", ".log", "a"},
-        {LR"(C:\x\a.)", "a.", "a", ".", "a"},
-        {LR"(C:\x\..)", "..", "..", "", ""},
-        {L"C:\\x\\\x00e9\xD800.b.log", "\xC3\xA9\xEF\xBF\xBD.b.log", "\xC3\xA9\xEF\xBF\xBD.b", ".log",
-         "\xC3\xA9\xEF\xBF\xBD"},
-    };
-    for (const auto& [path, name, stem, extension, baseName] : cases) {
-        const FileDescriptor file{fs::path(path)};
-        EXPECT_EQ(std::tie(file.name, file.stem, file.extension, file.baseName),
-                  std::tie(name, stem, extension, baseName));
-        EXPECT_EQ(file.path.native(), path);
-    }
-    EXPECT_THAT([] { (void)FileDescriptor(LR"(C:\x.y\nodot)"); },
-                ThrowsMessage<Shared::Exception::RuntimeException>(
-                    ContainsRegex("Extract.*filechecks.*No extension detected in nodot\\.")));
-}
-
 using UserLogs = UserFileCopier<R"(own\Logs)", logType>;
 using UserDump = UserFileCopier<"own\\a.dmp", crashReportType>;
 
@@ -139,30 +118,6 @@ TEST_F(FileCollectors, HeldFilesCostARowASecond) {
         EXPECT_THAT(RunRow(row, zip_).errors, SizeIs(50));
         EXPECT_THAT(GetTickCount64() - start, AllOf(Ge(900U), Le(5000U)));
     }
-}
-
-TEST_F(FileCollectors, WhatOutgrowsTheLimitAfterTheGateIsRefusedAsThere) {
-    const fs::path file = machine_ / L"a.dmp";
-    WriteFile(file, "four");
-    const auto source = Shared::FileSystem::SourceFolder::Trusted(machine_.Path());
-    auto found = source.Open(file);
-    found->opened.facts.size = 3;
-    CopyJob job(source, 3, {L"F", zip_});
-    EXPECT_FALSE(job.Copy(file, found, "status"));
-    EXPECT_THAT(std::move(job).Status().errors,
-                ElementsAre("Excluded file '" + Utf8(file) +
-                            "' (0 MB) because it exceeds the maximum file size limit of 0 MB."));
-    EXPECT_THAT(Archived(), IsEmpty());
-}
-
-TEST_F(FileCollectors, TrustedTreesThatLoopEnd) {
-    scanned = machine_ / L"tree";
-    WriteFile(scanned / L"inner" / L"a.log", "");
-    WriteFile(scanned / L"b.log", "");
-    const TestSupport::SymbolicLink loop(scanned, scanned / L"inner" / L"loop");
-    const TestSupport::SymbolicLink toFile(scanned / L"b.log", scanned / L"c.log");
-    EXPECT_THAT(Run(ExtensionCopier<&TrustedScan, ".log", "", true, logType>()).errors, IsEmpty());
-    EXPECT_THAT(Archived(), ElementsAre("F/a.log", "F/b.log", "F/c.log")) << "links to files are followed";
 }
 
 TEST_F(FileCollectors, WhatUsersCanWriteToIsBounded) {
