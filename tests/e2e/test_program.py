@@ -87,6 +87,7 @@ class FullRun(Case):
                     self.assertEqual(command.decode(), wanted.origin)
                 self.assertEqual(row.get("rawProcessExitCode", 0), int(exit_code or 0))
                 self.assertLessEqual(set(row), FIELDS)
+                self.assertRegex(row["startedAt"], r"\.\d{3}Z\Z")
                 # Generated text comes from no path.
                 origins = {name: f"C:/{file}".replace("/", "\\").lower() if "/" in file else ""
                            for name, file in archived.items()}

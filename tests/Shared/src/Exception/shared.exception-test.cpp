@@ -68,6 +68,17 @@ TEST(Exception, NamesTheThrowAndEveryFrameUpToMain) {
                       EndsWith("\n\t------------------------------------\n")));
 }
 
+TEST(Exception, CodedTextsEndWithAHint) {
+    const std::uint32_t status = 0x80090328;
+    EXPECT_THAT(
+        NtStatusException("it failed", status).what(),
+        AllOf(HasSubstr("it failed --> " + NtStatusMessage(status) + " (NTSTATUS code 0X80090328).\nStacktrace:\n"),
+              EndsWith(HintFor(status))));
+    EXPECT_NE(HintFor(status), "");
+    EXPECT_EQ(HintFor(12031), "");
+    EXPECT_EQ(ComMessage(static_cast<std::int32_t>(0x80040200)), "Unknown error 0x80040200");
+}
+
 TEST(Messages, ComeFromTheTablesOfTheSystemAndItsModules) {
     EXPECT_NE(WordsOf(5), "");
     for (const DWORD code : {5UL, 11999UL, 12194UL}) {

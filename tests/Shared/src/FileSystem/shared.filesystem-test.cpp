@@ -45,11 +45,13 @@ TEST(SourceFolder, HoldsTheCheckedFile) {
     const TemporaryFolder profile;
     const fs::path file = profile / L"sub" / L"a.log";
     WriteFile(file, "checked");
+    EXPECT_FALSE(SourceFolder::Confined(profile / L"sub", profile / L"sub").Open(profile / LR"(sub\..\sub\a.log)"));
     for (const auto& folder :
          {SourceFolder::Trusted(profile.Path()), SourceFolder::Confined(profile.Path(), profile.Path())}) {
         const auto found = folder.Open(file);
         ASSERT_TRUE(found && found->error == ERROR_SUCCESS);
         EXPECT_EQ(found->opened.facts.size, 7U);
+        EXPECT_TRUE(folder.Open(profile / LR"(SUB\A.LOG)"));
         EXPECT_EQ(DeleteFileW(file.c_str()), FALSE);
         EXPECT_EQ(MoveFileW(file.c_str(), (profile / L"b.log").c_str()), FALSE);
         const auto listing = ListOrThrow(profile / L"sub", folder.Open(profile / L"sub"));

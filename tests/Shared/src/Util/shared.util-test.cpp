@@ -2,8 +2,6 @@
 
 #include "shared.exception.h"
 #include "shared.util-functions.h"
-#include "shared.util-handle.h"
-#include "test-support.h"
 
 using namespace Shared::Util;
 
@@ -44,15 +42,4 @@ TEST(Conversions, ReplaceOrRefuseWhatIsInvalidAlone) {
         EXPECT_THAT(SanitiseUtf8("a" + std::string(faulty) + "zzz"),
                     AllOf(testing::StartsWith("a" + mark), testing::EndsWith(mark + "zzz")));
     }
-}
-
-TEST(UniqueHandle, ClosesOnceAndKeepsTheLastError) {
-    const unsigned before = TestSupport::HandleCount();
-    KernelHandle first(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    KernelHandle second(std::move(first));
-    first = std::move(second);
-    SetLastError(77);
-    first.Reset();
-    EXPECT_EQ(GetLastError(), 77U);
-    EXPECT_EQ(TestSupport::HandleCount(), before);
 }
