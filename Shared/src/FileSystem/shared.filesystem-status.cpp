@@ -53,7 +53,8 @@ Util::Win32Result<FileFacts> FactsOf(HANDLE file) noexcept {
         GetFileInformationByHandleEx(file, FileStandardInfo, &standard, sizeof standard) == FALSE) {
         return Util::LastError();
     }
-    if ((basic.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+    facts.isReparsePoint = (basic.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    if (facts.isReparsePoint) {
         FILE_ATTRIBUTE_TAG_INFO tag{};
         facts.isLink = GetFileInformationByHandleEx(file, FileAttributeTagInfo, &tag, sizeof tag) == FALSE ||
                        IsLink(tag.FileAttributes, tag.ReparseTag);

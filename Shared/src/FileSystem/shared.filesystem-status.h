@@ -18,6 +18,7 @@ enum class FileKind : std::uint8_t { NotFound, Regular, Directory, Other };
 struct FileFacts {
     /// Other for what is not on a disk, of which nothing else is known.
     FileKind kind = FileKind::Other;
+    bool isReparsePoint = false;
     /// Whether it is a symbolic link, a junction or a mount point; also true when that cannot be told.
     bool isLink = false;
     /// Whether reading it would fetch its content from elsewhere: offline storage or a cloud.

@@ -338,7 +338,9 @@ bool ZipArchiveWrapper::Write(const std::string& entryName, const std::string& l
         return false;
     }
     libzippp::ZipEntry entry = archive_->getEntry(entryName);
-    if (entry.isNull() || entry.getSize() != checked.size || !entry.setCompressionMethod(libzippp::DEFLATE) ||
+    // Of a reparse point, such as a deduplicated file, the library knows no size: it reads to the end.
+    const bool isChecked = entry.getSize() == checked.size || (entry.getSize() == 0 && checked.isReparsePoint);
+    if (entry.isNull() || !isChecked || !entry.setCompressionMethod(libzippp::DEFLATE) ||
         !entry.setCompressionLevel(deflateLevel)) {
         return false;
     }

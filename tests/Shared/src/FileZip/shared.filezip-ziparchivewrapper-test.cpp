@@ -20,6 +20,8 @@ namespace {
 /// What happens right after the next query of an open file's size, and how many cuts of files still fail.
 std::function<void()> afterQuery;
 unsigned failingCuts = 0;
+/// What open files have beside their own attributes.
+DWORD attributes = 0;
 
 template <class Function>
 Function* Real(const char* name) {
@@ -28,6 +30,9 @@ Function* Real(const char* name) {
 
 BOOL WINAPI Query(HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, void* information, DWORD size) {
     const BOOL result = Real<decltype(Query)>("GetFileInformationByHandleEx")(file, kind, information, size);
+    if (kind == FileBasicInfo) {
+        static_cast<FILE_BASIC_INFO*>(information)->FileAttributes |= attributes;
+    }
     if (const auto hook = kind == FileStandardInfo ? std::exchange(afterQuery, nullptr) : nullptr) {
         hook();
     }
@@ -175,6 +180,11 @@ TEST_F(ZipArchiveWrapperTest, AnAddReadsWhatWasChecked) {
     EXPECT_TRUE(!tooLong && tooLong.error().tooLarge == 101U);
     // The library would read an empty file for as long as it grows.
     EXPECT_THAT(ErrorOf(addWhile("begun", "", 9)), AllOf(HasSubstr("in part: "), HasSubstr("grew to 9 bytes")));
+    // Of a deduplicated file the library states no size, as of an empty one: what it then reads counts.
+    attributes = FILE_ATTRIBUTE_REPARSE_POINT;
+    EXPECT_THAT(ErrorOf(addWhile("deduplicated", "checked", 0)),
+                AllOf(HasSubstr("in part: "), HasSubstr("to 0 bytes")));
+    attributes = 0;
     const fs::path source = Source("changing", "checked");
     afterQuery = [&] {
         fs::resize_file(source, 9);
@@ -182,7 +192,8 @@ TEST_F(ZipArchiveWrapperTest, AnAddReadsWhatWasChecked) {
     };
     EXPECT_THAT(ErrorOf(zip_.AddFile("changing", source)), HasSubstr("it shrank from 9 to 0 bytes"));
     const std::string nine("checked\0\0", 9);
-    EXPECT_EQ(OnDisk(zip_), (Contents{{"kept", "kept"}, {"emptied", ""}, {"longer", nine}, {"begun", ""}}));
+    EXPECT_EQ(OnDisk(zip_),
+              (Contents{{"kept", "kept"}, {"emptied", ""}, {"longer", nine}, {"begun", ""}, {"deduplicated", ""}}));
 }
 
 TEST_F(ZipArchiveWrapperTest, CuttingTheArchiveWaitsForFilterDrivers) {
