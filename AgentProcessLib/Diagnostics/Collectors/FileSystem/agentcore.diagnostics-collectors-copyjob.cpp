@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "agentcore.diagnostics-collectors-filechecks.h"
 #include "shared.concurrency-interrupt.h"
 #include "shared.exception-messages.h"
 
@@ -11,11 +10,6 @@ namespace AgentCore::Diagnostics::Collectors::FileSystem {
 namespace {
 
 using Shared::Concurrency::IsInterrupted;
-using Shared::FileSystem::DirectoryEntry;
-using Shared::FileSystem::DirectoryListing;
-using Shared::FileSystem::SourceFile;
-using Shared::Util::ToUtf8Lossy;
-using Shared::Util::Win32Result;
 
 // Each add writes the archive's directory anew.
 constexpr std::size_t maxFiles = 1000;
@@ -26,7 +20,7 @@ constexpr std::size_t maxLevels = 64;
 
 }  // namespace
 
-CopyJob::CopyJob(const Shared::FileSystem::SourceFolder& source, std::uint64_t maxSize, const Destination& destination)
+CopyJob::CopyJob(const SourceFolder& source, std::uint64_t maxSize, const Destination& destination)
     : source_(source), maxSize_(maxSize), destination_(destination) {
     const std::string row = ToUtf8Lossy(destination.folder) + '/';
     for (const libzippp::ZipEntry& entry : destination.zip.Entries()) {

@@ -10,11 +10,9 @@
 #include <utility>
 #include <vector>
 
+#include "agentcore.diagnostics-collectors-filechecks.h"
 #include "agentcore.diagnostics-collectors.h"
-#include "shared.filesystem-sourcefolder.h"
 #include "shared.util-fixedstring.h"
-#include "shared.util-functions.h"
-#include "shared.util-win32result.h"
 
 namespace AgentCore::Diagnostics::Collectors::FileSystem {
 
@@ -33,14 +31,14 @@ template <auto provider>
 
 template <auto provider>
 [[nodiscard]] std::string OriginOf() {
-    return Shared::Util::ToUtf8Lossy(ResolveFolder<provider>());
+    return ToUtf8Lossy(ResolveFolder<provider>());
 }
 
 /// Yields the folder in which a collector finds its files; may throw.
-using SourceProvider = Shared::FileSystem::SourceFolder (*)();
+using SourceProvider = SourceFolder (*)();
 
 template <auto provider>
-[[nodiscard]] Shared::FileSystem::SourceFolder SourceOf() {
+[[nodiscard]] SourceFolder SourceOf() {
     return Shared::FileSystem::TrustOf<provider>::Source(ResolveFolder<provider>());
 }
 
@@ -49,7 +47,7 @@ template <auto provider>
 class CopyJob {
 public:
     /// The source, and what the destination refers to, must outlive the object.
-    CopyJob(const Shared::FileSystem::SourceFolder& source, std::uint64_t maxSize, const Destination& destination);
+    CopyJob(const SourceFolder& source, std::uint64_t maxSize, const Destination& destination);
 
     enum class Depth : std::uint8_t { Folder, Tree };
 
@@ -59,8 +57,7 @@ public:
     /// and at 64 levels, with a message. Returns whether all was visited: false also when the run is interrupted.
     /// Throws std::filesystem::filesystem_error of the operation "directory_iterator::operator++", or
     /// "recursive_directory_iterator::operator++" for a tree, when a listing fails.
-    bool Scan(Shared::FileSystem::DirectoryListing listing, Depth depth,
-              const std::function<void(const Shared::FileSystem::DirectoryEntry&)>& visit);
+    bool Scan(DirectoryListing listing, Depth depth, const std::function<void(const DirectoryEntry&)>& visit);
 
     enum class IfMissing : std::uint8_t { Report, Ignore };
 
@@ -71,8 +68,7 @@ public:
 
     /// The same for what the source folder has found at the path: passes it through the gate and adds it, under the one
     /// handle with which it was opened. Throws std::filesystem::filesystem_error of the given operation.
-    bool Copy(const std::filesystem::path& file, const Shared::Util::Win32Result<Shared::FileSystem::SourceFile>& found,
-              const char* operation);
+    bool Copy(const std::filesystem::path& file, const Win32Result<SourceFile>& found, const char* operation);
 
     /// A subfolder from which nothing is copied; at most 1,000 of them have a message of their own.
     void SkipFolder(const std::filesystem::path& folder, DWORD reason);
@@ -83,9 +79,9 @@ public:
     [[nodiscard]] CollectorStatus Status() &&;
 
 private:
-    void Descend(const std::filesystem::path& folder, std::vector<Shared::FileSystem::DirectoryListing>& levels);
+    void Descend(const std::filesystem::path& folder, std::vector<DirectoryListing>& levels);
 
-    const Shared::FileSystem::SourceFolder& source_;
+    const SourceFolder& source_;
     std::uint64_t maxSize_;
     Destination destination_;
     std::size_t files_ = 0;

@@ -10,19 +10,12 @@
 #include <utility>
 #include <vector>
 
-#include "agentcore.diagnostics-collectors-filechecks.h"
 #include "shared.concurrency-interrupt.h"
 #include "shared.exception-guardedlog.h"
-#include "shared.util-functions.h"
 
 namespace AgentCore::Diagnostics::Collectors::FileSystem {
 
 namespace {
-
-using Shared::FileSystem::DirectoryEntry;
-using Shared::FileSystem::DirectoryListing;
-using Shared::FileSystem::SourceFolder;
-using Shared::Util::ToUtf8Lossy;
 
 bool IsMatch(const FileDescriptor& file, const ExtensionScan& scan) {
     return !file.stem.empty() && file.extension == scan.extension && file.name.starts_with(scan.namePrefix);

@@ -11,18 +11,11 @@
 #include "shared.exception-guardedlog.h"
 #include "shared.exception.h"
 #include "shared.filesystem-longpath.h"
-#include "shared.filesystem-status.h"
-#include "shared.util-functions.h"
 
 namespace AgentCore::Diagnostics::Collectors::FileSystem {
 
 namespace {
 
-using Shared::FileSystem::FileKind;
-using Shared::FileSystem::SourceFile;
-using Shared::FileSystem::SourceFolder;
-using Shared::Util::ToUtf8Lossy;
-using Shared::Util::Win32Result;
 using Reason = CheckError::Reason;
 
 CheckError Refusal(Reason reason, std::string message,

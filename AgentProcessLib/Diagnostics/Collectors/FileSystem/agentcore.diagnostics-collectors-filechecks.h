@@ -7,10 +7,22 @@
 #include <string>
 #include <string_view>
 
+#include "shared.filesystem-scan.h"
 #include "shared.filesystem-sourcefolder.h"
+#include "shared.filesystem-status.h"
+#include "shared.util-functions.h"
 #include "shared.util-win32result.h"
 
 namespace AgentCore::Diagnostics::Collectors::FileSystem {
+
+// What all collectors of files work with.
+using Shared::FileSystem::DirectoryEntry;
+using Shared::FileSystem::DirectoryListing;
+using Shared::FileSystem::FileKind;
+using Shared::FileSystem::SourceFile;
+using Shared::FileSystem::SourceFolder;
+using Shared::Util::ToUtf8Lossy;
+using Shared::Util::Win32Result;
 
 /// Why a file is not archived.
 struct CheckError {
@@ -30,8 +42,7 @@ using CheckResult = std::expected<void, CheckError>;
 
 /// The same gate for what a source folder has found; `file` is the path for the messages. Throws
 /// std::filesystem::filesystem_error of the given operation.
-[[nodiscard]] CheckResult CheckFound(const std::filesystem::path& file,
-                                     const Shared::Util::Win32Result<Shared::FileSystem::SourceFile>& found,
+[[nodiscard]] CheckResult CheckFound(const std::filesystem::path& file, const Win32Result<SourceFile>& found,
                                      std::uint64_t maxSize, const char* operation);
 
 /// The refusals by which the gate, and what comes after it, names a file's kind, and its size. They are logged.

@@ -8,17 +8,10 @@
 #include <vector>
 
 #include "shared.concurrency-interrupt.h"
-#include "shared.util-functions.h"
 
 namespace AgentCore::Diagnostics::Collectors::FileSystem {
 
 namespace {
-
-using Shared::FileSystem::DirectoryEntry;
-using Shared::FileSystem::DirectoryListing;
-using Shared::FileSystem::FileKind;
-using Shared::FileSystem::SourceFolder;
-using Shared::Util::ToUtf8Lossy;
 
 std::string FailedCopying(const std::filesystem::path& file, const std::exception& error) {
     return LogErrorAndReturn(
