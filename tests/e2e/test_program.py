@@ -348,7 +348,8 @@ class ToolPath(Case):
 
     def assert_not_asked(self, wanted):
         row = self.archive("--samples").rows[10]
-        self.assertEqual((row["name"], row.get("success"), len(row["errors"])), ("lacli.exe", None, 1))
+        self.assertEqual((row["type"], row["name"], row.get("success")), (SAMPLE, "lacli.exe", None))
+        self.assertEqual(len(row["errors"]), 1)
         self.assertRegex(row["errors"][0], "The access agent's tool is not asked: (?s:.)*" + wanted)
 
     def test_is_not_asked_when_any_user_could_have_put_it_there(self):

@@ -49,17 +49,19 @@ std::string Utf8(const fs::path& path) {
 
 TEST(FileChecksPass, RefusesInItsOrder) {
     const TestSupport::TemporaryFolder folder;
-    WriteFile(folder / L"four.dmp", "four");
+    constexpr std::uint64_t megabyte = 1U << 20U;
+    WriteFile(folder / L"two.dmp", std::string(2 * megabyte, 'x'));
     // Reached by its long form alone: the path is long, and the name ends with a blank.
     const fs::path program = folder / std::wstring(150, L'f') / (std::wstring(150, L'n') + L".log ");
     CreateDirectoryW(Shared::FileSystem::LongForm(program.parent_path()).c_str(), nullptr);
     ASSERT_NE(CopyFileW(TestSupport::ChildProgram().c_str(), Shared::FileSystem::LongForm(program).c_str(), TRUE),
               FALSE);
-    EXPECT_TRUE(FileChecksPass(folder / L"four.dmp", 4));
+    EXPECT_TRUE(FileChecksPass(folder / L"two.dmp", 2 * megabyte));
     const std::tuple<fs::path, std::uint64_t, Reason, std::string> cases[] = {
         {folder / L"none.log", 4, Reason::NotFound, "' does not exist."},
         {folder.Path(), 4, Reason::NotRegularFile, "' is not a regular file."},
-        {folder / L"four.dmp", 3, Reason::TooLarge, "' (0 MB) because it exceeds the maximum file size limit of 0 MB."},
+        {folder / L"two.dmp", megabyte, Reason::TooLarge,
+         "' (2 MB) because it exceeds the maximum file size limit of 1 MB."},
         {program, 1, Reason::TooLarge, " MB) because it exceeds the maximum file size limit of 0 MB."},
         {program, maxFileSize, Reason::Executable, "' is an executable binary and will be ignored."},
     };
