@@ -62,7 +62,7 @@ class FullRun(Case):
             self.assertRegex(run[name], rf"\A{pattern}\Z", name)
             self.assertIn(run[name], self.log(), name)
         self.assertEqual((run["elevated"], run["utcOffsetMinutes"], run["interrupted"]), (True, 330, False))
-        self.assertTrue(run["ansiCodePage"] and run["oemCodePage"])
+        self.assertEqual((run["ansiCodePage"], run["oemCodePage"]), (1252, 437))
 
     def check_rows(self, archive):
         """Compares each field of each row; returns where each archived log or dump comes from."""
