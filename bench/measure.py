@@ -127,13 +127,18 @@ HEAD = ("| data set | tool | wall s | user s | to disk MB | peak MB | zip MB | w
         "|---|---|---:|---:|---:|---:|---:|---:|---:|")
 
 
-def compare(tools, place, names, rounds):
-    """Runs the tools in `place` in turn; the result of each. Each makes ARCHIVE there, with all of the names in it."""
+def compare(tools, place, names, rounds, once=()):
+    """Runs the tools in `place` in turn, those in `once` in the first round only; the result of each.
+
+    Each makes ARCHIVE there, with all of the names in it.
+    """
     archive = os.path.join(place, ARCHIVE)
     runs = {tool: [] for tool in tools}
     sizes = {}
-    for _ in range(rounds):
+    for number in range(rounds):
         for tool, command in tools.items():
+            if number and tool in once:
+                continue
             if os.path.exists(archive):
                 os.remove(archive)
             os.sync()
