@@ -41,6 +41,7 @@ constexpr Field directoryOffset{48, 8};
 }  // namespace Zip64
 
 constexpr Field signature{0, 4};
+constexpr std::uint64_t firstRead = std::uint64_t{64} << 10U;
 constexpr std::uint64_t max16 = std::numeric_limits<std::uint16_t>::max();
 constexpr std::uint64_t max32 = std::numeric_limits<std::uint32_t>::max();
 
@@ -122,16 +123,23 @@ Win32Result<ArchiveTail> ReadTail(const ArchiveFile& file) {
     if (!size) {
         return std::unexpected(size.error());
     }
-    const std::uint64_t endSize = std::min<std::uint64_t>(*size, Zip64::size + EndRecord::size);
+    // Mostly the directory is in what is read first.
+    const std::uint64_t endSize = std::min(*size, firstRead);
     const auto end = ReadBytes(file, *size - endSize, endSize);
     if (!end) {
         return std::unexpected(end.error());
     }
-    std::optional<ArchiveTail> tail = ParseEnd(*end, *size);
+    std::optional<ArchiveTail> tail =
+        ParseEnd(Bytes(*end).last(std::min(end->size(), Zip64::size + EndRecord::size)), *size);
     if (!tail) {
         return std::unexpected<DWORD>(ERROR_BAD_FORMAT);
     }
-    auto bytes = ReadBytes(file, tail->directoryOffset, *size - tail->directoryOffset);
+    const std::uint64_t tailSize = *size - tail->directoryOffset;
+    if (tailSize <= endSize) {
+        tail->bytes.assign(end->end() - static_cast<std::ptrdiff_t>(tailSize), end->end());
+        return *std::move(tail);
+    }
+    auto bytes = ReadBytes(file, tail->directoryOffset, tailSize);
     if (!bytes) {
         return std::unexpected(bytes.error());
     }
