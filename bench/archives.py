@@ -47,8 +47,8 @@ def main():
         limits.check("%s: peak MB" % title, own.peak / MB, 64)
     limits.check("(a) user CPU for 400 logs / for 100 logs", user[400] / user[100], 4.8)
     print("\nTo disk: write_bytes - cancelled_write_bytes of /proc/PID/io (pages made dirty, less those cut off before "
-          "they were written out). Medians of %d rounds; 7z and the re-opened archive run once. Time and memory are those of "
-          "the process (memory from 10 MB up); Wine's server process is not in them.\n" % rounds)
+          "they were written out). Medians of %d rounds; 7z and the re-opened archive run once. Time and memory are "
+          "those of the process (memory from 10 MB up); Wine's server process is not in them.\n" % rounds)
 
     start = compare(ours, place, make_set(place, 1, KB, 0), rounds)[OURS].wall
     print("| files of 1 kB | ms per add |")

@@ -370,11 +370,11 @@ AddResult ZipArchiveWrapper::CheckAdded(const std::string& entryName, const Open
     if (entry.size < size) {
         return Incomplete(source.path, fmt::format(": {}; what was read is archived", Shrank(size, entry.size)), entry);
     }
-    if (const auto facts = FileSystem::FactsOf(source.handle.Get()); facts && facts->size > size) {
-        return Incomplete(
-            source.path,
-            fmt::format(" grew to {} bytes while it was read: its first {} bytes are archived", facts->size, size),
-            entry);
+    if (const auto facts = FileSystem::FactsOf(source.handle.Get()); facts && facts->size > entry.size) {
+        return Incomplete(source.path,
+                          fmt::format(" grew to {} bytes while it was read: its first {} bytes are archived",
+                                      facts->size, entry.size),
+                          entry);
     }
     return entry;
 }
