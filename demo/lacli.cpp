@@ -1,6 +1,7 @@
 // Stands in for the access agent's tool on the demo machine: answers the questions that are asked of the tool, and
 // writes its export. With LACLI_PAUSE_<question> set to a number of milliseconds, blanks of the question as underscores
-// (LACLI_PAUSE_traffic_log=4000), an answer pauses after its first line and an export before it is written.
+// (LACLI_PAUSE_traffic_log=4000), an answer pauses after its first line and an export before it is written. Ctrl+C does
+// not end it.
 //
 // "hold FILE" opens the file without sharing, prints "held", and keeps it open until the process is ended.
 
@@ -64,6 +65,7 @@ int Answer(const std::string& question) {
 }  // namespace
 
 int main(int count, char** arguments) {
+    SetConsoleCtrlHandler(nullptr, TRUE);
     std::string question;
     for (int index = 1; index < count; ++index) {
         question += (index > 1 ? " " : "") + std::string(arguments[index]);

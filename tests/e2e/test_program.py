@@ -14,7 +14,7 @@ import time
 import zlib
 
 from expected_rows import ANY, CONFIG, CONFIGURATION, CRASH, LOG, SAMPLE, TEXTS, rows_of_full_run, tool_text, types
-from machines import BARE, EXE, FULL, TOOL, Archive, Case, Console, machine, running_in, windows_path
+from machines import BARE, EXE, FULL, TOOL, Archive, Case, machine, running_in, windows_path
 
 SAMPLE_FILES = ["RoutePrint", "IpConfig", "NicConfig", "NicDetails", "NetStat", "SystemInfo", "ProcessInfo",
                 "ServiceInfo", "DriverInfo", "TcpipBind"]
@@ -551,9 +551,12 @@ class Kill(Case):
         def is_asked():
             return any("lacli.exe status" in line for line in running_in(self.folder))
 
-        with Console(FULL, self.folder, "-s", LACLI_PAUSE_status="60000") as run:
-            run.wait_until(is_asked)
+        # In no console: one that closes would end the command as well.
+        with FULL.start(EXE, "agent", "collect-diagnostics", "-s", cwd=self.folder,
+                        LACLI_PAUSE_status="60000") as run:
+            self.assert_soon(is_asked)
             # It is flushed every five seconds.
-            run.wait_until(lambda: (self.folder / "agent-cli.log").stat().st_size)
+            self.assert_soon(lambda: (self.folder / "agent-cli.log").stat().st_size)
             self.assertTrue(is_asked())
+            run.kill()
         self.assert_nothing_runs_in(self.folder)
