@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <fmt/format.h>
+#include <spdlog/details/null_mutex.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/spdlog.h>
@@ -58,7 +59,7 @@ OpenedFile Hold() {
     return {.path = logName, .handle = *std::move(file), .facts = *facts};
 }
 
-// Whether a write changes this file alone, and a read fetches nothing.
+// A file of one name, whose content is on this machine.
 bool IsPlain(const FileFacts& facts) {
     return facts.kind == FileKind::Regular && !facts.isLink && !facts.isStoredElsewhere && facts.links <= 1;
 }
@@ -85,8 +86,9 @@ FileHandle Replace() {
     OpenedFile file = Hold();
     const std::string text = IsPlain(file.facts) ? LastLines(file) : std::string();
     file.handle.Reset();
-    if (file.facts.isLink) {
-        RemoveOrThrow(logName);  // a rename does not replace a link to a folder
+    // A rename does not replace a link to a folder.
+    if (const auto removed = file.facts.isLink ? RemoveName(logName) : Shared::Util::Win32Result<void>(); !removed) {
+        ThrowCannotOpen(removed.error());
     }
     GeneratedFile replacement = GeneratedFile::Unique(logName);
     replacement.WriteBytes(text);
@@ -99,20 +101,27 @@ FileHandle Replace() {
     return std::move(file.handle);
 }
 
-class LogSink final : public spdlog::sinks::base_sink<std::mutex> {
+class LogSink final : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
 public:
     LogSink() { Open(); }
 
 protected:
     void sink_it_(const spdlog::details::log_msg& message) override {
+        const std::scoped_lock lock(fileMutex_);
+        // What the replacement of the file logs itself comes back here, and there is no file for it.
+        if (std::exchange(isWriting_, true)) {
+            return;
+        }
         const auto write = [&] { file_->log(message); };
         // A rotation that fails empties the file, and the second attempt finds room there.
         if (IsOpen() && !Try(write) && IsOpen() && !Try(write)) {
             openAgain_ = std::chrono::steady_clock::now() + openInterval;
         }
+        isWriting_ = false;
     }
 
     void flush_() override {
+        const std::scoped_lock lock(fileMutex_);
         if (file_) {
             static_cast<void>(Try([this] { file_->flush(); }));
         }
@@ -154,6 +163,8 @@ private:
         }
     }
 
+    std::recursive_mutex fileMutex_;
+    bool isWriting_ = false;
     // Keeps the replaced file under its name until the library has opened it.
     FileHandle held_;
     // Null while the file cannot be opened.
@@ -164,7 +175,7 @@ private:
 }  // namespace
 
 void SetUpLog() {
-    // Until then the library's own logger prints to standard output: nothing but the failure that ends the program.
+    // Until the log is open, spdlog's own logger prints to standard output: at this level only main's error.
     spdlog::set_level(spdlog::level::err);
     ProcessLogger() = std::make_shared<spdlog::logger>("default", std::make_shared<LogSink>());
     spdlog::set_default_logger(ProcessLogger());

@@ -10,10 +10,12 @@ namespace AgentCLI::Core {
 /// directory, spdlog's default logger, at level info, flushed every 5 seconds. The first line of the run describes it.
 ///
 /// At every opening, also at a rotation, the file is replaced by a private one with the last lines of its text, at most
-/// 10240 bytes. Of a link and of a file with a second hard link nothing is kept. When the file cannot be replaced or
-/// opened later, lines are dropped until it can be: that is tried every two seconds.
+/// 10240 bytes. Of a link, of a file with a second hard link, and of one whose content is stored elsewhere nothing is
+/// kept. When the file cannot be replaced or opened later, lines are dropped until it can be: that is tried every two
+/// seconds. What is logged during a replacement is dropped as well.
 ///
-/// Throws spdlog::spdlog_ex when the file cannot be replaced, which leaves it as it is, or not be opened.
+/// Throws spdlog::spdlog_ex when the file cannot be replaced, which leaves it as it is (a link may be removed), or
+/// cannot be opened.
 void SetUpLog();
 
 /// The process-wide logger; null before SetUpLog.
