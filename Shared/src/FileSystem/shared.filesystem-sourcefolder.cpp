@@ -22,7 +22,7 @@ std::filesystem::path Readable(const std::filesystem::path& path) {
     return isLongDrivePath ? text.substr(prefixLength) : text;
 }
 
-// Of what unprivileged users may have made: refuses links and content that would be fetched from elsewhere.
+// The facts of what an unprivileged user may have made. Refuses links and content that would be fetched from elsewhere.
 Win32Result<FileFacts> UntrustedFacts(HANDLE file) {
     auto facts = FactsOfOnlyName(file);
     if (facts && facts->isStoredElsewhere) {
@@ -43,13 +43,14 @@ SourceFolder SourceFolder::Trusted(std::filesystem::path folder) {
 SourceFolder SourceFolder::Confined(std::filesystem::path root, std::filesystem::path folder) {
     const auto handle = OpenTrusted(root, queryAccess);
     auto path = handle ? FinalPath(handle->Get()) : std::unexpected(handle.error());
-    if (!path && !IsNotFound(path.error())) {
+    // The path of a volume without a drive letter is "not found", although the folder is there.
+    if (!path && (handle || !IsNotFound(path.error()))) {
         ThrowFileSystemError("exists", root, path.error());
     }
     return SourceFolder(std::move(folder), Root{.given = std::move(root), .path = std::move(path).value_or(L"")});
 }
 
-// Level by level above the last, so that no link is followed: even to open the target of a link can have effects.
+// Checks each folder above the last name by itself: even to open the target of a link can have effects.
 Win32Result<std::filesystem::path> SourceFolder::Resolve(const std::filesystem::path& path) const {
     if (!root_) {
         return path;

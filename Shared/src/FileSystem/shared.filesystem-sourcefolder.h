@@ -13,8 +13,8 @@
 
 namespace Shared::FileSystem {
 
-/// A file or folder of a source folder. While the object exists, no process can rename, delete or replace it: a read at
-/// `opened.path` reads what was checked. Other processes may go on writing it.
+/// A file or folder of a source folder. While the object exists, and `error` is ERROR_SUCCESS, no process can rename,
+/// delete or replace it: a read at `opened.path` reads what was checked. Other processes may go on writing it.
 struct SourceFile {
     OpenedFile opened;
     /// Why the content cannot be read, when it is open for its attributes alone.
@@ -36,10 +36,10 @@ public:
     [[nodiscard]] bool IsConfined() const noexcept { return root_.has_value(); }
 
     /// Opens the file or folder at the path, which begins with the source folder's, for reading. Waits for files that
-    /// other processes hold as long as SharedWait allows. What cannot be read is opened for its attributes. Fails with
-    /// what IsNotFound knows when nothing exists there, and in a confined folder with ERROR_CANT_RESOLVE_FILENAME for
-    /// what is reached through a link, ERROR_TOO_MANY_LINKS for a file with further hard links, and ERROR_FILE_OFFLINE
-    /// for content that is stored elsewhere.
+    /// other processes hold as long as SharedWait allows. What cannot be read is opened for its attributes. When
+    /// nothing exists there, fails with a code for which IsNotFound is true; in a confined folder also with
+    /// ERROR_CANT_RESOLVE_FILENAME for what is reached through a link, ERROR_TOO_MANY_LINKS for a file with further
+    /// hard links, and ERROR_FILE_OFFLINE for content that is stored elsewhere.
     [[nodiscard]] Util::Win32Result<SourceFile> Open(const std::filesystem::path& path) const;
 
 private:
@@ -64,8 +64,9 @@ private:
 /// As ListingOf; throws std::filesystem::filesystem_error of the operation "directory_iterator::directory_iterator".
 [[nodiscard]] DirectoryListing ListOrThrow(const std::filesystem::path& path, Util::Win32Result<SourceFile> found);
 
-/// Whether a provider's folder is trusted: what its specialisation derives from. A provider is a function that returns
-/// a path, or a path as a wide FixedString. There is no default: each provider's header says it.
+/// Says whether a provider's folder is trusted. A provider is a function that returns a path, or a path as a wide
+/// FixedString. There is no default: each provider's header specialises it, by deriving from TrustedFolder or from a
+/// structure whose `Source` confines the folder.
 template <auto provider>
 struct TrustOf;
 struct TrustedFolder {

@@ -13,7 +13,7 @@ using Shared::Concurrency::IsInterrupted;
 
 // Each add writes the archive's directory anew.
 constexpr std::size_t maxFiles = 1000;
-// Of what users can write to.
+// Limits of folders that users can write to.
 constexpr std::uint64_t maxBytes = std::uint64_t{1} << 30U;
 constexpr std::size_t maxEntries = 100'000;
 constexpr std::size_t maxLevels = 64;
@@ -49,7 +49,7 @@ bool CopyJob::Scan(DirectoryListing listing, Depth depth, const std::function<vo
         if (depth == Depth::Tree && (source_.IsConfined() ? entry->IsDirectory() : entry->IsPlainDirectory())) {
             Descend(entry->path, levels);
         }
-        isCut = source_.IsConfined() && (entries == maxEntries || levels.size() > maxLevels);
+        isCut = source_.IsConfined() && (entries >= maxEntries || levels.size() > maxLevels);
     }
     if (isCut) {
         AddMessage(LogWarningAndReturn(fmt::format("The scan of the folder {} was cut at {} entries or {} levels.",

@@ -73,8 +73,10 @@ CheckResult CheckFound(const std::filesystem::path& file, const Win32Result<Sour
     if (facts.size > maxSize) {
         return std::unexpected(SizeExceeded(file, facts.size, maxSize));
     }
+    // What cannot be read is not opened by its path again: it may be another file by now, or under an oplock.
     DWORD binaryType = 0;
-    if (GetBinaryTypeW(Shared::FileSystem::LongForm(path).c_str(), &binaryType) != FALSE) {
+    if (found->error == ERROR_SUCCESS &&
+        GetBinaryTypeW(Shared::FileSystem::LongForm(path).c_str(), &binaryType) != FALSE) {
         return std::unexpected(
             Refusal(Reason::Executable,
                     fmt::format("The file '{}' is an executable binary and will be ignored.", ToUtf8Lossy(file))));
