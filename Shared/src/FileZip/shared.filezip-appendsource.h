@@ -29,7 +29,7 @@ namespace Shared::FileZip {
 /// still holds every entry and the directory before the copy. Nothing is promised for a power cut: writes are not
 /// forced to the disk, and the disk may take them in any order.
 ///
-/// Memory: a buffer of a megabyte and up to three directories. Not thread-safe.
+/// Memory: buffers of little more than a megabyte together, and up to four directories. Not thread-safe.
 class AppendInPlaceSource {
 public:
     /// The file is open and must outlive the source.

@@ -78,7 +78,12 @@ Win32ArchiveFile::Result Win32ArchiveFile::CopyTo(const std::filesystem::path& p
         return copy;
     }
     FileSystem::FileObjectRemover remover(path);
-    if (const auto copied = CopyContents(*this, **copy, isCancelled); !copied) {
+    auto copied = CopyContents(*this, **copy, isCancelled);
+    if (copied) {
+        // A network share may fail only now; the caller removes the original next.
+        copied = Util::ResultOf(FlushFileBuffers((*copy)->handle_.Get()));
+    }
+    if (!copied) {
         copy = std::unexpected(copied.error());  // closes the file, which is then removed
         return copy;
     }

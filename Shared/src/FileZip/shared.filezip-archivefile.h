@@ -34,9 +34,9 @@ public:
     virtual Win32Result<void> Truncate(std::uint64_t size) = 0;
 };
 
-/// The archive on disk. While the object exists no other process can open the file: none can read, map, lock, rename or
-/// delete it. Its handle is not inherited by child processes. Waits up to a second while another process holds the
-/// file.
+/// The archive on disk. While the object exists other processes can query the file's attributes, but not read, map,
+/// lock, rename or delete it. Its handle is not inherited by child processes. Waits up to a second while another
+/// process holds the file.
 class Win32ArchiveFile final : public ArchiveFile {
 public:
     using Result = Win32Result<std::unique_ptr<Win32ArchiveFile>>;
@@ -50,9 +50,9 @@ public:
     /// path.
     [[nodiscard]] static Result Create(const std::filesystem::path& path);
 
-    /// A new file with these contents and the access list that its folder passes on; ERROR_FILE_EXISTS when anything
-    /// exists at the path. `isCancelled` is asked before each megabyte; when it says so, the result is
-    /// ERROR_REQUEST_ABORTED. A failed copy is removed.
+    /// A new file with these contents, written through to its disk or server, and with the access list that its folder
+    /// passes on; ERROR_FILE_EXISTS when anything exists at the path. `isCancelled` is asked before each megabyte; when
+    /// it returns true, the result is ERROR_REQUEST_ABORTED. A failed copy is removed.
     [[nodiscard]] Result CopyTo(const std::filesystem::path& path, bool (*isCancelled)()) const;
 
     explicit Win32ArchiveFile(Util::FileHandle handle) : handle_(std::move(handle)) {}

@@ -6,7 +6,6 @@
 #include <zip.h>
 
 #include <algorithm>
-#include <optional>
 #include <utility>
 
 #include "shared.exception-guardedlog.h"
@@ -318,7 +317,8 @@ AddResult ZipArchiveWrapper::AddOpened(const std::string& entryName, const Opene
     if (libraryPath.empty()) {
         return NotArchived(source.path, "its name is not valid UTF-16");
     }
-    if (Write(entryName, libraryPath, *facts)) {
+    // A file that is written all the time may grow between the two looks again: the second time a larger size counts.
+    if (Write(entryName, libraryPath, *facts, mayTryAgain ? size : maxSize)) {
         return CheckAdded(entryName, source, size);
     }
     if (source_->LastFailure() != ERROR_SUCCESS) {
@@ -331,15 +331,18 @@ AddResult ZipArchiveWrapper::AddOpened(const std::string& entryName, const Opene
     return DropAdd(source.path, ReadingFailure(source.handle.Get(), size));
 }
 
+// The library must state a size from the checked one up to `largest` (0: no limit).
 bool ZipArchiveWrapper::Write(const std::string& entryName, const std::string& libraryPath,
-                              const FileSystem::FileFacts& checked) {
-    // Of a file that is empty when the library looks at it, the library reads whatever is there later.
+                              const FileSystem::FileFacts& checked, std::uint64_t largest) {
+    // A file that is empty at first the library would read to whatever end it has later.
     if (!(checked.size == 0 ? archive_->addData(entryName, "", 0) : archive_->addFile(entryName, libraryPath))) {
         return false;
     }
     libzippp::ZipEntry entry = archive_->getEntry(entryName);
-    // Of a reparse point, such as a deduplicated file, the library knows no size: it reads to the end.
-    const bool isChecked = entry.getSize() == checked.size || (entry.getSize() == 0 && checked.isReparsePoint);
+    // The library knows no size of a reparse point, such as a deduplicated file: it reads to the end.
+    const std::uint64_t stated = entry.getSize();
+    const bool isChecked =
+        (stated >= checked.size && (largest == 0 || stated <= largest)) || (stated == 0 && checked.isReparsePoint);
     if (entry.isNull() || !isChecked || !entry.setCompressionMethod(libzippp::DEFLATE) ||
         !entry.setCompressionLevel(deflateLevel)) {
         return false;

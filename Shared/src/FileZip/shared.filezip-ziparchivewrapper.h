@@ -24,8 +24,8 @@ class AppendInPlaceSource;
 [[nodiscard]] std::string FormatSize(std::uint64_t bytes);
 
 /// The output archive: owns the zip file on disk and the open library archive on it. After every add the archive is
-/// closed and opened again, so that the file on disk always holds what has been added. No other process can open the
-/// file meanwhile.
+/// closed and opened again, so that the file on disk always holds what has been added. No other process can read or
+/// change the file meanwhile.
 ///
 /// An add costs only the file it is asked to add: when the source vanishes, is locked or cannot be read to its end, or
 /// when the disk is full, the add returns a message that names the file and the reason, the archive stays valid and
@@ -50,8 +50,8 @@ public:
     struct AddFailure {
         /// Names the file and the reason.
         std::string message;
-        /// When the archive holds the file all the same: a part of one that changed its size, or the whole of one after
-        /// which the archive could not be opened again.
+        /// When the archive holds the file all the same: a part of one that changed its size, the whole of one after
+        /// which the archive could not be opened again, or one over the archive's limit that could not be taken out.
         std::optional<AddedEntry> archived{};
         /// The source's size in bytes when it is why nothing is archived: it is larger than the caller allows.
         std::optional<std::uint64_t> tooLarge{};
@@ -75,7 +75,8 @@ public:
     void Close();
 
     /// Copies the open archive to a new file, which is the archive from then on and takes the old one's place without
-    /// being closed in between. Fails as Win32ArchiveFile::CopyTo does; the archive is then still the old one.
+    /// being closed in between. When the copy fails, as Win32ArchiveFile::CopyTo does, the archive is still the old
+    /// one. When the copy cannot be opened as an archive, that is the failure, and no archive is open.
     [[nodiscard]] Util::Win32Result<void> CopyTo(const std::filesystem::path& path, bool (*isCancelled)());
 
     /// Points the wrapper at another file, which the next Open opens.
@@ -117,7 +118,8 @@ private:
                   std::uint64_t maxSize);
     AddResult AddOpened(const std::string& entryName, const FileSystem::OpenedFile& source, std::uint64_t maxSize,
                         bool mayTryAgain);
-    bool Write(const std::string& entryName, const std::string& libraryPath, const FileSystem::FileFacts& checked);
+    bool Write(const std::string& entryName, const std::string& libraryPath, const FileSystem::FileFacts& checked,
+               std::uint64_t largest);
     std::unexpected<AddFailure> DropAdd(const std::filesystem::path& source, std::string reason);
     AddResult CheckAdded(const std::string& entryName, const FileSystem::OpenedFile& source, std::uint64_t size);
     AddResult Exclude(const AddedEntry& entry, const std::filesystem::path& source);

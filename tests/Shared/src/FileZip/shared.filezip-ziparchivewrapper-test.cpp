@@ -185,15 +185,25 @@ TEST_F(ZipArchiveWrapperTest, AnAddReadsWhatWasChecked) {
     EXPECT_THAT(ErrorOf(addWhile("deduplicated", "checked", 0)),
                 AllOf(HasSubstr("in part: "), HasSubstr("to 0 bytes")));
     attributes = 0;
-    const fs::path source = Source("changing", "checked");
-    afterQuery = [&] {
-        fs::resize_file(source, 9);
-        afterQuery = [&] { fs::resize_file(source, 0); };
+    const auto addChanging = [&](const char* name, std::uintmax_t second) {
+        const fs::path source = Source(name, "checked");
+        afterQuery = [=] {
+            fs::resize_file(source, 9);
+            afterQuery = [=] { fs::resize_file(source, second); };
+        };
+        return zip_.AddFile(name, source, 100);
     };
-    EXPECT_THAT(ErrorOf(zip_.AddFile("changing", source)), HasSubstr("it shrank from 9 to 0 bytes"));
+    EXPECT_THAT(ErrorOf(addChanging("changing", 0)), HasSubstr("it shrank from 9 to 0 bytes"));
+    EXPECT_FALSE(addChanging("changing", 101));
+    const auto growing = addChanging("growing", 10);
+    EXPECT_TRUE(growing && growing->size == 10);
     const std::string nine("checked\0\0", 9);
-    EXPECT_EQ(OnDisk(zip_),
-              (Contents{{"kept", "kept"}, {"emptied", ""}, {"longer", nine}, {"begun", ""}, {"deduplicated", ""}}));
+    EXPECT_EQ(OnDisk(zip_), (Contents{{"kept", "kept"},
+                                      {"emptied", ""},
+                                      {"longer", nine},
+                                      {"begun", ""},
+                                      {"deduplicated", ""},
+                                      {"growing", nine + '\0'}}));
 }
 
 TEST_F(ZipArchiveWrapperTest, CuttingTheArchiveWaitsForFilterDrivers) {
