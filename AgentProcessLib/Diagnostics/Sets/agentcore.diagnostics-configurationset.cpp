@@ -21,10 +21,6 @@ using Agent = AoxmRegistryKey<"registry-oxm.txt", oxmKey, configurationType>;
 using AgentConfiguration = AoxmRegistryKey<"registry-oxm-config.txt", oxmConfigKey, configurationType>;
 using AccessAgent = LumoraAccessAgentRegistryKey<configurationType>;
 
-constexpr const char* vpnClientSource =
-    "HKLM\\SOFTWARE\\Velqor\\Portavo and "
-    "HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Authentication\\Credential Provider Filters";
-
 template <class KeyCollector>
 CollectorRow KeyRow(std::wstring_view key) {
     return Row<KeyCollector>(Shared::Util::ConvertStringType(key), MachineKeyName(key));
@@ -34,7 +30,8 @@ CollectorRow KeyRow(std::wstring_view key) {
 
 std::vector<CollectorRow> ConfigurationSet() {
     return {
-        Row<VpnClient>(vpnClientSource, MachineKeyName(portavoKey)),
+        Row<VpnClient>(MachineKeyName(portavoKey) + " and " + MachineKeyName(credentialProviderFiltersKey),
+                       MachineKeyName(portavoKey)),
         KeyRow<Agent>(oxmKey),
         KeyRow<AgentConfiguration>(oxmConfigKey),
         KeyRow<AccessAgent>(AccessAgent::keyPath),

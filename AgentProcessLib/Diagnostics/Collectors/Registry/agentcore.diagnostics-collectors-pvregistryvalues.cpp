@@ -96,7 +96,7 @@ void WriteCredentialProviderFilters(std::ostream& report) noexcept {
     WriteSection("Failed writing out Credential Provider Filters: {}", [&] {
         report << "Credential Provider Filters:\n";
         const std::wstring path(credentialProviderFiltersKey);
-        const auto key = FindKey(path);
+        const auto key = RegKey::Open(HKEY_LOCAL_MACHINE, path, KEY_READ);
         if (!key) {
             return;
         }

@@ -14,7 +14,7 @@ inline constexpr Shared::Util::FixedString credentialProviderFiltersKey =
     L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Authentication\\Credential Provider Filters";
 
 /// The sections of the report, in UTF-8. Each logs its own failure and leaves what it has written so far. A key that
-/// does not exist is no failure.
+/// does not exist is no failure; that of the filters is part of Windows, and logged when it cannot be opened.
 void WriteCredentialProviderFilters(std::ostream& report) noexcept;
 void WriteLatestCP(std::ostream& report) noexcept;
 void WritePreferredIP(std::ostream& report) noexcept;
