@@ -33,8 +33,8 @@ bool IsMissing(const fs::path& path) {
     return GetFileAttributesW(LongForm(path).c_str()) == INVALID_FILE_ATTRIBUTES && IsNotFound(GetLastError());
 }
 
-// What exists at the destination is removed, since the archive is never written through a link; but for a folder, also
-// a linked one: then the copy fails. A console that is being closed leaves no time for the copy, which is given up.
+// Removes what exists at the destination, since the archive is never written through a link. A folder, or a link to
+// one, stays, and the copy fails. A console that is being closed leaves no time for the copy, which is given up.
 Win32Result<void> Copy(ZipArchiveWrapper& zip, const fs::path& destination) {
     const auto removed = IsFolder(destination) ? Win32Result<void>() : RemoveName(destination);
     return removed ? zip.CopyTo(destination, &Shared::Concurrency::IsConsoleClosing) : removed;

@@ -1,7 +1,7 @@
 """What the benchmarks share: the data sets, the measuring of a command, the limits.
 
-A limit is a figure that holds on a busy machine as well. User CPU is compared with that of another tool in the same
-round, so that both meet the same load; wall time is printed only.
+A limit is a figure that holds on a busy machine as well. User CPU is compared with that of another run in the same
+round, so that both meet the same load. Wall time is only printed, but for one ratio of two runs that take turns.
 """
 import json
 import os

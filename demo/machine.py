@@ -27,7 +27,7 @@ TOOL = "Program Files/Velqor/Lumora Access Agent/lacli.exe"
 ACCESS_LOGS = "ProgramData/Velqor/Lumora Access Agent/Logs"
 LOCKED = OXM + "/oxm.05.log"  # among the ten of its base name
 PROFILES = ("anna", "default", "Zoë Müller")  # beside the one that Wine makes for the user it runs as
-NO_PROFILES = ("Public", "All Users", "Default User")  # in exactly this spelling; "Default" would be one more
+NO_PROFILES = ("Public", "All Users", "Default User")  # and "Default", in exactly this spelling
 
 # Path below the drive -> size in bytes.
 LOGS = {

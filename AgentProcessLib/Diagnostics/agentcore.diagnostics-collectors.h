@@ -3,7 +3,6 @@
 #include <diagnostics.pb.h>
 
 #include <concepts>
-#include <cstddef>
 #include <exception>
 #include <filesystem>
 #include <source_location>
@@ -17,7 +16,7 @@
 
 namespace AgentCore::Diagnostics {
 
-/// The diagnostic-type numbers that collectors carry as their last template argument.
+/// The numbers that a collector's `diagnosticType` can have.
 inline constexpr int logType = ::Diagnostics::DIAGNOSTIC_TYPE_LOG_ALL;
 inline constexpr int crashReportType = ::Diagnostics::DIAGNOSTIC_TYPE_CRASH_REPORT_ALL;
 inline constexpr int sampleType = ::Diagnostics::DIAGNOSTIC_TYPE_SAMPLE_ALL;
@@ -40,9 +39,9 @@ concept Collector =
         { collector.Collect(archiveFolder, zip) } noexcept -> std::same_as<CollectorStatus>;
     };
 
-/// What an add makes of a collector that adds one file: successful, with the file in its record, when the archive holds
-/// the file, or a part of it; what went wrong is the one message. `origin` is the path that the file came from, empty
-/// for what this run has generated.
+/// The status for one added file: successful, with the file in its record, when the archive holds the file or a part of
+/// it; what went wrong is the one message. `origin` is the path that the file came from, empty for what this run has
+/// generated.
 [[nodiscard]] CollectorStatus StatusOf(Shared::FileZip::ZipArchiveWrapper::AddResult added,
                                        const std::filesystem::path& origin);
 
@@ -54,7 +53,7 @@ struct Destination {
     const std::filesystem::path& folder;
     Shared::FileZip::ZipArchiveWrapper& zip;
 
-    /// Adds a file that the run has had made, under its own name.
+    /// Adds a file that a command of this run has written, under its own name.
     [[nodiscard]] CollectorStatus Add(const std::filesystem::path& file) const;
 
     /// Adds a generated file under the name that it was asked for.

@@ -6,9 +6,9 @@
 
 namespace AgentCore::Diagnostics {
 
-/// Adds "manifest.json" to the archive's root: one entry per status, in order, and the facts about the run. Files that
-/// other processes hold cost it at most a second. Throws RuntimeException when the JSON
-/// text cannot be made or archived, Win32Exception when its temporary file cannot be written.
+/// Adds "manifest.json" to the archive's root: one entry per status, in order, and the facts about the run. Waits at
+/// most a second for files that other processes hold. Throws RuntimeException when the JSON text cannot be made or
+/// archived, Win32Exception when its temporary file cannot be written.
 void WriteManifest(std::span<const CollectorStatus> statuses, Shared::FileZip::ZipArchiveWrapper& zip,
                    const ::Diagnostics::Run& run);
 

@@ -45,7 +45,8 @@ template <Collector First, Collector... Rest, class... Arguments>
 /// A row that collects nothing and has one message.
 [[nodiscard]] CollectorRow MessageRow(int type, std::string name, std::string origin, std::string message);
 
-/// What the function returns, or `asked`, the place that was asked, when it throws. The row's collectors report that.
+/// What the function returns, or `asked`, the place where it looks, when it throws. The row's collectors report the
+/// failure.
 [[nodiscard]] std::string OriginFrom(const std::function<std::string()>& origin, std::string_view asked);
 
 /// The time as the manifest states it: UTC, ISO 8601, whatever the user's locale.
@@ -55,7 +56,7 @@ template <Collector First, Collector... Rest, class... Arguments>
 [[nodiscard]] const std::string& TypeName(int type);
 
 /// "{}_{}" of the type name and the first number such that no entry's name contains the candidate as a substring: an
-/// entry below number 10 also blocks number 1.
+/// entry in the folder numbered 10 also blocks the number 1.
 [[nodiscard]] std::filesystem::path UniqueEntryFolder(int type, const Shared::FileZip::ZipArchiveWrapper& zip);
 
 /// Runs one row in a fresh folder and fills its manifest record. Files that other processes hold cost the row at most a

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <filesystem>
-
 #include "shared.concurrency-cmdrunner.h"
 #include "shared.filezip-ziparchivewrapper.h"
 #include "shared.util-handle.h"

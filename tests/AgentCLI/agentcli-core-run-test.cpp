@@ -12,7 +12,6 @@
 #include <regex>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "agentcli-core-collectdiagnostics.h"
 #include "agentcli-core-log.h"

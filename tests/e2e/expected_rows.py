@@ -201,7 +201,7 @@ Value DeviceId of type 3 ignored
 
 [Multistring] Servers = oxm1.example簠{unreadable}
 [String] Version = 7.4.1
-""".replace(r"\u7c20", "\u7c20"),
+""",
     "registry-oxm-config.txt": r"""Keyname: SOFTWARE\Velqor\OXM\Config
 [String] (Default) = (value not set)
 [String] LogLevel = info

@@ -128,7 +128,7 @@ class FullRun(Case):
 
 class BareRun(Case):
     def test_every_row_is_there_although_nothing_is(self):
-        # No profile but for its spelling; an unknown one's folder named so would be.
+        # No profile, since its name is spelt so.
         default = BARE.drive / "users/Default"
         (default / "AppData").mkdir(parents=True)
         self.addCleanup(shutil.rmtree, default)

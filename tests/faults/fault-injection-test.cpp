@@ -41,7 +41,7 @@ struct Plan {
     DWORD error = 0;
     /// What they return instead of their usual failure.
     std::optional<long long> result{};
-    /// Of GetFileInformationByHandleEx, the only class that fails.
+    /// The only class of GetFileInformationByHandleEx that fails.
     std::optional<FILE_INFO_BY_HANDLE_CLASS> information{};
     /// What FileBasicInfo says beside the file's own attributes.
     DWORD attributes = 0;

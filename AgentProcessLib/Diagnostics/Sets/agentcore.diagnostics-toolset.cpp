@@ -41,7 +41,8 @@ CollectorRow ToolRow() {
     return ToolRow<CommandToFile<&ToolCommand<Arguments>, FileName, sampleType>>(Arguments, &ToolCommand<Arguments>);
 }
 
-// Whether a folder is the root of a drive, a mounted volume or a share, where any user may create folders.
+// Whether a folder is the root of a drive, a mounted volume or a share, where any user may create folders. True also
+// when that cannot be found out.
 bool IsVolumeRoot(const std::filesystem::path& folder) {
     std::wstring path = Shared::FileSystem::FullPath(folder).native();
     path.erase(path.find_last_not_of(L'\\') + 1);

@@ -236,9 +236,9 @@ private:
     bool underWay_ = false;
 };
 
-// Ends with the command as it is, or between one more pair of quotation marks: of a command that begins with one, the
-// interpreter takes away the first and the last ("cmd /?"), among others when a special character is between the first
-// two, as in the path of a program below "Program Files (x86)".
+// When a command begins with a quotation mark and has a special character between its first two, as in the path of a
+// program below "Program Files (x86)", the interpreter takes away the first and the last mark ("cmd /?"). Such a
+// command gets one more pair.
 std::wstring CommandLine(const std::wstring& interpreter, const std::wstring& command) {
     const std::size_t second = command.starts_with(L'"') ? command.find(L'"', 1) : std::wstring::npos;
     const bool losesQuotes = second != std::wstring::npos && command.find_first_of(L"&<>()@^|") < second;

@@ -77,8 +77,8 @@ private:
 /// nothing outlives the call.
 ///
 /// Throws RuntimeException "Please specify a cmd command.", Win32Exception "CreatePipe() failed" and
-/// "CreateProcessW() failed" (ERROR_FILE_NOT_FOUND without an interpreter), and what ChildFolder and ReadFromPipe()
-/// throw apart from the timeout.
+/// "CreateProcessW() failed" (ERROR_FILE_NOT_FOUND without an interpreter), and what GetWindowsPath(), FullPath(),
+/// ChildFolder and, apart from the timeout, ReadFromPipe() throw.
 template <std::string (*Parser)(std::string)>
 [[nodiscard]] CmdRunStatus Execute(const std::wstring& command, std::chrono::milliseconds timeout,
                                    const std::filesystem::path& folder = {}) {

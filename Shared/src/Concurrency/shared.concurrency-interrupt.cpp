@@ -24,7 +24,7 @@ BOOL WINAPI OnConsoleEvent(DWORD event) {
             closing = true;
             interrupted = true;
             SetEvent(InterruptEvent());
-            // The process is ended when this returns: the main thread comes first.
+            // Windows ends the process as soon as this returns: the main thread is to end it first.
             Sleep(INFINITE);
             return TRUE;
         default:
@@ -41,7 +41,7 @@ InterruptWatch::InterruptWatch() noexcept {
 }
 
 InterruptWatch::~InterruptWatch() {
-    // The removal would wait for a handler that runs, and on closing the handler waits for the process.
+    // The call waits for a running handler, and while the console is being closed the handler never returns.
     if (!closing) {
         SetConsoleCtrlHandler(&OnConsoleEvent, FALSE);
     }

@@ -37,7 +37,7 @@ SECURITY_ATTRIBUTES AttributesOf(const Util::LocalMemory& descriptor) {
     return {.nLength = sizeof(SECURITY_ATTRIBUTES), .lpSecurityDescriptor = descriptor.Get(), .bInheritHandle = FALSE};
 }
 
-// No other call returns it, and other processes do not know it.
+// Each call returns another path, also in other processes that run at the same time.
 std::filesystem::path UniquePath(const std::filesystem::path& start) {
     static std::atomic<unsigned> number = 0;
     return fmt::format(L"{}.{:x}-{:x}-{}.tmp", start.native(), GetCurrentProcessId(), GetTickCount64(), ++number);

@@ -27,7 +27,6 @@ Util::Win32Result<const DirectoryEntry*> DirectoryListing::Next() {
         }
         entry_.path = NameBelow(folder_.native(), name);
         entry_.attributes = found.FileAttributes;
-        entry_.size = static_cast<std::uint64_t>(found.EndOfFile.QuadPart);
         entry_.lastWritten = found.LastWriteTime.QuadPart;
         return &entry_;
     }

@@ -18,8 +18,7 @@ namespace Shared::FileSystem {
 struct DirectoryEntry {
     std::filesystem::path path;
     DWORD attributes = 0;
-    std::uint64_t size = 0;
-    /// In units of FILETIME.
+    /// In 100 nanoseconds since 1601, UTC.
     std::int64_t lastWritten = 0;
 
     /// The last component of the path, as it is.
@@ -28,7 +27,7 @@ struct DirectoryEntry {
         return text.substr(text.rfind(L'\\') + 1);
     }
     [[nodiscard]] bool IsDirectory() const noexcept { return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
-    /// Whether this is a folder with its contents in place; a link to one, for example, is a reparse point.
+    /// Whether this is a folder and no reparse point: no link, mount point or placeholder.
     [[nodiscard]] bool IsPlainDirectory() const noexcept {
         return IsDirectory() && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
     }

@@ -36,6 +36,14 @@ std::filesystem::path WithoutFaults(const std::filesystem::path& path) {
     return Util::PathFromUtf8(Util::ToUtf8Lossy(path));
 }
 
+// Whether a read of an open file or folder with these attributes would fetch its content from elsewhere: offline
+// storage or a cloud.
+bool IsStoredElsewhere(DWORD attributes) noexcept {
+    // RECALL_ON_OPEN, 0x00040000, is a listing's: the same bit of an open file stands for extended attributes.
+    constexpr DWORD recallOnDataAccess = 0x00400000;
+    return (attributes & (FILE_ATTRIBUTE_OFFLINE | recallOnDataAccess)) != 0;
+}
+
 }  // namespace
 
 Util::Win32Result<FileFacts> FactsOf(HANDLE file) noexcept {
@@ -112,12 +120,6 @@ bool IsLink(DWORD attributes, DWORD reparseTag) noexcept {
     // be an ordinary file is treated as one.
     return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 &&
            (IsReparseTagNameSurrogate(reparseTag) || reparseTag == IO_REPARSE_TAG_RESERVED_ZERO);
-}
-
-bool IsStoredElsewhere(DWORD attributes) noexcept {
-    // Of an open file 0x00040000 says that it has extended attributes; only in a listing it stands for RECALL_ON_OPEN.
-    constexpr DWORD recallOnDataAccess = 0x00400000;
-    return (attributes & (FILE_ATTRIBUTE_OFFLINE | recallOnDataAccess)) != 0;
 }
 
 Util::Win32Result<void> CheckPlainFile(HANDLE file) noexcept {

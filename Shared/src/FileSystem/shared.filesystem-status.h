@@ -57,16 +57,12 @@ struct OpenedFile {
 /// reparse points as well, but ordinary files.
 [[nodiscard]] bool IsLink(DWORD attributes, DWORD reparseTag) noexcept;
 
-/// Whether reading an open file or folder with these attributes would fetch its content from elsewhere: offline storage
-/// or a cloud.
-[[nodiscard]] bool IsStoredElsewhere(DWORD attributes) noexcept;
-
 /// Succeeds for a file on a disk; fails as FactsOfOnlyName does, with ERROR_DIRECTORY for a folder, and with
 /// ERROR_BAD_FILE_TYPE for what is not on a disk.
 [[nodiscard]] Util::Win32Result<void> CheckPlainFile(HANDLE file) noexcept;
 
 /// Whether two paths lead to one file, decided by their final paths: not every file system has file ids. False when
-/// one of them cannot be opened.
+/// one of them cannot be opened or has no final path.
 [[nodiscard]] bool IsSameFile(const std::filesystem::path& left, const std::filesystem::path& right);
 
 /// The path of an open file with all links resolved, as a `\\?\` path.

@@ -32,7 +32,7 @@ public:
 [[nodiscard]] std::wstring_view SuperkeyName(HKEY key) noexcept;
 
 /// The key's default value, without its terminator. "(value not set)" when there is none, when it is no text and when
-/// it is empty. As the call does, this takes a REG_EXPAND_SZ for a REG_SZ, with the variables of its text expanded.
+/// it has no bytes. As the call does, this takes a REG_EXPAND_SZ for a REG_SZ, with the variables of its text expanded.
 /// Throws InvalidArgumentException for a null key, RegistryException when the value cannot be read.
 [[nodiscard]] std::wstring RegGetDefault(HKEY key);
 

@@ -61,7 +61,7 @@ struct KernelHandleKind {
 struct FileHandleKind : KernelHandleKind {
     static HANDLE Invalid() noexcept { return INVALID_HANDLE_VALUE; }
 };
-/// Of what null means none.
+/// For types whose null value means none.
 template <class T>
 struct PointerKind {
     using Value = T;

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-/// The part of libzippp's interface that this program calls, in that library's own shape and with its semantics, so
-/// that the library can take this one's place without a change to the callers. Nothing here throws except
+/// The part of libzippp's interface that this program and its tests call, in that library's own shape and with its
+/// semantics, so that the library can take this one's place without a change to the callers. Nothing here throws except
 /// std::bad_alloc.
 
 // NOLINTBEGIN(modernize-*, bugprone-macro-parentheses, performance-enum-size): the shape is that of the library's
