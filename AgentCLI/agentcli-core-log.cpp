@@ -28,6 +28,7 @@
 #include "shared.filesystem-removal.h"
 #include "shared.filesystem-status.h"
 #include "shared.util-handle.h"
+#include "shared.util-win32result.h"
 
 namespace AgentCLI::Core {
 
@@ -108,7 +109,7 @@ public:
 protected:
     void sink_it_(const spdlog::details::log_msg& message) override {
         const std::scoped_lock lock(fileMutex_);
-        // What the replacement of the file logs itself comes back here, and there is no file for it.
+        // A message that is logged while the file is replaced arrives here on the same thread; it has no file yet.
         if (std::exchange(isWriting_, true)) {
             return;
         }

@@ -155,8 +155,8 @@ class Case(unittest.TestCase):
         self.assert_nothing_runs_in(folder)
         return printed
 
-    def assert_soon(self, condition, found=lambda: "it does not hold"):
-        deadline = time.monotonic() + 20
+    def assert_soon(self, condition, found=lambda: "it does not hold", seconds=20):
+        deadline = time.monotonic() + seconds
         while not condition():
             self.assertLess(time.monotonic(), deadline, found())
             time.sleep(0.1)

@@ -128,7 +128,7 @@ class FullRun(Case):
 
 class BareRun(Case):
     def test_every_row_is_there_although_nothing_is(self):
-        # No profile, since its name is spelt so.
+        # A folder of exactly this name is no profile.
         default = BARE.drive / "users/Default"
         (default / "AppData").mkdir(parents=True)
         self.addCleanup(shutil.rmtree, default)
@@ -554,7 +554,7 @@ class Kill(Case):
         # In no console: one that closes would end the command as well.
         with FULL.start(EXE, "agent", "collect-diagnostics", "-s", cwd=self.folder,
                         LACLI_PAUSE_status="60000") as run:
-            self.assert_soon(is_asked)
+            self.assert_soon(is_asked, seconds=60)
             # It is flushed every five seconds.
             self.assert_soon(lambda: (self.folder / "agent-cli.log").stat().st_size)
             self.assertTrue(is_asked())

@@ -43,6 +43,15 @@ Win32Result<void> CopyContents(const ArchiveFile& from, ArchiveFile& to, bool (*
     }
 }
 
+// Returns when the disk or the server has the data. Some redirectors have no such request.
+Win32Result<void> Flush(HANDLE file) {
+    auto flushed = Util::ResultOf(FlushFileBuffers(file));
+    if (!flushed && (flushed.error() == ERROR_INVALID_FUNCTION || flushed.error() == ERROR_NOT_SUPPORTED)) {
+        return {};
+    }
+    return flushed;
+}
+
 OVERLAPPED At(std::uint64_t offset) {
     OVERLAPPED position{};
     position.Offset = static_cast<DWORD>(offset & std::numeric_limits<DWORD>::max());
@@ -81,7 +90,7 @@ Win32ArchiveFile::Result Win32ArchiveFile::CopyTo(const std::filesystem::path& p
     auto copied = CopyContents(*this, **copy, isCancelled);
     if (copied) {
         // A network share may fail only now; the caller removes the original next.
-        copied = Util::ResultOf(FlushFileBuffers((*copy)->handle_.Get()));
+        copied = Flush((*copy)->handle_.Get());
     }
     if (!copied) {
         copy = std::unexpected(copied.error());  // closes the file, which is then removed

@@ -50,9 +50,9 @@ public:
     /// path.
     [[nodiscard]] static Result Create(const std::filesystem::path& path);
 
-    /// A new file with these contents, written through to its disk or server, and with the access list that its folder
-    /// passes on; ERROR_FILE_EXISTS when anything exists at the path. `isCancelled` is asked before each megabyte; when
-    /// it returns true, the result is ERROR_REQUEST_ABORTED. A failed copy is removed.
+    /// A new file with these contents, flushed to its disk or server where the file system can do that, and with the
+    /// access list that its folder passes on; ERROR_FILE_EXISTS when anything exists at the path. `isCancelled` is
+    /// asked before each megabyte; when it returns true, the result is ERROR_REQUEST_ABORTED. A failed copy is removed.
     [[nodiscard]] Result CopyTo(const std::filesystem::path& path, bool (*isCancelled)()) const;
 
     explicit Win32ArchiveFile(Util::FileHandle handle) : handle_(std::move(handle)) {}

@@ -317,7 +317,7 @@ AddResult ZipArchiveWrapper::AddOpened(const std::string& entryName, const Opene
     if (libraryPath.empty()) {
         return NotArchived(source.path, "its name is not valid UTF-16");
     }
-    // A file that is written all the time may grow between the two looks again: the second time a larger size counts.
+    // A file that is being written may grow again between this check and the library's: the second time that is fine.
     if (Write(entryName, libraryPath, *facts, mayTryAgain ? size : maxSize)) {
         return CheckAdded(entryName, source, size);
     }
@@ -334,7 +334,7 @@ AddResult ZipArchiveWrapper::AddOpened(const std::string& entryName, const Opene
 // The library must state a size from the checked one up to `largest` (0: no limit).
 bool ZipArchiveWrapper::Write(const std::string& entryName, const std::string& libraryPath,
                               const FileSystem::FileFacts& checked, std::uint64_t largest) {
-    // A file that is empty at first the library would read to whatever end it has later.
+    // The library would read a file that is empty at first to whatever end it has later.
     if (!(checked.size == 0 ? archive_->addData(entryName, "", 0) : archive_->addFile(entryName, libraryPath))) {
         return false;
     }
